@@ -1,0 +1,7 @@
+#include "mixer/core/Connect.h"
+
+namespace mixer {
+
+Connect::~Connect() {}
+
+}  // namespace mixer

@@ -1,0 +1,26 @@
+#pragma once
+
+// Everything a host or a client program of the mixer needs.
+
+#include "mixer/core/AudioFrame.h"
+#include "mixer/core/Connect.h"
+#include "mixer/core/InOut.h"
+#include "mixer/core/Log.h"
+#include "mixer/core/MsgEnableMic.h"
+#include "mixer/core/MsgHead.h"
+#include "mixer/core/MsgNewInput.h"
+#include "mixer/core/MsgNewOutput.h"
+#include "mixer/core/MsgPing.h"
+#include "mixer/core/MsgQ.h"
+#include "mixer/core/MsgSetFocus.h"
+#include "mixer/core/MsgSetSpeakerVol.h"
+#include "mixer/core/MsgSetStreamVol.h"
+#include "mixer/core/MsgWriteInfo.h"
+#include "mixer/core/Output.h"
+#include "mixer/core/PlaybackModes.h"
+#include "mixer/core/StreamInfo.h"
+#include "mixer/core/StreamNames.h"
+#include "mixer/input/Input.h"
+#include "mixer/input/MixerIO.h"
+#include "mixer/algo/Algo.h"
+#include "mixer/algo/MixKernels.h"
