@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+
+#include "host/ControlCommand.h"
+
+namespace mixer {
+namespace host {
+
+// The client end of the control socket (mixerctl): one request, one reply.
+//
+// Threading: any thread; no state.
+class ControlClient {
+public:
+    // Sends line to the daemon at path and reads its reply, waiting at most timeoutMs
+    // for it. true with reply filled (which may itself be an error from the daemon), or
+    // false with a reason in error when the daemon could not be reached or answered
+    // nothing sensible.
+    static bool Request(const std::string& path, const std::string& line, ControlReply& reply,
+                        std::string& error, int timeoutMs = 10000);
+};
+
+}  // namespace host
+}  // namespace mixer

@@ -1,0 +1,135 @@
+#include "host/ControlDispatcher.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <sstream>
+
+#include "host/LatencyCarrierInput.h"
+#include "host/LatencyListener.h"
+#include "host/MsgWriteInfoNotify.h"
+#include "mixer/core/Log.h"
+#include "mixer/core/MsgEnableMic.h"
+#include "mixer/core/MsgNewInput.h"
+#include "mixer/core/MsgNewOutput.h"
+#include "mixer/core/MsgSetFocus.h"
+#include "mixer/core/MsgSetSpeakerVol.h"
+#include "mixer/core/MsgSetStreamVol.h"
+
+namespace mixer {
+namespace host {
+
+ControlDispatcher::ControlDispatcher(EngineSink& sink, boost::shared_ptr<LatencyProbe> probe,
+                                     const Settings& settings)
+    : sink_(sink), probe_(probe), settings_(settings), speakerVolume_(settings.speakerVolume),
+      micEnabled_(false) {}
+
+unsigned ControlDispatcher::SpeakerVolume() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return speakerVolume_;
+}
+
+bool ControlDispatcher::MicEnabled() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return micEnabled_;
+}
+
+ControlReply ControlDispatcher::Handle(const ControlCommand& cmd) {
+    switch (cmd.kind) {
+    case ControlCommand::kStreamVolume: {
+        unsigned speaker = SpeakerVolume();
+        sink_.PostPlayback(boost::shared_ptr<MsgHead>(new MsgSetStreamVol(cmd.streamType, cmd.volume, speaker)));
+        MIXER_LOG_I("Mixerd_Control:volume %s %u (speaker %u):", cmd.streamType.c_str(), cmd.volume, speaker);
+        return ControlReply::Ok();
+    }
+    case ControlCommand::kSpeakerVolume: {
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            speakerVolume_ = cmd.volume;
+        }
+        sink_.PostPlayback(boost::shared_ptr<MsgHead>(new MsgSetSpeakerVol(cmd.volume)));
+        MIXER_LOG_I("Mixerd_Control:speaker %u:", cmd.volume);
+        return ControlReply::Ok();
+    }
+    case ControlCommand::kFocus:
+        // The engine cannot take focus away; "none" only stops new streams getting it.
+        if (!cmd.streamType.empty())
+            sink_.PostPlayback(boost::shared_ptr<MsgHead>(new MsgSetFocus(cmd.streamType)));
+        sink_.FocusChanged(cmd.streamType);
+        MIXER_LOG_I("Mixerd_Control:focus '%s':", cmd.streamType.c_str());
+        return ControlReply::Ok();
+    case ControlCommand::kMic: {
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            micEnabled_ = cmd.enable;
+        }
+        sink_.PostRecord(boost::shared_ptr<MsgHead>(new MsgEnableMic(cmd.enable ? 1 : 0)));
+        MIXER_LOG_I("Mixerd_Control:mic %s:", cmd.enable ? "on" : "off");
+        return ControlReply::Ok();
+    }
+    case ControlCommand::kStatus:
+        return Status();
+    case ControlCommand::kLatency:
+        return Latency();
+    case ControlCommand::kHelp:
+        break;
+    }
+    return ControlReply::Error("request not handled here");
+}
+
+ControlReply ControlDispatcher::Status() {
+    const std::string& file = settings_.statusFile;
+    unlink(file.c_str());  // so that a report left from earlier is never taken for this one
+    std::shared_ptr<std::promise<void>> done = std::make_shared<std::promise<void>>();
+    std::future<void> written = done->get_future();
+    sink_.PostPlayback(boost::shared_ptr<MsgHead>(new MsgWriteInfoNotify(file, done)));
+    done.reset();
+    if (written.wait_for(std::chrono::milliseconds(settings_.statusTimeoutMs)) != std::future_status::ready)
+        return ControlReply::Error("no status report within " + std::to_string(settings_.statusTimeoutMs) +
+                                   " ms: the engines do not answer");
+    std::ifstream in(file.c_str());
+    if (!in) return ControlReply::Error("the engines could not write the status report to " + file);
+    std::ostringstream body;
+    body << in.rdbuf();
+    return ControlReply::Ok(body.str());
+}
+
+ControlReply ControlDispatcher::Latency() {
+    if (probe_->Active()) return ControlReply::Error("a latency test is already running");
+    bool micWasOn = MicEnabled();
+    probe_->Arm();
+    if (!micWasOn) sink_.PostRecord(boost::shared_ptr<MsgHead>(new MsgEnableMic(1)));
+    boost::shared_ptr<Output> listener(new LatencyListener(probe_));
+    sink_.PostRecord(boost::shared_ptr<MsgHead>(new MsgNewOutput(listener, PLAYBACK_MODE_DEFAULT)));
+    unsigned carrierFrames = settings_.latencyTimeoutMs / 20 + 1;
+    boost::shared_ptr<Input> carrier(
+        new LatencyCarrierInput(probe_, settings_.mixRate, settings_.mixNumCh, carrierFrames));
+    sink_.PostPlayback(boost::shared_ptr<MsgHead>(new MsgNewInput(carrier)));
+    sink_.PostPlayback(boost::shared_ptr<MsgHead>(new MsgHead(MSG_LATENCY_TEST)));
+    int64_t delayUs = 0;
+    LatencyProbe::Outcome outcome = probe_->Wait(settings_.latencyTimeoutMs, delayUs);
+    if (!micWasOn) sink_.PostRecord(boost::shared_ptr<MsgHead>(new MsgEnableMic(0)));
+    std::string limit = std::to_string(settings_.latencyTimeoutMs) + " ms";
+    switch (outcome) {
+    case LatencyProbe::kMeasured: {
+        char text[64];
+        snprintf(text, sizeof(text), "latency %lld.%lld ms\n", static_cast<long long>(delayUs / 1000),
+                 static_cast<long long>((delayUs % 1000) / 100));
+        MIXER_LOG_I("Mixerd_Control:LatencyTest:%lld us:", static_cast<long long>(delayUs));
+        return ControlReply::Ok(text);
+    }
+    case LatencyProbe::kNoMark:
+        MIXER_LOG_W("Mixerd_Control:LatencyTest:no mark written:");
+        return ControlReply::Error("latency test: the output did not carry the mark within " + limit +
+                                   " (no silence algorithm on the output?)");
+    default:
+        MIXER_LOG_W("Mixerd_Control:LatencyTest:mark not heard:");
+        return ControlReply::Error("latency test: the mark did not come back on the microphone within " +
+                                   limit);
+    }
+}
+
+}  // namespace host
+}  // namespace mixer

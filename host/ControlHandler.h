@@ -1,0 +1,19 @@
+#pragma once
+
+#include "host/ControlCommand.h"
+
+namespace mixer {
+namespace host {
+
+// What the control server hands each well-formed request to.
+//
+// Threading: called on the control server's thread only, one request at a time. May
+// block for a bounded time (a status report, a latency measurement).
+class ControlHandler {
+public:
+    virtual ~ControlHandler() {}
+    virtual ControlReply Handle(const ControlCommand& cmd) = 0;
+};
+
+}  // namespace host
+}  // namespace mixer

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string>
+
+#include "host/ControlCommand.h"
+
+namespace mixer {
+namespace host {
+
+// The control socket's line protocol. A client connects, sends one request line ended
+// by a line feed, and reads the reply until the daemon closes the connection:
+//
+//   request  = "volume" TYPE PERCENT | "speaker" PERCENT | "focus" (TYPE | "none")
+//            | "mic" ("on" | "off") | "status" | "latency" | "help"
+//   reply    = "OK" LF body            ; body: zero or more lines
+//            | "ERR " reason LF
+//
+// Words are separated by blanks or tabs; keywords are lower case; PERCENT is a decimal
+// 0..100; TYPE is 1..kMaxTypeLen printable characters without blanks (a stream type, the
+// seventh line of a stream description file). A request is at most kMaxLineLen bytes.
+//
+// Threading: pure functions; any thread.
+class ControlProtocol {
+public:
+    static constexpr size_t kMaxLineLen = 256;
+    static constexpr size_t kMaxTypeLen = 64;
+
+    // Parses one request line (a trailing CR or LF is ignored). true with cmd filled, or
+    // false with a one-line reason in error.
+    static bool Parse(const std::string& line, ControlCommand& cmd, std::string& error);
+
+    // The reply as sent on the socket.
+    static std::string FormatReply(const ControlReply& reply);
+    // Splits what a client read back into a reply; false if it is not a reply at all.
+    static bool ParseReply(const std::string& data, ControlReply& reply);
+
+    // The request summary that "help" returns and mixerctl prints.
+    static const char* Usage();
+};
+
+}  // namespace host
+}  // namespace mixer

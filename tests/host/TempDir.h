@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdlib>
+#include <string>
+
+namespace mixer {
+namespace test {
+
+// A fresh directory under /tmp, removed with its contents when the object goes.
+class TempDir {
+public:
+    TempDir() {
+        char tmpl[] = "/tmp/mixerd-test-XXXXXX";
+        const char* p = mkdtemp(tmpl);
+        path_ = p ? p : "/tmp";
+    }
+    ~TempDir() {
+        std::string cmd = "rm -rf '" + path_ + "'";
+        if (path_ != "/tmp" && std::system(cmd.c_str()) != 0) {
+        }
+    }
+    std::string File(const std::string& name) const { return path_ + "/" + name; }
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+}  // namespace test
+}  // namespace mixer
