@@ -1,0 +1,210 @@
+#include "host/DaemonOptions.h"
+
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace mixer {
+namespace host {
+
+namespace {
+
+bool ParseUnsigned(const char* text, unsigned lo, unsigned hi, unsigned& value) {
+    if (!text || !*text || *text == '-' || *text == '+') return false;
+    errno = 0;
+    char* end = nullptr;
+    unsigned long v = std::strtoul(text, &end, 10);
+    if (errno || *end || v < lo || v > hi) return false;
+    value = static_cast<unsigned>(v);
+    return true;
+}
+
+}  // namespace
+
+DaemonOptions::DaemonOptions()
+    : socketPath("/run/mixerd.sock"), statusFile("/run/mixerd.status"), output("alsa"),
+      device("default"), outFile("out.wav"), mic("alsa"), micDevice("default"), rate(48000),
+      channels(2), deviceRate(0), micRate(16000), micChannels(1), volume(40), haveLogMask(false),
+      logMask(0), logStderr(false) {}
+
+bool DaemonOptions::ParseLogMask(const std::string& text, uint32_t& mask) {
+    if (text.empty()) return false;
+    if (text[0] >= '0' && text[0] <= '9') {
+        errno = 0;
+        char* end = nullptr;
+        unsigned long long v = std::strtoull(text.c_str(), &end, 0);
+        if (errno || *end || v > 0xFFFFFFFFull) return false;
+        mask = static_cast<uint32_t>(v);
+        return true;
+    }
+    uint32_t m = 0;
+    for (char c : text) {
+        switch (c) {
+        case 'E': m |= 0x2000000u; break;
+        case 'W': m |= 0x1000000u; break;
+        case 'I': m |= 0x800000u; break;
+        case 'D': m |= 0x8000u; break;
+        case 'P': m |= 0x20u; break;
+        default: return false;
+        }
+    }
+    mask = m;
+    return true;
+}
+
+DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonOptions& opts,
+                                           std::string& error) {
+    enum { kSocket = 256, kStatus, kOutput, kDevice, kOutFile, kMic, kMicDevice, kMicFile, kRate,
+           kChannels, kDeviceRate, kMicRate, kMicChannels, kVolume, kLogMask, kLogStderr };
+    static const option longOpts[] = {
+        {"socket", required_argument, nullptr, kSocket},
+        {"status-file", required_argument, nullptr, kStatus},
+        {"output", required_argument, nullptr, kOutput},
+        {"device", required_argument, nullptr, kDevice},
+        {"out-file", required_argument, nullptr, kOutFile},
+        {"mic", required_argument, nullptr, kMic},
+        {"mic-device", required_argument, nullptr, kMicDevice},
+        {"mic-file", required_argument, nullptr, kMicFile},
+        {"rate", required_argument, nullptr, kRate},
+        {"channels", required_argument, nullptr, kChannels},
+        {"device-rate", required_argument, nullptr, kDeviceRate},
+        {"mic-rate", required_argument, nullptr, kMicRate},
+        {"mic-channels", required_argument, nullptr, kMicChannels},
+        {"volume", required_argument, nullptr, kVolume},
+        {"log-mask", required_argument, nullptr, kLogMask},
+        {"log-stderr", no_argument, nullptr, kLogStderr},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
+        {nullptr, 0, nullptr, 0},
+    };
+    DaemonOptions o;
+    optind = 0;  // restart getopt's scan: Parse may be called more than once
+    opterr = 0;
+    for (;;) {
+        int longIndex = -1;
+        int c = getopt_long(argc, argv, ":hV", longOpts, &longIndex);
+        if (c == -1) break;
+        std::string arg = optarg ? optarg : "";
+        std::string name = longIndex >= 0 ? std::string("--") + longOpts[longIndex].name : "";
+        bool ok = true;
+        switch (c) {
+        case 'h': return kHelp;
+        case 'V': return kVersion;
+        case kSocket: o.socketPath = arg; ok = !arg.empty(); break;
+        case kStatus: o.statusFile = arg; ok = !arg.empty(); break;
+        case kOutput: o.output = arg; ok = arg == "alsa" || arg == "wav"; break;
+        case kDevice: o.device = arg; ok = !arg.empty(); break;
+        case kOutFile: o.outFile = arg; ok = !arg.empty(); break;
+        case kMic: o.mic = arg; ok = arg == "alsa" || arg == "wav" || arg == "tone"; break;
+        case kMicDevice: o.micDevice = arg; ok = !arg.empty(); break;
+        case kMicFile: o.micFile = arg; ok = !arg.empty(); break;
+        case kRate: ok = ParseUnsigned(optarg, 8000, 96000, o.rate); break;
+        case kChannels: ok = ParseUnsigned(optarg, 1, 8, o.channels); break;
+        case kDeviceRate: ok = ParseUnsigned(optarg, 8000, 96000, o.deviceRate); break;
+        case kMicRate: ok = ParseUnsigned(optarg, 8000, 96000, o.micRate); break;
+        case kMicChannels: ok = ParseUnsigned(optarg, 1, 8, o.micChannels); break;
+        case kVolume: ok = ParseUnsigned(optarg, 0, 100, o.volume); break;
+        case kLogMask: ok = o.haveLogMask = ParseLogMask(arg, o.logMask); break;
+        case kLogStderr: o.logStderr = true; break;
+        case ':':
+            error = std::string("option ") + argv[optind - 1] + " needs a value";
+            return kError;
+        default:
+            error = std::string("unknown option ") + argv[optind - 1] + " (see --help)";
+            return kError;
+        }
+        if (!ok) {
+            error = "bad value '" + arg + "' for " + name + " (see --help)";
+            return kError;
+        }
+    }
+    if (optind < argc) {
+        error = std::string("unexpected argument '") + argv[optind] + "' (see --help)";
+        return kError;
+    }
+    if (o.mic == "wav" && o.micFile.empty()) {
+        error = "--mic wav needs --mic-file";
+        return kError;
+    }
+    opts = o;
+    return kRun;
+}
+
+const char* DaemonOptions::Help() {
+    return
+"NAME\n"
+"    mixerd - audio mixer daemon\n"
+"\n"
+"SYNOPSIS\n"
+"    mixerd [--output alsa|wav] [--device PCM] [--out-file FILE]\n"
+"           [--mic alsa|wav|tone] [--mic-device PCM] [--mic-file FILE]\n"
+"           [--rate HZ] [--channels N] [--device-rate HZ] [--mic-rate HZ]\n"
+"           [--mic-channels N] [--volume PERCENT] [--socket PATH]\n"
+"           [--status-file PATH] [--log-mask MASK] [--log-stderr]\n"
+"\n"
+"DESCRIPTION\n"
+"    mixerd mixes the sound of its client programs and plays it on one output\n"
+"    device, and hands microphone audio to the clients that record. A client\n"
+"    announces a stream by writing a stream description file into\n"
+"    /var/run/mixer and exchanges audio with the daemon through shared memory\n"
+"    (see mixer-play(1) and mixer-rec(1)). The daemon runs in the foreground;\n"
+"    SIGTERM or SIGINT stops it cleanly.\n"
+"\n"
+"    Every stream is mixed at the mix rate, each through a gain ramp (volume,\n"
+"    focus and ducking without clicks) and, when its rate differs, a resampler.\n"
+"    Stream transport types: \"dataTrans\" (the mixer's shared block queue),\n"
+"    \"shmQ\" and \"shmB\" (the platform's shared queue and buffer). A stream\n"
+"    named micAsr, micHfp or micRaw records instead: the daemon writes\n"
+"    microphone frames into the block queue that the client created.\n"
+"\n"
+"OPTIONS\n"
+"    --output alsa|wav     playback device: the sound card (default) or a WAV\n"
+"                          file written in real time, for machines without one\n"
+"    --device PCM          ALSA playback device (default \"default\")\n"
+"    --out-file FILE       WAV output file (default out.wav); silent periods are\n"
+"                          written as silence, so the file is a timeline\n"
+"    --mic alsa|wav|tone   microphone: ALSA capture (default), a WAV file heard\n"
+"                          in a loop, or a steady 440 Hz tone\n"
+"    --mic-device PCM      ALSA capture device (default \"default\")\n"
+"    --mic-file FILE       the file for --mic wav\n"
+"    --rate HZ             mix rate (default 48000)\n"
+"    --channels N          mix channels (default 2)\n"
+"    --device-rate HZ      playback device rate; a resampler converts the mix\n"
+"                          when it differs (default: the mix rate)\n"
+"    --mic-rate HZ         microphone rate for alsa and tone (default 16000)\n"
+"    --mic-channels N      microphone channels (default 1)\n"
+"    --volume PERCENT      speaker volume at start, 0..100 (default 40;\n"
+"                          52 is unity gain, 100 is +24 dB)\n"
+"    --socket PATH         control socket (default /run/mixerd.sock)\n"
+"    --status-file PATH    where status reports are written\n"
+"                          (default /run/mixerd.status)\n"
+"    --log-mask MASK       which diagnostics reach the log: a number (0x2000000\n"
+"                          errors, 0x1000000 warnings, 0x800000 information,\n"
+"                          0x8000 debug, 0x20 performance) or letters from EWIDP\n"
+"                          (default: the platform's, errors, warnings, information)\n"
+"    --log-stderr          write log lines to standard error instead of syslog\n"
+"    -h, --help            this text\n"
+"    -V, --version         the version\n"
+"\n"
+"CONTROL\n"
+"    mixerctl(1) sends one request per connection to the control socket:\n"
+"    volume TYPE PERCENT, speaker PERCENT, focus TYPE|none, mic on|off, status,\n"
+"    latency, help. A focused stream type stays focused for streams that start\n"
+"    later; while one of its streams plays, the others are ducked.\n"
+"\n"
+"EVENTS\n"
+"    On the platform event bus: MixerStreamAdded and MixerStreamRemoved with the\n"
+"    stream's name, MixerFocusChanged with the stream type.\n"
+"\n"
+"FILES\n"
+"    /var/run/mixer        stream description files (removed at exit)\n"
+"    /run/mixerd.sock      control socket\n"
+"\n"
+"EXIT STATUS\n"
+"    0 after a clean stop, 1 when the daemon could not start, 2 for a bad\n"
+"    command line.\n";
+}
+
+}  // namespace host
+}  // namespace mixer

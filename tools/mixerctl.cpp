@@ -1,0 +1,98 @@
+// mixerctl: sends one control request to mixerd and prints the reply.
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "host/ControlClient.h"
+#include "host/ControlProtocol.h"
+
+namespace {
+
+const char* const kHelp =
+"NAME\n"
+"    mixerctl - control the audio mixer daemon\n"
+"\n"
+"SYNOPSIS\n"
+"    mixerctl [--socket PATH] [--timeout MS] REQUEST [ARGUMENT...]\n"
+"\n"
+"DESCRIPTION\n"
+"    Sends REQUEST to mixerd(8) over its control socket and prints the reply.\n"
+"\n"
+"REQUESTS\n"
+"%s"
+"\n"
+"OPTIONS\n"
+"    --socket PATH   the daemon's control socket (default /run/mixerd.sock)\n"
+"    --timeout MS    how long to wait for the reply (default 10000)\n"
+"    -h, --help      this text\n"
+"\n"
+"EXAMPLES\n"
+"    mixerctl focus prompt     prompts duck everything else while they speak\n"
+"    mixerctl volume music 30\n"
+"    mixerctl status\n"
+"\n"
+"EXIT STATUS\n"
+"    0 when the daemon carried the request out, 1 when it refused it (the reason\n"
+"    is printed), 2 when it could not be reached or for a bad command line.\n";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string socketPath = "/run/mixerd.sock";
+    int timeoutMs = 10000;
+    std::string line;
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        if (line.empty() && (a == "-h" || a == "--help")) {
+            std::string requests;
+            for (const char* p = mixer::host::ControlProtocol::Usage(); *p; ++p) {
+                if (p == mixer::host::ControlProtocol::Usage() || p[-1] == '\n') requests += "    ";
+                requests += *p;
+            }
+            std::printf(kHelp, requests.c_str());
+            return 0;
+        }
+        if (line.empty() && (a == "--socket" || a == "--timeout")) {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "mixerctl: option %s needs a value\n", a.c_str());
+                return 2;
+            }
+            std::string v = argv[++i];
+            if (a == "--socket") {
+                socketPath = v;
+            } else {
+                char* end = nullptr;
+                long t = std::strtol(v.c_str(), &end, 10);
+                if (*end || t <= 0 || t > 3600000) {
+                    std::fprintf(stderr, "mixerctl: bad value '%s' for --timeout\n", v.c_str());
+                    return 2;
+                }
+                timeoutMs = static_cast<int>(t);
+            }
+            continue;
+        }
+        if (line.empty() && a.compare(0, 2, "--") == 0) {
+            std::fprintf(stderr, "mixerctl: unknown option %s (see --help)\n", a.c_str());
+            return 2;
+        }
+        line += (line.empty() ? "" : " ") + a;
+    }
+    if (line.empty()) {
+        std::fprintf(stderr, "mixerctl: no request given (see --help)\n");
+        return 2;
+    }
+    mixer::host::ControlReply reply;
+    std::string error;
+    if (!mixer::host::ControlClient::Request(socketPath, line, reply, error, timeoutMs)) {
+        std::fprintf(stderr, "mixerctl: %s\n", error.c_str());
+        return 2;
+    }
+    if (!reply.ok) {
+        std::fprintf(stderr, "mixerctl: %s\n", reply.text.c_str());
+        return 1;
+    }
+    std::fputs(reply.text.c_str(), stdout);
+    return 0;
+}
