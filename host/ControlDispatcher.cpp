@@ -24,7 +24,7 @@ namespace host {
 ControlDispatcher::ControlDispatcher(EngineSink& sink, boost::shared_ptr<LatencyProbe> probe,
                                      const Settings& settings)
     : sink_(sink), probe_(probe), settings_(settings), speakerVolume_(settings.speakerVolume),
-      micEnabled_(false) {}
+      micEnabled_(settings.micEnabled) {}
 
 unsigned ControlDispatcher::SpeakerVolume() const {
     std::lock_guard<std::mutex> guard(mutex_);

@@ -30,12 +30,13 @@ public:
     struct Settings {
         Settings()
             : statusFile("/run/mixerd.status"), speakerVolume(40), statusTimeoutMs(3000),
-              latencyTimeoutMs(2000), mixRate(48000), mixNumCh(2) {}
+              latencyTimeoutMs(2000), mixRate(48000), mixNumCh(2), micEnabled(false) {}
         std::string statusFile;      // where the engines write the report
         unsigned speakerVolume;      // the speaker volume the engines start with
         unsigned statusTimeoutMs;
         unsigned latencyTimeoutMs;
         unsigned mixRate, mixNumCh;  // format of the latency carrier
+        bool micEnabled;             // what the daemon told the record engine at start
     };
 
     ControlDispatcher(EngineSink& sink, boost::shared_ptr<LatencyProbe> probe,
