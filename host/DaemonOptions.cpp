@@ -26,7 +26,7 @@ DaemonOptions::DaemonOptions()
     : socketPath("/run/mixerd.sock"), statusFile("/run/mixerd.status"), output("alsa"),
       device("default"), outFile("out.wav"), mic("alsa"), micDevice("default"), rate(48000),
       channels(2), deviceRate(0), micRate(16000), micChannels(1), volume(40), haveLogMask(false),
-      logMask(0), logStderr(false) {}
+      logMask(0), logStderr(false), readyFd(-1), micOff(false) {}
 
 bool DaemonOptions::ParseLogMask(const std::string& text, uint32_t& mask) {
     if (text.empty()) return false;
@@ -56,7 +56,8 @@ bool DaemonOptions::ParseLogMask(const std::string& text, uint32_t& mask) {
 DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonOptions& opts,
                                            std::string& error) {
     enum { kSocket = 256, kStatus, kOutput, kDevice, kOutFile, kMic, kMicDevice, kMicFile, kRate,
-           kChannels, kDeviceRate, kMicRate, kMicChannels, kVolume, kLogMask, kLogStderr };
+           kChannels, kDeviceRate, kMicRate, kMicChannels, kVolume, kLogMask, kLogStderr, kReadyFd,
+           kMicOff };
     static const option longOpts[] = {
         {"socket", required_argument, nullptr, kSocket},
         {"status-file", required_argument, nullptr, kStatus},
@@ -74,6 +75,8 @@ DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonO
         {"volume", required_argument, nullptr, kVolume},
         {"log-mask", required_argument, nullptr, kLogMask},
         {"log-stderr", no_argument, nullptr, kLogStderr},
+        {"ready-fd", required_argument, nullptr, kReadyFd},
+        {"mic-off", no_argument, nullptr, kMicOff},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
@@ -107,6 +110,13 @@ DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonO
         case kVolume: ok = ParseUnsigned(optarg, 0, 100, o.volume); break;
         case kLogMask: ok = o.haveLogMask = ParseLogMask(arg, o.logMask); break;
         case kLogStderr: o.logStderr = true; break;
+        case kReadyFd: {
+            unsigned fd = 0;
+            ok = ParseUnsigned(optarg, 3, 1023, fd);
+            o.readyFd = static_cast<int>(fd);
+            break;
+        }
+        case kMicOff: o.micOff = true; break;
         case ':':
             error = std::string("option ") + argv[optind - 1] + " needs a value";
             return kError;
@@ -142,6 +152,7 @@ const char* DaemonOptions::Help() {
 "           [--rate HZ] [--channels N] [--device-rate HZ] [--mic-rate HZ]\n"
 "           [--mic-channels N] [--volume PERCENT] [--socket PATH]\n"
 "           [--status-file PATH] [--log-mask MASK] [--log-stderr]\n"
+"           [--mic-off] [--ready-fd FD]\n"
 "\n"
 "DESCRIPTION\n"
 "    mixerd mixes the sound of its client programs and plays it on one output\n"
@@ -174,6 +185,7 @@ const char* DaemonOptions::Help() {
 "                          when it differs (default: the mix rate)\n"
 "    --mic-rate HZ         microphone rate for alsa and tone (default 16000)\n"
 "    --mic-channels N      microphone channels (default 1)\n"
+"    --mic-off             start with the microphone disabled (mixerctl mic on)\n"
 "    --volume PERCENT      speaker volume at start, 0..100 (default 40;\n"
 "                          52 is unity gain, 100 is +24 dB)\n"
 "    --socket PATH         control socket (default /run/mixerd.sock)\n"
@@ -184,6 +196,8 @@ const char* DaemonOptions::Help() {
 "                          0x8000 debug, 0x20 performance) or letters from EWIDP\n"
 "                          (default: the platform's, errors, warnings, information)\n"
 "    --log-stderr          write log lines to standard error instead of syslog\n"
+"    --ready-fd FD         write \"ready\" to descriptor FD and close it once the\n"
+"                          daemon serves requests (for scripts and tests)\n"
 "    -h, --help            this text\n"
 "    -V, --version         the version\n"
 "\n"

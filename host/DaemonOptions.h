@@ -39,6 +39,8 @@ struct DaemonOptions {
     bool haveLogMask;
     uint32_t logMask;
     bool logStderr;           // log lines to stderr instead of syslog
+    int readyFd;              // written "ready\n" and closed once serving (-1: none)
+    bool micOff;              // start with the microphone disabled
 };
 
 }  // namespace host

@@ -29,7 +29,7 @@ TEST(DaemonOptionsTest, DefaultsAndEveryOption) {
     ASSERT_EQ(Parse({"--output", "wav", "--out-file", "/tmp/o.wav", "--mic=tone", "--rate", "44100",
                      "--channels", "1", "--device-rate", "16000", "--mic-rate", "8000", "--mic-channels",
                      "2", "--volume", "52", "--socket", "/tmp/s", "--status-file", "/tmp/st",
-                     "--log-mask", "0x2000020", "--log-stderr", "--device", "hw:1,0", "--mic-device", "hw:2"},
+                     "--log-mask", "0x2000020", "--log-stderr", "--ready-fd", "9", "--mic-off", "--device", "hw:1,0", "--mic-device", "hw:2"},
                     o, error),
               DaemonOptions::kRun)
         << error;
@@ -47,6 +47,8 @@ TEST(DaemonOptionsTest, DefaultsAndEveryOption) {
     EXPECT_TRUE(o.haveLogMask);
     EXPECT_EQ(o.logMask, 0x2000020u);
     EXPECT_TRUE(o.logStderr);
+    EXPECT_EQ(o.readyFd, 9);
+    EXPECT_TRUE(o.micOff);
     EXPECT_EQ(o.device, "hw:1,0");
     EXPECT_EQ(o.micDevice, "hw:2");
     EXPECT_EQ(Parse({"--help"}, o, error), DaemonOptions::kHelp);
@@ -72,6 +74,7 @@ TEST(DaemonOptionsTest, BadCommandLinesSayWhatIsWrongAndChangeNothing) {
     EXPECT_EQ(Parse({"--mic", "wav"}, o, error), DaemonOptions::kError);
     EXPECT_EQ(error, "--mic wav needs --mic-file");
     EXPECT_EQ(Parse({"--log-mask", "EWX"}, o, error), DaemonOptions::kError);
+    EXPECT_EQ(Parse({"--ready-fd", "1"}, o, error), DaemonOptions::kError);  // not stdout
     EXPECT_EQ(o.volume, 33u);
 }
 
