@@ -24,3 +24,5 @@
 #include "mixer/input/MixerIO.h"
 #include "mixer/algo/Algo.h"
 #include "mixer/algo/MixKernels.h"
+#include "mixer/discovery/Discovery.h"
+#include "mixer/discovery/StreamFiles.h"
