@@ -30,3 +30,4 @@
 #include "mixer/stream/StreamOut.h"
 #include "mixer/discovery/Discovery.h"
 #include "mixer/discovery/StreamFiles.h"
+#include "mixer/record/Record.h"
