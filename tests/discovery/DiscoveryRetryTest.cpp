@@ -156,12 +156,6 @@ TEST_F(DiscoveryRetryTest, EveryTenthInterruptionIsCountedAndLogged) {
     EXPECT_EQ("after", host.Offers()[0].fileName);
 }
 
-TEST_F(DiscoveryRetryTest, NineInterruptionsLeaveNoTrace) {
-    InterruptAfterPing(9, 0);
-    EXPECT_EQ(0u, Metrics());
-    EXPECT_EQ(0, log.CountPrefix("E Mixer_Discovery:Read Retry count:"));
-}
-
 TEST_F(DiscoveryRetryTest, SuccessfulReadRestartsTheCount) {
     InterruptAfterPing(15, 0);
     EXPECT_EQ(1u, Metrics());

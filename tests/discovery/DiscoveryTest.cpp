@@ -222,22 +222,6 @@ TEST_F(DiscoveryTest, DeInitStopsWatcherAndLeavesNothingBehind) {
     EXPECT_EQ(0, log.CountPrefix("E Mixer_Discovery:Failed to remove watch")) << log.Dump();
 }
 
-TEST_F(DiscoveryTest, DestructorAloneStopsWatcher) {
-    LogCapture log;
-    {
-        Discovery discovery;
-        ASSERT_EQ(1, discovery.Init(&host));
-        ASSERT_TRUE(log.WaitFor("I Mixer_Discovery:Discovery Thread:started:"));
-    }
-    EXPECT_EQ(1, log.Count(kThreadExit));
-    EXPECT_FALSE(PathExists(kDir));
-}
-
-TEST_F(DiscoveryTest, InitFailsWithoutConnection) {
-    Discovery discovery;
-    EXPECT_EQ(0, discovery.Init(nullptr));
-}
-
 TEST_F(DiscoveryTest, InitFailsWhenDirectoryCannotBeMade) {
     ASSERT_EQ(0, mount("tmpfs", "/run", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
     LogCapture log;

@@ -135,15 +135,6 @@ TEST_F(StreamFilesTest, EmptyMetaStillEndsInALineFeed) {
     EXPECT_EQ("quiet\nshmQ\n0\n48000\n2\n2\n\n", ReadAll(kDir + "/quiet"));
 }
 
-TEST_F(StreamFilesTest, WriteTruncatesAnEarlierFile) {
-    sStreamInfo in = Info("s");
-    in.meta = std::string(150, 'm');
-    ASSERT_EQ(0, UtilWriteFile(in));
-    in.meta = "short";
-    ASSERT_EQ(0, UtilWriteFile(in));
-    EXPECT_EQ("s\nshmQ\n3\n48000\n2\n2\nshort\n", ReadAll(kDir + "/s"));
-}
-
 TEST_F(StreamFilesTest, LeadingSlashNamesTheSameFile) {
     sStreamInfo a = Info("/alarm");
     a.meta = "first";
@@ -171,17 +162,6 @@ TEST_F(StreamFilesTest, ShortFileGivesEmptyAndZeroFields) {
     EXPECT_EQ(0u, out.numCh);
     EXPECT_EQ(0u, out.sampleSize);
     EXPECT_EQ("", out.meta);
-}
-
-TEST_F(StreamFilesTest, NumbersReadAsAtoiDoes) {
-    WriteRaw("odd", "odd\nfile\n  12abc\n+16000\nx\n-1\nlast line without feed");
-    sStreamInfo out;
-    ASSERT_EQ(0, UtilReadFile("odd", out));
-    EXPECT_EQ(12, out.id);
-    EXPECT_EQ(16000u, out.rate);
-    EXPECT_EQ(0u, out.numCh);
-    EXPECT_EQ(0xFFFFFFFFu, out.sampleSize);
-    EXPECT_EQ("last line without feed", out.meta);
 }
 
 TEST_F(StreamFilesTest, LineOf199CharactersIsRead) {
