@@ -2,6 +2,10 @@
 
 // Everything a host or a client program of the mixer needs.
 
+#include "mixer/algo/Algo.h"
+#include "mixer/algo/AlgoRampGain.h"
+#include "mixer/algo/AlgoResample.h"
+#include "mixer/algo/MixKernels.h"
 #include "mixer/core/AudioFrame.h"
 #include "mixer/core/Connect.h"
 #include "mixer/core/InOut.h"
@@ -20,11 +24,14 @@
 #include "mixer/core/PlaybackModes.h"
 #include "mixer/core/StreamInfo.h"
 #include "mixer/core/StreamNames.h"
+#include "mixer/discovery/Discovery.h"
+#include "mixer/discovery/StreamFiles.h"
 #include "mixer/input/Input.h"
 #include "mixer/input/InputDataTrans.h"
 #include "mixer/input/MixerIO.h"
-#include "mixer/algo/Algo.h"
-#include "mixer/algo/MixKernels.h"
+#include "mixer/record/Record.h"
+#include "mixer/stream/Stream.h"
+#include "mixer/stream/StreamOut.h"
 #include "mixer/transport/BlockTail.h"
 #include "mixer/transport/DataTrans.h"
 #include "mixer/transport/DataTransWriter.h"
