@@ -90,3 +90,18 @@ TEST(ControlProtocolTest, RepliesSurviveTheRoundTrip) {
 
 }  // namespace
 }  // namespace mixer
+
+#include "host/StreamQueueName.h"
+
+namespace mixer {
+namespace {
+
+TEST(StreamQueueNameTest, LeadingSlashesDoNotChangeTheQueue) {
+    EXPECT_EQ(host::StreamQueueName("music1"), "/mixer-music1");
+    EXPECT_EQ(host::StreamQueueName("/music1"), "/mixer-music1");
+    EXPECT_EQ(host::StreamQueueName("//micRaw"), "/mixer-micRaw");
+    EXPECT_STREQ(host::kTypeDataTrans, "dataTrans");
+}
+
+}  // namespace
+}  // namespace mixer

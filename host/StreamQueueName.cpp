@@ -1,0 +1,14 @@
+#include "host/StreamQueueName.h"
+
+namespace mixer {
+namespace host {
+
+const char* const kTypeDataTrans = "dataTrans";
+
+std::string StreamQueueName(const std::string& streamName) {
+    size_t start = streamName.find_first_not_of('/');
+    return "/mixer-" + (start == std::string::npos ? std::string() : streamName.substr(start));
+}
+
+}  // namespace host
+}  // namespace mixer
