@@ -57,9 +57,9 @@ int32_t ShmbufGetMsgSize(ShmbufHandle* handle);
    minCount above count. */
 int32_t ShmbufRead(ShmbufHandle* handle, void* dst, uint32_t count, uint32_t minCount);
 
-/* Waits until count messages are waiting, the writer hangs up, or timeoutMs
-   milliseconds have passed (0: no wait, SHMBUF_WAIT_FOREVER: no limit), then copies
-   up to count of them to dst. Returns the number copied: count, or fewer after a
+/* Copies count messages to dst, taking them as they arrive, and waits for the rest
+   until the writer hangs up or timeoutMs milliseconds have passed (0: no wait,
+   SHMBUF_WAIT_FOREVER: no limit). Returns the number copied: count, or fewer after a
    time-out or hang-up. -1 (EINVAL) for a bad handle or dst. */
 int32_t ShmbufReadWait(ShmbufHandle* handle, void* dst, uint32_t count, uint32_t timeoutMs);
 

@@ -166,14 +166,23 @@ int32_t ShmbufReadWait(ShmbufHandle* h, void* dst, uint32_t count, uint32_t time
     }
     ShmbufShared* s = h->shared;
     const struct timespec deadline = shm_region_deadline(timeoutMs);
+    uint32_t done = 0;
     shm_region_lock(&s->lock);
-    while (s->waiting < count && !s->hungUp && timeoutMs != 0) {
-        if (shm_region_wait(&s->data, &s->lock, timeoutMs, &deadline) != 0) break;
+    for (;;) {
+        /* Taken as they come, so that more than the buffer holds can be waited for. */
+        const uint32_t n = s->waiting < count - done ? s->waiting : count - done;
+        take_locked(s, (char*)dst + (size_t)done * s->msgSize, n);
+        done += n;
+        if (done == count || s->hungUp || timeoutMs == 0 ||
+            shm_region_wait(&s->data, &s->lock, timeoutMs, &deadline) != 0)
+            break;
     }
-    const uint32_t n = s->waiting < count ? s->waiting : count;
-    take_locked(s, dst, n);
+    /* What came in the last moment before a time-out counts too. */
+    const uint32_t n = s->waiting < count - done ? s->waiting : count - done;
+    take_locked(s, (char*)dst + (size_t)done * s->msgSize, n);
+    done += n;
     pthread_mutex_unlock(&s->lock);
-    return (int32_t)n;
+    return (int32_t)done;
 }
 
 int32_t ShmbufWrite(ShmbufHandle* h, const void* src, uint32_t count, uint32_t timeoutMs) {
