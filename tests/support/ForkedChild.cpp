@@ -1,7 +1,6 @@
 #include "tests/support/ForkedChild.h"
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,28 +14,16 @@ namespace test {
 ForkedChild::ForkedChild(std::function<int()> body) {
     std::fflush(nullptr);  // nothing buffered is written twice
     pid_ = fork();
-    if (pid_ == 0) {
-        int rc = 255;
-        try {
-            rc = body();
-        } catch (...) {
-        }
-        _exit(rc);
-    }
     if (pid_ < 0) std::abort();
-}
-
-ForkedChild::~ForkedChild() {
-    if (status_ < 0) Wait();
+    if (pid_ == 0) _exit(body());
 }
 
 int ForkedChild::Wait() {
-    if (status_ >= 0) return status_;
     int st = 0;
+    if (status_ >= 0) return status_;
     while (waitpid(pid_, &st, 0) < 0 && errno == EINTR) {
     }
-    status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-    return status_;
+    return status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }
 
 Gate::Gate() {
@@ -55,12 +42,8 @@ void Gate::Post(int value) {
 
 bool Gate::Wait(int* value, int timeoutMs) {
     pollfd p = {fds_[0], POLLIN, 0};
-    int r;
-    while ((r = poll(&p, 1, timeoutMs)) < 0 && errno == EINTR) {
-    }
-    if (r != 1) return false;
     int v = 0;
-    if (read(fds_[0], &v, sizeof(v)) != static_cast<ssize_t>(sizeof(v))) return false;
+    if (poll(&p, 1, timeoutMs) != 1 || read(fds_[0], &v, sizeof(v)) != sizeof(v)) return false;
     if (value != nullptr) *value = v;
     return true;
 }
