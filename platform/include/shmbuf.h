@@ -12,7 +12,8 @@
  *   leading '/'; an existing object of that name is never reused (EEXIST). The
  *   writer's ShmbufClose hangs up and removes the name; the memory goes when the
  *   reader has closed too.
- * - At most one reader at a time opens it (ShmbufOpen; a second gets EBUSY).
+ * - At most one reader at a time opens it (ShmbufOpen; a second gets EBUSY
+ *   while the first one lives).
  * - ShmbufRead never waits; ShmbufReadWait waits on the monotonic clock, and stops
  *   waiting when the writer hangs up. The writer may wait for room (ShmbufWrite).
  * - Calls that fail return NULL or -1 and set errno (EINVAL for a null handle or bad
@@ -39,7 +40,7 @@ typedef struct ShmbufHandle ShmbufHandle;
 
 /* Opens an existing buffer for reading. flags: none are defined yet, pass 0 (other
    values: EINVAL). NULL (errno set) when there is no such buffer, it is not a
-   buffer, or another reader has it open. */
+   buffer, or another live reader has it open. */
 ShmbufHandle* ShmbufOpen(const char* name, uint32_t flags);
 
 /* Positions the reader: of the messages waiting, only the newest keep are kept and

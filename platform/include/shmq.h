@@ -12,7 +12,8 @@
  *   leading '/'; an existing object of that name is never reused (EEXIST). The
  *   writer's ShmQClose hangs up and removes the name; the memory goes when the
  *   reader has closed too.
- * - At most one reader at a time opens it (ShmQOpen; a second gets EBUSY).
+ * - At most one reader at a time opens it (ShmQOpen; a second gets EBUSY
+ *   while the first one lives).
  * - The reader never waits: ShmQDataAvail and ShmQRead look at what is there now.
  *   The writer may wait for room (ShmQWrite's time-out).
  * - Calls that fail return NULL or -1 and set errno (EINVAL for a null handle or bad
@@ -38,7 +39,7 @@ typedef struct ShmQHandle ShmQHandle;
 /* ---- reader side ---- */
 
 /* Opens an existing queue for reading; NULL (errno set) when there is none, it is
-   not a queue, or another reader has it open. */
+   not a queue, or another live reader has it open. */
 ShmQHandle* ShmQOpen(const char* name);
 
 /* Bytes ready to be read now; -1 on a bad handle. */

@@ -17,7 +17,7 @@ typedef struct {
     uint32_t readIdx;     /* GUARDED_BY(lock): slot of the oldest waiting message */
     uint32_t waiting;     /* GUARDED_BY(lock): messages written and not yet read */
     uint32_t hungUp;      /* GUARDED_BY(lock) */
-    uint32_t readerOpen;  /* GUARDED_BY(lock) */
+    int32_t readerPid;    /* GUARDED_BY(lock): the open reader, 0 when none */
 } ShmbufShared;
 
 struct ShmbufHandle {
@@ -101,10 +101,11 @@ ShmbufHandle* ShmbufOpen(const char* name, uint32_t flags) {
         err = EINVAL;
     } else {
         shm_region_lock(&s->lock);
-        if (s->readerOpen)
+        /* A reader that died without closing does not keep the next one out. */
+        if (s->readerPid != 0 && !(kill(s->readerPid, 0) < 0 && errno == ESRCH))
             err = EBUSY;
         else
-            s->readerOpen = 1;
+            s->readerPid = (int32_t)getpid();
         pthread_mutex_unlock(&s->lock);
     }
     if (err != 0) {
@@ -238,7 +239,7 @@ void ShmbufClose(ShmbufHandle* h) {
         s->hungUp = 1;
         pthread_cond_broadcast(&s->data);
     } else {
-        s->readerOpen = 0;
+        s->readerPid = 0;
     }
     pthread_mutex_unlock(&s->lock);
     if (h->writer) shm_unlink(h->name);

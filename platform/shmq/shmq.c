@@ -15,7 +15,7 @@ typedef struct {
     uint32_t readPos;     /* GUARDED_BY(lock): ring offset of the oldest byte */
     uint32_t used;        /* GUARDED_BY(lock): bytes ready */
     uint32_t hungUp;      /* GUARDED_BY(lock) */
-    uint32_t readerOpen;  /* GUARDED_BY(lock) */
+    int32_t readerPid;    /* GUARDED_BY(lock): the open reader, 0 when none */
 } ShmQShared;
 
 struct ShmQHandle {
@@ -91,10 +91,11 @@ ShmQHandle* ShmQOpen(const char* name) {
         err = EINVAL;
     } else {
         shm_region_lock(&s->lock);
-        if (s->readerOpen)
+        /* A reader that died without closing does not keep the next one out. */
+        if (s->readerPid != 0 && !(kill(s->readerPid, 0) < 0 && errno == ESRCH))
             err = EBUSY;
         else
-            s->readerOpen = 1;
+            s->readerPid = (int32_t)getpid();
         pthread_mutex_unlock(&s->lock);
     }
     if (err != 0) {
@@ -200,7 +201,7 @@ void ShmQClose(ShmQHandle* h) {
     if (h->writer)
         s->hungUp = 1;
     else
-        s->readerOpen = 0;
+        s->readerPid = 0;
     pthread_mutex_unlock(&s->lock);
     if (h->writer) shm_unlink(h->name);
     munmap(s, h->mapSize);

@@ -74,6 +74,12 @@ TEST(ShmQTest, MinimumMakesReadsAllOrNothingAndFullQueuesTakeWhatFits) {
     EXPECT_EQ(ShmQWrite(w, "xyz", 3, 0), 3);
     EXPECT_EQ(ShmQRead(r, buf, 16, 0), 8);
     EXPECT_EQ(std::string(buf, 8), "defghxyz");
+    ShmQClose(r);
+    // A reader that dies without closing leaves the queue to the next one.
+    ForkedChild crashed([&] { return ShmQOpen(name.c_str()) != nullptr ? 0 : 1; });
+    ASSERT_EQ(crashed.Wait(), 0);
+    r = ShmQOpen(name.c_str());
+    EXPECT_NE(r, nullptr);
     EXPECT_EQ(ShmQHangUp(w), 0);
     EXPECT_EQ(ShmQWrite(w, "x", 1, 0), -1);
     EXPECT_EQ(errno, EPIPE);
