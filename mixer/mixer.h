@@ -24,3 +24,7 @@
 #include "mixer/input/MixerIO.h"
 #include "mixer/algo/Algo.h"
 #include "mixer/algo/MixKernels.h"
+#include "mixer/algo/AlgoRampGain.h"
+#include "mixer/algo/AlgoResample.h"
+#include "mixer/stream/Stream.h"
+#include "mixer/stream/StreamOut.h"
