@@ -28,3 +28,5 @@
 #include "mixer/algo/AlgoResample.h"
 #include "mixer/stream/Stream.h"
 #include "mixer/stream/StreamOut.h"
+#include "mixer/algo/AlgoSilence.h"
+#include "mixer/playback/Playback.h"
