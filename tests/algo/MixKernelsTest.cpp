@@ -1,5 +1,7 @@
 #include "mixer/algo/MixKernels.h"
 
+#include "mixer/algo/AlgoRampGain.h"
+
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -66,6 +68,59 @@ TEST(MixKernelsTest, RailInEveryLaneStaysWhateverTheAddend) {
         EXPECT_EQ(a[lane], lane % 2 ? 32767 : -32768) << "lane " << lane;
         EXPECT_EQ(a[(lane + 1) % 16], -29900);
     }
+}
+
+template <typename T>
+void ExpectSameGain(void (*fast)(T*, uint32_t, size_t), void (*ref)(T*, uint32_t, size_t)) {
+    std::mt19937 rng(7);
+    for (unsigned row = 0; row < AlgoRampGain::kGainTableSize; ++row) {
+        const uint32_t gain = AlgoRampGain::kGainTable[row];
+        for (size_t n : {size_t(0), size_t(1), size_t(7), size_t(8), size_t(9), size_t(67)}) {
+            std::vector<T> a = Noise<T>(rng, n), b = a;
+            fast(a.data(), gain, n);
+            ref(b.data(), gain, n);
+            ASSERT_EQ(a, b) << "row=" << row << " n=" << n;
+        }
+    }
+    // A whole stereo period at a few rows, rails in every lane included.
+    for (unsigned row : {1u, 126u, 127u, 128u, 175u, 200u}) {
+        std::vector<T> a = Noise<T>(rng, 1923), b = a;
+        fast(a.data(), AlgoRampGain::kGainTable[row], a.size());
+        ref(b.data(), AlgoRampGain::kGainTable[row], b.size());
+        ASSERT_EQ(a, b) << "row=" << row;
+    }
+}
+
+TEST(MixKernelsTest, ApplyGainFastPathEqualsScalarSixteen) {
+    ExpectSameGain<int16_t>(kernels::ApplyGain16, kernels::ApplyGain16Scalar);
+}
+
+TEST(MixKernelsTest, ApplyGainFastPathEqualsScalarThirtyTwo) {
+    ExpectSameGain<int32_t>(kernels::ApplyGain32, kernels::ApplyGain32Scalar);
+    // The 32-bit form takes any gain, not only the table's.
+    std::mt19937 rng(11);
+    for (uint32_t gain : {0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu, 123456789u}) {
+        std::vector<int32_t> a = Noise<int32_t>(rng, 37), b = a;
+        kernels::ApplyGain32(a.data(), gain, a.size());
+        kernels::ApplyGain32Scalar(b.data(), gain, b.size());
+        ASSERT_EQ(a, b) << "gain=" << gain;
+    }
+}
+
+TEST(MixKernelsTest, ApplyGainScalarRoundsShiftsAndClamps) {
+    int16_t s[6] = {2000, 3000, -3000, 1, -1, -32768};
+    kernels::ApplyGain16Scalar(s, 519337, 3);
+    EXPECT_EQ(s[0], 31698);
+    EXPECT_EQ(s[1], 32767);
+    EXPECT_EQ(s[2], -32768);
+    kernels::ApplyGain16Scalar(s + 3, 16384, 3);  // halving: 0.5 rounds up, -0.5 up to 0
+    EXPECT_EQ(s[3], 1);
+    EXPECT_EQ(s[4], 0);
+    EXPECT_EQ(s[5], -16384);
+    int32_t w[2] = {-2147483647 - 1, 2147483647};
+    kernels::ApplyGain32Scalar(w, 65536, 2);  // doubling: the low 32 bits wrap
+    EXPECT_EQ(w[0], 0);
+    EXPECT_EQ(w[1], -2);
 }
 
 TEST(MixKernelsTest, ReportsItsPath) {
