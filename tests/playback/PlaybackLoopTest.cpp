@@ -46,6 +46,19 @@ protected:
         Post(boost::make_shared<MsgWriteInfo>("/dev/null"));
         ASSERT_TRUE(connect.WaitForCalls("ChainMsgRecord", n, kWait));
     }
+    // A default output for the engine.
+    OutputPtr DefaultOutput(const std::string& name) {
+        OutputPtr out = boost::make_shared<FakeOutput>(name);
+        connect.SetDefaultOutput(out);
+        return out;
+    }
+    // Starts the engine with ins already queued and stops it once out has n frames.
+    void Play(const OutputPtr& out, std::initializer_list<boost::shared_ptr<Input> > ins, int n) {
+        for (const boost::shared_ptr<Input>& in : ins) AddInput(in);
+        ASSERT_EQ(pb.Init(&connect), 0);
+        ASSERT_TRUE(out->WaitForFrames(n, kWait));
+        pb.DeInit();
+    }
     // First sample of each written frame, after checking that every sample equals it.
     static std::vector<int> Levels(const OutputPtr& out) {
         std::vector<int> levels;
@@ -63,8 +76,7 @@ protected:
 };
 
 TEST_F(PlaybackLoopTest, NewInputWakesTheBlockedEngineAndIsHeard) {
-    OutputPtr out = boost::make_shared<FakeOutput>("Speaker");
-    connect.SetDefaultOutput(out);
+    OutputPtr out = DefaultOutput("Speaker");
     connect.SetAttachInputRampGain(true);
     ASSERT_EQ(pb.Init(&connect), 0);
     Sync(1);
@@ -103,8 +115,7 @@ int16_t Scaled(int16_t x, unsigned index) {
 }
 
 TEST_F(PlaybackLoopTest, TwoInputsAreSummedSampleForSampleAfterTheirGains) {
-    OutputPtr out = boost::make_shared<FakeOutput>("ALSA");
-    connect.SetDefaultOutput(out);
+    OutputPtr out = DefaultOutput("ALSA");
     connect.SetAttachInputRampGain(true);
     const int kFrames = 4;
     const size_t n = 960 * 2;
@@ -152,8 +163,7 @@ TEST_F(PlaybackLoopTest, TwoInputsAreSummedSampleForSampleAfterTheirGains) {
 }
 
 TEST_F(PlaybackLoopTest, DuckingTurnsOnOnceWhilePrioritySoundsAndOffOnceAfter) {
-    OutputPtr out = boost::make_shared<FakeOutput>("ALSA");
-    connect.SetDefaultOutput(out);
+    OutputPtr out = DefaultOutput("ALSA");
     connect.SetAttachInputRampGain(true);
     connect.SetAudioVolume(41);
     InputPtr nav = Scripted("nav", {1000, 1000, 1000});
@@ -179,17 +189,11 @@ TEST_F(PlaybackLoopTest, DuckingTurnsOnOnceWhilePrioritySoundsAndOffOnceAfter) {
 }
 
 TEST_F(PlaybackLoopTest, ErasingTheLastInputPullsASecondFrameFromTheOthers) {
-    OutputPtr out = boost::make_shared<FakeOutput>("ALSA");
-    connect.SetDefaultOutput(out);
-    InputPtr a = Scripted("a", {1, 2, 4, 8});
-    InputPtr b = boost::make_shared<ScriptedInput>(48000, 2, "b");
+    OutputPtr out = DefaultOutput("ALSA");
+    InputPtr b = Scripted("b", {});
     b->name = "clientB";
     b->PushHangup();
-    AddInput(a);
-    AddInput(b);
-    ASSERT_EQ(pb.Init(&connect), 0);
-    ASSERT_TRUE(out->WaitForFrames(3, kWait));
-    pb.DeInit();
+    Play(out, {Scripted("a", {1, 2, 4, 8}), b}, 3);
     // The period that erases B mixes A's first and second frames.
     EXPECT_EQ(Levels(out), std::vector<int>({1 + 2, 4, 8}));
     EXPECT_EQ(log.Count("W Mixer_Playback:runLoop:Erasing Input clientB:"), 1);
@@ -197,58 +201,23 @@ TEST_F(PlaybackLoopTest, ErasingTheLastInputPullsASecondFrameFromTheOthers) {
 }
 
 TEST_F(PlaybackLoopTest, ErasingAnInputSkipsItsFollowerForThatPeriod) {
-    OutputPtr out = boost::make_shared<FakeOutput>("ALSA");
-    connect.SetDefaultOutput(out);
-    InputPtr a = Scripted("a", {1, 2, 4});
-    InputPtr b = boost::make_shared<ScriptedInput>(48000, 2, "b");
+    OutputPtr out = DefaultOutput("ALSA");
+    InputPtr b = Scripted("b", {});
     b->PushHangup();
-    InputPtr c = Scripted("c", {100, 200});
-    AddInput(a);
-    AddInput(b);
-    AddInput(c);
-    ASSERT_EQ(pb.Init(&connect), 0);
-    ASSERT_TRUE(out->WaitForFrames(3, kWait));
-    pb.DeInit();
+    Play(out, {Scripted("a", {1, 2, 4}), b, Scripted("c", {100, 200})}, 3);
     EXPECT_EQ(Levels(out), std::vector<int>({1, 2 + 100, 4 + 200}));
     EXPECT_EQ(pb.inputs.size(), 2u);
 }
 
-TEST_F(PlaybackLoopTest, SilentInputStaysAndFaultedInputGoes) {
-    OutputPtr out = boost::make_shared<FakeOutput>("ALSA");
-    connect.SetDefaultOutput(out);
-    InputPtr quiet = boost::make_shared<ScriptedInput>(48000, 2, "quiet");
-    InputPtr broken = boost::make_shared<ScriptedInput>(48000, 2, "broken");
-    broken->PushWithState(boost::shared_ptr<AudioFrame>(), STATE_FAULT);
-    AddInput(quiet);
-    AddInput(broken);
-    ASSERT_EQ(pb.Init(&connect), 0);
-    ASSERT_TRUE(broken->WaitForOps("Process", 1, kWait));
-    Sync(1);
-    pb.DeInit();
-    ASSERT_EQ(pb.inputs.size(), 1u);
-    EXPECT_EQ(pb.inputs.front()->GetInput(), quiet);
-    EXPECT_EQ(log.Count("W Mixer_Playback:runLoop:Erasing Input broken:"), 1);
-    EXPECT_GE(log.Count("D Mixer_Playback:runLoop:Input Silent:"), 1);
-    EXPECT_EQ(out->FrameCount(), 0);
-}
-
 TEST_F(PlaybackLoopTest, OutputNamedAlsaGetsNoPacing) {
-    OutputPtr out = boost::make_shared<FakeOutput>("ALSA");
-    connect.SetDefaultOutput(out);
-    AddInput(Scripted("a", {1, 2, 3, 4}));
-    ASSERT_EQ(pb.Init(&connect), 0);
-    ASSERT_TRUE(out->WaitForFrames(4, kWait));
-    pb.DeInit();
+    OutputPtr out = DefaultOutput("ALSA");
+    Play(out, {Scripted("a", {1, 2, 3, 4})}, 4);
     EXPECT_EQ(out->PostWriteCount(), 0);
 }
 
 TEST_F(PlaybackLoopTest, OtherOutputsArePacedAtLeast40MsApart) {
-    OutputPtr out = boost::make_shared<FakeOutput>("Speaker");
-    connect.SetDefaultOutput(out);
-    AddInput(Scripted("a", {1, 2, 3, 4}));
-    ASSERT_EQ(pb.Init(&connect), 0);
-    ASSERT_TRUE(out->WaitForFrames(4, kWait));
-    pb.DeInit();
+    OutputPtr out = DefaultOutput("Speaker");
+    Play(out, {Scripted("a", {1, 2, 3, 4})}, 4);
     std::vector<FakeOutput::Clock::time_point> posts = out->PostWriteTimes();
     std::vector<FakeOutput::Clock::time_point> writes = out->WriteTimes();
     ASSERT_EQ(posts.size(), 4u);
@@ -263,10 +232,7 @@ TEST_F(PlaybackLoopTest, FailedOutputIsReplacedByTheDefault) {
     first->FailAtWrite(2, STATE_FAULT);
     OutputPtr second = boost::make_shared<FakeOutput>("ALSA");
     connect.SetDefaultOutputs({first, second});
-    AddInput(Scripted("a", {1, 2, 3, 4}));
-    ASSERT_EQ(pb.Init(&connect), 0);
-    ASSERT_TRUE(second->WaitForFrames(2, kWait));
-    pb.DeInit();
+    Play(second, {Scripted("a", {1, 2, 3, 4})}, 2);
     EXPECT_EQ(Levels(first), std::vector<int>({1, 2}));
     EXPECT_EQ(Levels(second), std::vector<int>({3, 4}));
     EXPECT_EQ(first->PostWriteCount(), 1);  // the failed write is not paced
@@ -275,8 +241,7 @@ TEST_F(PlaybackLoopTest, FailedOutputIsReplacedByTheDefault) {
 }
 
 TEST_F(PlaybackLoopTest, TwentySecondsOfSilencePauseTheOutputOnce) {
-    OutputPtr out = boost::make_shared<FakeOutput>("ALSA");
-    connect.SetDefaultOutput(out);
+    OutputPtr out = DefaultOutput("ALSA");
     InputPtr in = Scripted("a", {5});  // one frame, then silence
     AddInput(in);
     ASSERT_EQ(pb.Init(&connect), 0);
@@ -293,27 +258,22 @@ TEST_F(PlaybackLoopTest, TwentySecondsOfSilencePauseTheOutputOnce) {
         ASSERT_GE(ticks[i] - ticks[i - 1], std::chrono::microseconds(19999)) << i;
 }
 
-TEST_F(PlaybackLoopTest, DeInitReturnsWhileTheThreadWaits) {
-    OutputPtr out = boost::make_shared<FakeOutput>("ALSA");
-    connect.SetDefaultOutput(out);
+TEST_F(PlaybackLoopTest, DeInitStopsTheThreadWhileItWaitsOrBeforeItRuns) {
+    DefaultOutput("ALSA");
     ASSERT_EQ(pb.Init(&connect), 0);
     Sync(1);
     pb.DeInit();
     EXPECT_TRUE(log.Has("E Mixer_Playback:In PlaybackrunLoop:...:"));
     EXPECT_TRUE(log.Has("I Mixer_Playback:runLoop:Ready:"));
     EXPECT_TRUE(log.Has("E Mixer_Playback:!ok2run so breaking...::"));
-    EXPECT_TRUE(log.Has("W Mixer_Playback:runLoop:Exiting!!!:"));
     EXPECT_FALSE(pb.output);
     pb.DeInit();  // again, as the destructor will
     EXPECT_EQ(log.Count("W Mixer_Playback:runLoop:Exiting!!!:"), 1);
-}
 
-TEST_F(PlaybackLoopTest, DeInitRightAfterInitStopsTheThread) {
-    OutputPtr out = boost::make_shared<FakeOutput>("ALSA");
-    connect.SetDefaultOutput(out);
-    ASSERT_EQ(pb.Init(&connect), 0);
-    pb.DeInit();
-    EXPECT_EQ(log.Count("W Mixer_Playback:runLoop:Exiting!!!:"), 1);
+    Playback quick;  // stopped before its thread has run
+    ASSERT_EQ(quick.Init(&connect), 0);
+    quick.DeInit();
+    EXPECT_EQ(log.Count("W Mixer_Playback:runLoop:Exiting!!!:"), 2);
 }
 
 }  // namespace
