@@ -281,6 +281,23 @@ TEST(AlgoRampGainTest, NewRampStartsFromTheCurrentIndex) {
     EXPECT_EQ(g.gainIndex, mid);
 }
 
+TEST(AlgoRampGainTest, RampMayEndOneRowShortAndStaysThere) {
+    test::LogCapture log;
+    AlgoRampGain g;
+    g.SetRamp(6, 64, 0, 100);  // 50 + 127 - 175: target row 2, in 3 steps of -125/3
+    EXPECT_TRUE(log.Has("I Mixer_AlgoRampGain:SetRamp:gain 6 ref 100 Ramp 127 -> 2 dB steps 3 "
+                        "start 0 dB -41.666668:"))
+        << log.Dump();
+    g.Process(Frame16(1000));
+    EXPECT_EQ(g.ramping, 0);
+    EXPECT_EQ(g.gainIndex, 1u);  // the float sum lands just under 2
+    EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:Process:Ramp done 1:")) << log.Dump();
+    boost::shared_ptr<AudioFrame> f = Frame16(30000);
+    g.Process(f);
+    EXPECT_EQ(g.gainIndex, 1u);
+    EXPECT_EQ(f->Samples16()[0], Scaled16(30000, 1));
+}
+
 TEST(AlgoRampGainTest, ThirtyTwoBitFramesAreNotClamped) {
     AlgoRampGain g;
     g.SetVolume(100, kNoRef);

@@ -21,6 +21,9 @@ public:
     // Number of captured lines that start with prefix.
     int CountPrefix(const std::string& prefix) const;
     bool Has(const std::string& line) const { return Count(line) > 0; }
+    // Blocks until at least count captured lines equal line (lines logged by another
+    // thread); false when that has not happened within timeoutMs.
+    bool WaitFor(const std::string& line, int count = 1, int timeoutMs = 20000) const;
     // The lines joined with line feeds, for failure messages.
     std::string Dump() const;
     void Clear();

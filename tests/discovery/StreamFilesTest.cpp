@@ -1,0 +1,230 @@
+#include "mixer/discovery/StreamFiles.h"
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/discovery/PrivateRun.h"
+#include "tests/support/LogCapture.h"
+
+namespace mixer {
+namespace {
+
+using test::LogCapture;
+using test::PathExists;
+using test::PathIsDir;
+
+const std::string kDir = "/var/run/mixer";
+
+std::string ReadAll(const std::string& path) {
+    std::ifstream in(path.c_str(), std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void WriteRaw(const std::string& name, const std::string& content) {
+    ASSERT_TRUE(PathIsDir(kDir) || mkdir(kDir.c_str(), 0755) == 0);
+    std::ofstream out((kDir + "/" + name).c_str(), std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+// Makes the private /run read-only, so nothing can be created or removed in it.
+void MakeRunReadOnly() {
+    ASSERT_EQ(0, mount("tmpfs", "/run", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+}
+
+sStreamInfo Info(const std::string& name) {
+    sStreamInfo info;
+    info.id = 3;
+    info.type = "shmQ";
+    info.name = name;
+    info.rate = 48000;
+    info.numCh = 2;
+    info.sampleSize = 2;
+    info.meta = "media player";
+    return info;
+}
+
+class StreamFilesTest : public ::testing::Test {
+protected:
+    void SetUp() override { MIXER_REQUIRE_PRIVATE_RUN(); }
+};
+
+TEST_F(StreamFilesTest, CheckDirCreatesTwiceOnFirstUse) {
+    LogCapture log;
+    ASSERT_FALSE(PathExists(kDir));
+    EXPECT_TRUE(UtilCheckDir());
+    EXPECT_TRUE(PathIsDir(kDir));
+    const std::vector<std::string> expected = {
+        "E Mixer_Utils:UtilCheckDir:mixer directory doesn't exist so create it:",
+        "I Mixer_Utils:UtilCheckDir:Deleted mixer directory and created back:",
+    };
+    EXPECT_EQ(expected, log.Lines());
+
+    struct stat st;
+    ASSERT_EQ(0, stat(kDir.c_str(), &st));
+    const mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(0755u & ~mask, st.st_mode & 0777u);
+
+    // An existing directory is left alone, silently.
+    log.Clear();
+    EXPECT_TRUE(UtilCheckDir());
+    EXPECT_TRUE(log.Lines().empty()) << log.Dump();
+}
+
+TEST_F(StreamFilesTest, CheckDirReplacesPlainFile) {
+    { std::ofstream(kDir.c_str()) << "not a directory"; }
+    LogCapture log;
+    EXPECT_TRUE(UtilCheckDir());
+    EXPECT_TRUE(PathIsDir(kDir));
+    const std::vector<std::string> expected = {
+        "I Mixer_Utils:UtilCheckDir:Deleted mixer directory and created back:",
+    };
+    EXPECT_EQ(expected, log.Lines());
+}
+
+TEST_F(StreamFilesTest, CheckDirFailsWhenDirectoryCannotBeMade) {
+    MakeRunReadOnly();
+    LogCapture log;
+    EXPECT_FALSE(UtilCheckDir());
+    EXPECT_TRUE(log.Has("E Mixer_Utils:UtilCheckDir:failed to create mixer directory:")) << log.Dump();
+    EXPECT_FALSE(PathExists(kDir));
+}
+
+TEST_F(StreamFilesTest, CheckDirFailsWhenPlainFileCannotBeRemoved) {
+    { std::ofstream(kDir.c_str()) << "x"; }
+    MakeRunReadOnly();
+    LogCapture log;
+    EXPECT_FALSE(UtilCheckDir());
+    EXPECT_TRUE(log.Has("E Mixer_Utils:UtilCheckDir:failed to remove mixer directory:")) << log.Dump();
+    EXPECT_FALSE(PathIsDir(kDir));
+}
+
+TEST_F(StreamFilesTest, WriteThenReadGivesTheSameRecord) {
+    sStreamInfo in = Info("music1");
+    in.id = -42;
+    ASSERT_EQ(0, UtilWriteFile(in));
+    EXPECT_EQ("music1\nshmQ\n-42\n48000\n2\n2\nmedia player\n", ReadAll(kDir + "/music1"));
+
+    sStreamInfo out;
+    LogCapture log;
+    ASSERT_EQ(0, UtilReadFile("music1", out));
+    EXPECT_EQ(in.id, out.id);
+    EXPECT_EQ(in.type, out.type);
+    EXPECT_EQ(in.name, out.name);
+    EXPECT_EQ(in.rate, out.rate);
+    EXPECT_EQ(in.numCh, out.numCh);
+    EXPECT_EQ(in.sampleSize, out.sampleSize);
+    EXPECT_EQ(in.meta, out.meta);
+    EXPECT_TRUE(log.Has("D Mixer_Utils:ReadFile:music1:")) << log.Dump();
+}
+
+TEST_F(StreamFilesTest, EmptyMetaStillEndsInALineFeed) {
+    sStreamInfo in = Info("quiet");
+    in.meta.clear();
+    in.id = 0;
+    ASSERT_EQ(0, UtilWriteFile(in));
+    EXPECT_EQ("quiet\nshmQ\n0\n48000\n2\n2\n\n", ReadAll(kDir + "/quiet"));
+}
+
+TEST_F(StreamFilesTest, LeadingSlashNamesTheSameFile) {
+    sStreamInfo a = Info("/alarm");
+    a.meta = "first";
+    ASSERT_EQ(0, UtilWriteFile(a));
+    sStreamInfo b = Info("alarm");
+    b.meta = "second";
+    ASSERT_EQ(0, UtilWriteFile(b));
+
+    EXPECT_EQ("alarm\nshmQ\n3\n48000\n2\n2\nsecond\n", ReadAll(kDir + "/alarm"));
+    EXPECT_EQ(std::vector<std::string>{"alarm"}, test::DirEntries(kDir));
+
+    // Removing by either spelling deletes it.
+    UtilRemoveFile("/alarm");
+    EXPECT_FALSE(PathExists(kDir + "/alarm"));
+}
+
+TEST_F(StreamFilesTest, ShortFileGivesEmptyAndZeroFields) {
+    WriteRaw("three", "three\nshmB\n-7\n");
+    sStreamInfo out = Info("junk");  // every field must be overwritten
+    ASSERT_EQ(0, UtilReadFile("three", out));
+    EXPECT_EQ("three", out.name);
+    EXPECT_EQ("shmB", out.type);
+    EXPECT_EQ(-7, out.id);
+    EXPECT_EQ(0u, out.rate);
+    EXPECT_EQ(0u, out.numCh);
+    EXPECT_EQ(0u, out.sampleSize);
+    EXPECT_EQ("", out.meta);
+}
+
+TEST_F(StreamFilesTest, LineOf199CharactersIsRead) {
+    const std::string type(199, 't');
+    WriteRaw("edge", "edge\n" + type + "\n5\n8000\n1\n2\nm\n");
+    sStreamInfo out;
+    ASSERT_EQ(0, UtilReadFile("edge", out));
+    EXPECT_EQ(type, out.type);
+    EXPECT_EQ(5, out.id);
+    EXPECT_EQ(8000u, out.rate);
+    EXPECT_EQ("m", out.meta);
+}
+
+TEST_F(StreamFilesTest, OverlongLineBlanksEveryLaterField) {
+    const std::string type(250, 't');
+    WriteRaw("long", "long\n" + type + "\n5\n8000\n1\n2\nmeta\n");
+    sStreamInfo out = Info("junk");
+    ASSERT_EQ(0, UtilReadFile("long", out));
+    EXPECT_EQ("long", out.name);
+    EXPECT_EQ(type.substr(0, 199), out.type);
+    EXPECT_EQ(0, out.id);
+    EXPECT_EQ(0u, out.rate);
+    EXPECT_EQ(0u, out.numCh);
+    EXPECT_EQ(0u, out.sampleSize);
+    EXPECT_EQ("", out.meta);
+}
+
+TEST_F(StreamFilesTest, MissingFileLeavesRecordUntouched) {
+    ASSERT_TRUE(UtilCheckDir());
+    sStreamInfo out = Info("keep");
+    LogCapture log;
+    EXPECT_EQ(-1, UtilReadFile("nope", out));
+    EXPECT_EQ("keep", out.name);
+    EXPECT_EQ(3, out.id);
+    EXPECT_TRUE(log.Has("E Mixer_Utils:AddStream:Failed to open /var/run/mixer/nope:")) << log.Dump();
+}
+
+TEST_F(StreamFilesTest, UnwritableFileFailsSilently) {
+    ASSERT_TRUE(UtilCheckDir());
+    LogCapture log;
+    EXPECT_EQ(-1, UtilWriteFile(Info("no/such/dir")));
+    EXPECT_TRUE(log.Lines().empty()) << log.Dump();
+}
+
+TEST_F(StreamFilesTest, RemoveFileLogsPathAndIgnoresMissingFile) {
+    ASSERT_EQ(0, UtilWriteFile(Info("gone")));
+    LogCapture log;
+    UtilRemoveFile("gone");
+    EXPECT_FALSE(PathExists(kDir + "/gone"));
+    EXPECT_TRUE(log.Has("D Mixer_Utils:file being removed /var/run/mixer/gone::")) << log.Dump();
+    UtilRemoveFile("gone");  // nothing left to remove: no crash, no error line
+    EXPECT_EQ(0, log.CountPrefix("E "));
+}
+
+TEST_F(StreamFilesTest, PingLeavesAnEmptyFile) {
+    UtilPing();
+    ASSERT_TRUE(PathIsDir(kDir));
+    ASSERT_TRUE(PathExists(kDir + "/Ping"));
+    EXPECT_EQ("", ReadAll(kDir + "/Ping"));
+    { std::ofstream(kDir + "/Ping") << "stale"; }
+    UtilPing();  // truncates
+    EXPECT_EQ("", ReadAll(kDir + "/Ping"));
+}
+
+}  // namespace
+}  // namespace mixer
