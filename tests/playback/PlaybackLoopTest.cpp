@@ -80,12 +80,11 @@ TEST_F(PlaybackLoopTest, NewInputWakesTheBlockedEngineAndIsHeard) {
     connect.SetAttachInputRampGain(true);
     ASSERT_EQ(pb.Init(&connect), 0);
     Sync(1);
-    Sync(2);
+    ASSERT_TRUE(log.WaitFor("E Mixer_Playback:inputList size is 0..::"));
     // Without inputs the engine only waits: nothing written, no idle ticking.
     EXPECT_EQ(out->FrameCount(), 0);
     EXPECT_EQ(out->IdleTickCount(), 0);
     EXPECT_EQ(out->PauseCount(), 1);  // paused once, at the first wait
-    EXPECT_GE(log.Count("E Mixer_Playback:inputList size is 0..::"), 1);
 
     boost::shared_ptr<SineInput> sine = boost::make_shared<SineInput>(48000, 2, 440.0, 8000.0, "music");
     AddInput(sine);
@@ -265,7 +264,6 @@ TEST_F(PlaybackLoopTest, DeInitStopsTheThreadWhileItWaitsOrBeforeItRuns) {
     pb.DeInit();
     EXPECT_TRUE(log.Has("E Mixer_Playback:In PlaybackrunLoop:...:"));
     EXPECT_TRUE(log.Has("I Mixer_Playback:runLoop:Ready:"));
-    EXPECT_TRUE(log.Has("E Mixer_Playback:!ok2run so breaking...::"));
     EXPECT_FALSE(pb.output);
     pb.DeInit();  // again, as the destructor will
     EXPECT_EQ(log.Count("W Mixer_Playback:runLoop:Exiting!!!:"), 1);
