@@ -745,67 +745,32 @@ int DataTrans::WaitTillUserBufEmpty() {
     }
 }
 
-int DataTrans::GetRate() {
+int DataTrans::GetParam(int32_t StreamQueue::*field, const char* op) {
     StreamQueue* q = queue_;
     if (q == nullptr) {
-        MIXER_LOG_W("Mixer_DataTrans:GetRate:No handle:");
+        MIXER_LOG_W("Mixer_DataTrans:%s:No handle:", op);
         return -1;
     }
     Lock(&q->mutex);
-    const int v = q->rate;
+    const int v = q->*field;
     Unlock(&q->mutex);
-    MIXER_LOG_D("Mixer_DataTrans:GetRate:%d:", v);
+    MIXER_LOG_D("Mixer_DataTrans:%s:%d:", op, v);
     return v;
 }
 
-int DataTrans::GetNumCh() {
-    StreamQueue* q = queue_;
-    if (q == nullptr) {
-        MIXER_LOG_W("Mixer_DataTrans:GetNumCh:No handle:");
-        return -1;
-    }
-    Lock(&q->mutex);
-    const int v = q->numCh;
-    Unlock(&q->mutex);
-    MIXER_LOG_D("Mixer_DataTrans:GetNumCh:%d:", v);
-    return v;
-}
-
-int DataTrans::GetSampleSize() {
-    StreamQueue* q = queue_;
-    if (q == nullptr) {
-        MIXER_LOG_W("Mixer_DataTrans:GetSampleSize:No handle:");
-        return -1;
-    }
-    Lock(&q->mutex);
-    const int v = q->sampleSize;
-    Unlock(&q->mutex);
-    MIXER_LOG_D("Mixer_DataTrans:GetSampleSize:%d:", v);
-    return v;
-}
-
-void DataTrans::SetRate(int rate) {
+void DataTrans::SetParam(int32_t StreamQueue::*field, int value) {
     StreamQueue* q = queue_;
     if (q == nullptr) return;
     Lock(&q->mutex);
-    q->rate = rate;
+    q->*field = value;
     Unlock(&q->mutex);
 }
 
-void DataTrans::SetNumCh(int numCh) {
-    StreamQueue* q = queue_;
-    if (q == nullptr) return;
-    Lock(&q->mutex);
-    q->numCh = numCh;
-    Unlock(&q->mutex);
-}
-
-void DataTrans::SetSampleSize(int sampleSize) {
-    StreamQueue* q = queue_;
-    if (q == nullptr) return;
-    Lock(&q->mutex);
-    q->sampleSize = sampleSize;
-    Unlock(&q->mutex);
-}
+int DataTrans::GetRate() { return GetParam(&StreamQueue::rate, "GetRate"); }
+int DataTrans::GetNumCh() { return GetParam(&StreamQueue::numCh, "GetNumCh"); }
+int DataTrans::GetSampleSize() { return GetParam(&StreamQueue::sampleSize, "GetSampleSize"); }
+void DataTrans::SetRate(int rate) { SetParam(&StreamQueue::rate, rate); }
+void DataTrans::SetNumCh(int numCh) { SetParam(&StreamQueue::numCh, numCh); }
+void DataTrans::SetSampleSize(int sampleSize) { SetParam(&StreamQueue::sampleSize, sampleSize); }
 
 }  // namespace mixer

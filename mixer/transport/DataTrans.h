@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "mixer/core/Api.h"
@@ -123,6 +124,10 @@ private:
                             char** bufId);
     bool CommitWriteBuffLocked(unsigned len, char* bufId);
     bool ReleaseReadBuffLocked();
+    // The stream parameters share one path: field is the header member, op the
+    // operation name the log lines carry.
+    int GetParam(int32_t StreamQueue::*field, const char* op);
+    void SetParam(int32_t StreamQueue::*field, int value);
 
     std::string name_;     // empty until an Init succeeds; kept after DeInit
     StreamQueue* queue_;   // the mapping, null while not open
