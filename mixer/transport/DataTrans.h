@@ -119,6 +119,7 @@ private:
     // Bounds-checked tail of block pos; null after a logged error. Caller holds mutex.
     BlockTail* TailLocked(unsigned pos);
     void ResetTail(BlockTail* tail, bool full);
+    bool BeginBlockWait(const char* op, const char* enterTag, unsigned timeoutMs, int& err, timespec& deadline);
     char* GetWriteBuffLocked(int& err, unsigned timeoutMs, const timespec& deadline);
     char* GetReadBuffLocked(int& err, unsigned& len, unsigned timeoutMs, const timespec& deadline,
                             char** bufId);
