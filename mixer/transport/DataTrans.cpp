@@ -313,27 +313,37 @@ void DataTrans::LogStatus(const char* tag) {
 // ---------------------------------------------------------------------------------------
 // Block exchange
 
-char* DataTrans::GetWriteBuff(int& err, unsigned timeoutMs) {
+// The common start of GetWriteBuff and GetReadBuff (op names them in the log lines):
+// checks the handle, turns timeoutMs into an absolute deadline, takes mutex and traces
+// enterTag. False, with err set and nothing held, when the call cannot go on.
+bool DataTrans::BeginBlockWait(const char* op, const char* enterTag, unsigned timeoutMs, int& err,
+                               timespec& deadline) {
     err = 0;
     StreamQueue* q = queue_;
     if (q == nullptr) {
-        MIXER_LOG_E("Mixer_DataTrans:GetWriteBuff:reason=nullHandle:");
+        MIXER_LOG_E("Mixer_DataTrans:%s:reason=nullHandle:", op);
         err = ENOENT;
-        return nullptr;
+        return false;
     }
-    timespec deadline = {0, 0};
+    deadline = timespec{0, 0};
     if (timeoutMs != 0 && timeoutMs != deadline::kForever) {
         timespec now;
         const int rc = Now(now);
         if (rc != 0) {
             err = rc;
-            MIXER_LOG_E("Mixer_DataTrans:GetWriteBuff:reason=noTime:");
-            return nullptr;
+            MIXER_LOG_E("Mixer_DataTrans:%s:reason=noTime:", op);
+            return false;
         }
         deadline = deadline::AfterMs(now, timeoutMs);
     }
     Lock(&q->mutex);
-    LogStatus("GetWriteBuff-Enter");
+    LogStatus(enterTag);
+    return true;
+}
+
+char* DataTrans::GetWriteBuff(int& err, unsigned timeoutMs) {
+    timespec deadline;
+    if (!BeginBlockWait("GetWriteBuff", "GetWriteBuff-Enter", timeoutMs, err, deadline)) return nullptr;
     return GetWriteBuffLocked(err, timeoutMs, deadline);
 }
 
@@ -451,26 +461,8 @@ bool DataTrans::CommitWriteBuffLocked(unsigned len, char* bufId) {
 }
 
 char* DataTrans::GetReadBuff(int& err, unsigned& len, unsigned timeoutMs, char** bufId) {
-    err = 0;
-    StreamQueue* q = queue_;
-    if (q == nullptr) {
-        MIXER_LOG_E("Mixer_DataTrans:GetReadBuff:reason=nullHandle:");
-        err = ENOENT;
-        return nullptr;
-    }
-    timespec deadline = {0, 0};
-    if (timeoutMs != 0 && timeoutMs != deadline::kForever) {
-        timespec now;
-        const int rc = Now(now);
-        if (rc != 0) {
-            err = rc;
-            MIXER_LOG_E("Mixer_DataTrans:GetReadBuff:reason=noTime:");
-            return nullptr;
-        }
-        deadline = deadline::AfterMs(now, timeoutMs);
-    }
-    Lock(&q->mutex);
-    LogStatus("GetReadBuff-Enter");
+    timespec deadline;
+    if (!BeginBlockWait("GetReadBuff", "GetReadBuff-Enter", timeoutMs, err, deadline)) return nullptr;
     return GetReadBuffLocked(err, len, timeoutMs, deadline, bufId);
 }
 
@@ -745,67 +737,32 @@ int DataTrans::WaitTillUserBufEmpty() {
     }
 }
 
-int DataTrans::GetRate() {
+int DataTrans::GetParam(int32_t StreamQueue::*field, const char* op) {
     StreamQueue* q = queue_;
     if (q == nullptr) {
-        MIXER_LOG_W("Mixer_DataTrans:GetRate:No handle:");
+        MIXER_LOG_W("Mixer_DataTrans:%s:No handle:", op);
         return -1;
     }
     Lock(&q->mutex);
-    const int v = q->rate;
+    const int v = q->*field;
     Unlock(&q->mutex);
-    MIXER_LOG_D("Mixer_DataTrans:GetRate:%d:", v);
+    MIXER_LOG_D("Mixer_DataTrans:%s:%d:", op, v);
     return v;
 }
 
-int DataTrans::GetNumCh() {
-    StreamQueue* q = queue_;
-    if (q == nullptr) {
-        MIXER_LOG_W("Mixer_DataTrans:GetNumCh:No handle:");
-        return -1;
-    }
-    Lock(&q->mutex);
-    const int v = q->numCh;
-    Unlock(&q->mutex);
-    MIXER_LOG_D("Mixer_DataTrans:GetNumCh:%d:", v);
-    return v;
-}
-
-int DataTrans::GetSampleSize() {
-    StreamQueue* q = queue_;
-    if (q == nullptr) {
-        MIXER_LOG_W("Mixer_DataTrans:GetSampleSize:No handle:");
-        return -1;
-    }
-    Lock(&q->mutex);
-    const int v = q->sampleSize;
-    Unlock(&q->mutex);
-    MIXER_LOG_D("Mixer_DataTrans:GetSampleSize:%d:", v);
-    return v;
-}
-
-void DataTrans::SetRate(int rate) {
+void DataTrans::SetParam(int32_t StreamQueue::*field, int value) {
     StreamQueue* q = queue_;
     if (q == nullptr) return;
     Lock(&q->mutex);
-    q->rate = rate;
+    q->*field = value;
     Unlock(&q->mutex);
 }
 
-void DataTrans::SetNumCh(int numCh) {
-    StreamQueue* q = queue_;
-    if (q == nullptr) return;
-    Lock(&q->mutex);
-    q->numCh = numCh;
-    Unlock(&q->mutex);
-}
-
-void DataTrans::SetSampleSize(int sampleSize) {
-    StreamQueue* q = queue_;
-    if (q == nullptr) return;
-    Lock(&q->mutex);
-    q->sampleSize = sampleSize;
-    Unlock(&q->mutex);
-}
+int DataTrans::GetRate() { return GetParam(&StreamQueue::rate, "GetRate"); }
+int DataTrans::GetNumCh() { return GetParam(&StreamQueue::numCh, "GetNumCh"); }
+int DataTrans::GetSampleSize() { return GetParam(&StreamQueue::sampleSize, "GetSampleSize"); }
+void DataTrans::SetRate(int rate) { SetParam(&StreamQueue::rate, rate); }
+void DataTrans::SetNumCh(int numCh) { SetParam(&StreamQueue::numCh, numCh); }
+void DataTrans::SetSampleSize(int sampleSize) { SetParam(&StreamQueue::sampleSize, sampleSize); }
 
 }  // namespace mixer

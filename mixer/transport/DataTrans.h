@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "mixer/core/Api.h"
@@ -118,11 +119,16 @@ private:
     // Bounds-checked tail of block pos; null after a logged error. Caller holds mutex.
     BlockTail* TailLocked(unsigned pos);
     void ResetTail(BlockTail* tail, bool full);
+    bool BeginBlockWait(const char* op, const char* enterTag, unsigned timeoutMs, int& err, timespec& deadline);
     char* GetWriteBuffLocked(int& err, unsigned timeoutMs, const timespec& deadline);
     char* GetReadBuffLocked(int& err, unsigned& len, unsigned timeoutMs, const timespec& deadline,
                             char** bufId);
     bool CommitWriteBuffLocked(unsigned len, char* bufId);
     bool ReleaseReadBuffLocked();
+    // The stream parameters share one path: field is the header member, op the
+    // operation name the log lines carry.
+    int GetParam(int32_t StreamQueue::*field, const char* op);
+    void SetParam(int32_t StreamQueue::*field, int value);
 
     std::string name_;     // empty until an Init succeeds; kept after DeInit
     StreamQueue* queue_;   // the mapping, null while not open

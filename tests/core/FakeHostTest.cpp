@@ -25,6 +25,8 @@ TEST(FakeConnectTest, RecordsCallsAndAnswersAsConfigured) {
     fake.SetAddNewStreamResult(-1);
     fake.SetAddPlaybackOutputAlgosResult(3);
     fake.SetAttachInputRampGain(true);
+    std::vector<std::string> hooked;
+    fake.SetNewStreamHook([&](const std::string& file, const sStreamInfo& i) { hooked.push_back(file + "/" + i.name); });
 
     int volume = 40;
     host.getAudioVolume(&volume);
@@ -54,6 +56,7 @@ TEST(FakeConnectTest, RecordsCallsAndAnswersAsConfigured) {
     EXPECT_EQ(host.AddPlaybackOutputAlgos(a, stream, PLAYBACK_MODE_DEFAULT), 3);
 
     EXPECT_EQ(fake.NewStreams()[0].info.name, "music1");
+    EXPECT_EQ(hooked, std::vector<std::string>{"music1/music1"});
     EXPECT_EQ(fake.CallCount("GetPlaybackDefaultOutput"), 3);
     EXPECT_EQ(fake.Calls(), (std::vector<std::string>{
                                 "getAudioVolume", "getAudioVolume", "AddNewStream",
@@ -103,6 +106,11 @@ TEST(FakeOutputTest, CapturesCopiesCountsAndFails) {
     EXPECT_LE(out->PauseTimes()[0], out->PostWriteTimes()[0]);
     EXPECT_EQ(out->State(), STATE_ACTIVE);  // Resume restarted it
     EXPECT_FALSE(out->WaitForFrames(4, milliseconds(1)));
+
+    out->SetCopyFrames(false);  // from now on the frame objects themselves
+    out->WriteFrame(f);
+    EXPECT_EQ(out->Frames().back(), f);
+    EXPECT_NE(out->Frames()[2], f);
 }
 
 TEST(FakeInputsTest, SineSilenceAndScript) {
@@ -141,6 +149,21 @@ TEST(FakeInputsTest, SineSilenceAndScript) {
     EXPECT_FALSE(in.Process());
     EXPECT_EQ(script.Ops(), (std::vector<std::string>{"GetCmd 1", "PauseDelay 250", "HandleCmd 1",
                                                       "Process", "Process", "Process"}));
+
+    // Blocking when empty: a Process waits (already recorded) for the next step, and
+    // clearing the setting lets a waiting one return without a frame.
+    script.SetBlockWhenEmpty(true);
+    boost::shared_ptr<AudioFrame> got;
+    std::thread reader([&] {
+        got = in.Process();
+        in.Process();
+    });
+    ASSERT_TRUE(script.WaitForOps("Process", 4, milliseconds(5000)));
+    script.Push(f);
+    ASSERT_TRUE(script.WaitForOps("Process", 5, milliseconds(5000)));
+    script.SetBlockWhenEmpty(false);
+    reader.join();
+    EXPECT_EQ(got, f);
 }
 
 }  // namespace

@@ -15,8 +15,8 @@
 
 #include "mixer/discovery/Discovery.h"
 #include "mixer/discovery/StreamFiles.h"
-#include "tests/discovery/DiscoveryHost.h"
 #include "tests/discovery/PrivateRun.h"
+#include "tests/support/FakeConnect.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
@@ -69,7 +69,7 @@ extern "C" int record_device_metric(const char* program, const char* source, con
 namespace mixer {
 namespace {
 
-using test::DiscoveryHost;
+using test::FakeConnect;
 using test::LogCapture;
 
 // The inotify instance among the open descriptors (the watcher's; the test has no other).
@@ -113,7 +113,7 @@ protected:
             kernelReads = g_kernelReads;
         }
         UtilPing();
-        ASSERT_TRUE(host.WaitPings(pingsSoFar + 1));
+        ASSERT_TRUE(host.WaitForCalls("Ping", pingsSoFar + 1, std::chrono::milliseconds(20000)));
         ASSERT_TRUE(WaitUntil([&] { return g_interruptsLeft == 0 && g_kernelReads > kernelReads; }));
     }
 
@@ -122,7 +122,7 @@ protected:
         return g_metrics.size();
     }
 
-    DiscoveryHost host;
+    FakeConnect host;
     LogCapture log;
     Discovery discovery;
 };
@@ -152,8 +152,8 @@ TEST_F(DiscoveryRetryTest, EveryTenthInterruptionIsCountedAndLogged) {
     sStreamInfo info;
     info.name = "after";
     ASSERT_EQ(0, UtilWriteFile(info));
-    ASSERT_TRUE(host.WaitOffers(1));
-    EXPECT_EQ("after", host.Offers()[0].fileName);
+    ASSERT_TRUE(host.WaitForCalls("AddNewStream", 1, std::chrono::milliseconds(20000)));
+    EXPECT_EQ("after", host.NewStreams()[0].fileName);
 }
 
 TEST_F(DiscoveryRetryTest, SuccessfulReadRestartsTheCount) {

@@ -9,27 +9,30 @@
 
 #include <algorithm>
 #include <fstream>
+#include <future>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "mixer/discovery/StreamFiles.h"
-#include "tests/discovery/DiscoveryHost.h"
 #include "tests/discovery/PrivateRun.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/FakeConnect.h"
 #include "tests/support/LogCapture.h"
 
 namespace mixer {
 namespace {
 
-using test::ClientProcess;
+using test::ChildProcess;
 using test::DirEntries;
-using test::DiscoveryHost;
+using test::FakeConnect;
 using test::LogCapture;
 using test::PathExists;
 using test::PathIsDir;
 
 const std::string kDir = "/var/run/mixer";
 const char kThreadExit[] = "I Mixer_Discovery:Discovery Thread:exiting!!:";
+const std::chrono::milliseconds kWait(20000);
 
 sStreamInfo Info(const std::string& name) {
     sStreamInfo info;
@@ -48,7 +51,28 @@ int OpenFdCount() { return static_cast<int>(DirEntries("/proc/self/fd").size());
 class DiscoveryTest : public ::testing::Test {
 protected:
     void SetUp() override { MIXER_REQUIRE_PRIVATE_RUN(); }
-    DiscoveryHost host;
+    bool WaitPings(int n) { return host.WaitForCalls("Ping", n, kWait); }
+    bool WaitOffers(int n) { return host.WaitForCalls("AddNewStream", n, kWait); }
+    FakeConnect host;
+};
+
+// A client in a process of its own, forked before the test starts any thread: once let
+// go, it writes the description file of name and pings.
+class Client {
+public:
+    explicit Client(const std::string& name)
+        : child_([this, name] {
+              CHILD_CHECK(go_.Receive() == '.');
+              CHILD_CHECK(UtilWriteFile(Info(name)) == 0);
+              UtilPing();  // processed after the file: marks the end of its handling
+              return 0;
+          }) {}
+    // Lets the child run and waits for it: 0, or the failing line.
+    int Run() { return go_.Send() ? child_.Wait() : -1; }
+
+private:
+    test::Pipe go_;
+    ChildProcess child_;
 };
 
 TEST_F(DiscoveryTest, InitLogsEachStepAndStartsTheWatcher) {
@@ -73,16 +97,13 @@ TEST_F(DiscoveryTest, InitLogsEachStepAndStartsTheWatcher) {
 }
 
 TEST_F(DiscoveryTest, ClientFileIsOfferedOnceAndStaysWhenAccepted) {
-    ClientProcess client([] {
-        if (UtilWriteFile(Info("nav1")) != 0) _exit(1);
-        UtilPing();  // processed after the file: marks the end of its handling
-    });
+    Client client("nav1");
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
     ASSERT_EQ(0, client.Run());
-    ASSERT_TRUE(host.WaitPings(1));
+    ASSERT_TRUE(WaitPings(1));
 
-    const std::vector<DiscoveryHost::Offer> offers = host.Offers();
+    const std::vector<FakeConnect::NewStreamCall> offers = host.NewStreams();
     ASSERT_EQ(1u, offers.size());
     EXPECT_EQ("nav1", offers[0].fileName);
     EXPECT_EQ("nav1", offers[0].info.name);
@@ -97,16 +118,13 @@ TEST_F(DiscoveryTest, ClientFileIsOfferedOnceAndStaysWhenAccepted) {
 }
 
 TEST_F(DiscoveryTest, RefusedFileIsRemoved) {
-    ClientProcess client([] {
-        if (UtilWriteFile(Info("refused")) != 0) _exit(1);
-        UtilPing();
-    });
-    host.SetAnswer(-1);
+    Client client("refused");
+    host.SetAddNewStreamResult(-1);
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
     ASSERT_EQ(0, client.Run());
-    ASSERT_TRUE(host.WaitPings(1));
-    EXPECT_EQ(1u, host.Offers().size());
+    ASSERT_TRUE(WaitPings(1));
+    EXPECT_EQ(1u, host.NewStreams().size());
     EXPECT_TRUE(DirEntries(kDir).empty());
 }
 
@@ -114,15 +132,18 @@ TEST_F(DiscoveryTest, FileGoneBeforeReadingIsDroppedWithoutOffer) {
     LogCapture log;
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
-    host.Hold(true);  // the watcher stays inside the first offer
+    // The watcher stays inside the first offer until released.
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    host.SetNewStreamHook([released](const std::string&, const sStreamInfo&) { released.wait(); });
     ASSERT_EQ(0, UtilWriteFile(Info("first")));
-    ASSERT_TRUE(host.WaitOffers(1));
+    ASSERT_TRUE(WaitOffers(1));
     ASSERT_EQ(0, UtilWriteFile(Info("vanishing")));
     ASSERT_EQ(0, unlink((kDir + "/vanishing").c_str()));
     UtilPing();
-    host.Hold(false);
-    ASSERT_TRUE(host.WaitPings(1));
-    EXPECT_EQ(1u, host.Offers().size());
+    release.set_value();
+    ASSERT_TRUE(WaitPings(1));
+    EXPECT_EQ(1u, host.NewStreams().size());
     EXPECT_TRUE(log.Has("E Mixer_Utils:AddStream:Failed to open /var/run/mixer/vanishing:")) << log.Dump();
 }
 
@@ -131,14 +152,14 @@ TEST_F(DiscoveryTest, PingIsAnsweredAndRemovedNotParsed) {
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
     UtilPing();
-    ASSERT_TRUE(host.WaitPings(1));
-    EXPECT_TRUE(host.Offers().empty());
+    ASSERT_TRUE(WaitPings(1));
+    EXPECT_TRUE(host.NewStreams().empty());
     EXPECT_FALSE(PathExists(kDir + "/Ping"));
     EXPECT_TRUE(log.Has("D Mixer_Discovery:AddStream:Ping:")) << log.Dump();
     EXPECT_EQ(0, log.CountPrefix("D Mixer_Utils:ReadFile:"));
 }
 
-TEST_F(DiscoveryTest, FilesPresentBeforeInitAreOnlyLogged) {
+TEST_F(DiscoveryTest, FilesPresentBeforeInitAreOnlyLoggedAndReadingOneOffersNothing) {
     ASSERT_EQ(0, UtilWriteFile(Info("early")));
     ASSERT_EQ(0, mkdir((kDir + "/subdir").c_str(), 0755));
     LogCapture log;
@@ -146,26 +167,17 @@ TEST_F(DiscoveryTest, FilesPresentBeforeInitAreOnlyLogged) {
     ASSERT_EQ(1, discovery.Init(&host));
     EXPECT_TRUE(log.Has("D Mixer_Discovery:Discovered filename is early::")) << log.Dump();
     EXPECT_EQ(1, log.CountPrefix("D Mixer_Discovery:Discovered filename is ")) << log.Dump();
-
-    UtilPing();
-    ASSERT_TRUE(host.WaitPings(1));
-    EXPECT_TRUE(host.Offers().empty());
-    EXPECT_TRUE(PathExists(kDir + "/early"));
-}
-
-TEST_F(DiscoveryTest, ReadOnlyCloseCausesNothing) {
-    ASSERT_EQ(0, UtilWriteFile(Info("existing")));
-    Discovery discovery;
-    ASSERT_EQ(1, discovery.Init(&host));
+    // A read-only open and close of the file is no announcement either.
     {
-        std::ifstream in((kDir + "/existing").c_str());
+        std::ifstream in((kDir + "/early").c_str());
         std::string line;
         ASSERT_TRUE(std::getline(in, line));
     }
+
     UtilPing();
-    ASSERT_TRUE(host.WaitPings(1));
-    EXPECT_TRUE(host.Offers().empty());
-    EXPECT_TRUE(PathExists(kDir + "/existing"));
+    ASSERT_TRUE(WaitPings(1));
+    EXPECT_TRUE(host.NewStreams().empty());
+    EXPECT_TRUE(PathExists(kDir + "/early"));
 }
 
 TEST_F(DiscoveryTest, NameAtTheBufferLimitIsOfferedLongerEndsWatcher) {
@@ -175,14 +187,14 @@ TEST_F(DiscoveryTest, NameAtTheBufferLimitIsOfferedLongerEndsWatcher) {
     // 140 characters and the terminator pad to 144: one event fills the 160 bytes.
     const std::string fits(140, 'f');
     ASSERT_EQ(0, UtilWriteFile(Info(fits)));
-    ASSERT_TRUE(host.WaitOffers(1));
-    EXPECT_EQ(fits, host.Offers()[0].fileName);
+    ASSERT_TRUE(WaitOffers(1));
+    EXPECT_EQ(fits, host.NewStreams()[0].fileName);
 
     ASSERT_EQ(0, UtilWriteFile(Info(std::string(150, 'g'))));
     ASSERT_TRUE(log.WaitFor("E Mixer_Discovery:Failed to read inotify:reason = Invalid argument:"))
         << log.Dump();
     ASSERT_TRUE(log.WaitFor(kThreadExit));
-    EXPECT_EQ(1u, host.Offers().size());
+    EXPECT_EQ(1u, host.NewStreams().size());
     EXPECT_EQ(1, discovery.DeInit());
 }
 
@@ -198,7 +210,7 @@ TEST_F(DiscoveryTest, DeletingTheDirectoryEndsTheWatcher) {
     ASSERT_EQ(0, UtilWriteFile(Info("late")));
     log.Clear();
     EXPECT_EQ(1, discovery.DeInit());
-    EXPECT_TRUE(host.Offers().empty());
+    EXPECT_TRUE(host.NewStreams().empty());
     // The kernel dropped the watch with the directory, so removing it fails.
     EXPECT_TRUE(log.Has("E Mixer_Discovery:Failed to remove watch:inotify_rm_watch failed with ret -1:"))
         << log.Dump();
@@ -212,7 +224,7 @@ TEST_F(DiscoveryTest, DeInitStopsWatcherAndLeavesNothingBehind) {
         Discovery discovery;
         ASSERT_EQ(1, discovery.Init(&host));
         ASSERT_EQ(0, UtilWriteFile(Info("s1")));
-        ASSERT_TRUE(host.WaitOffers(1));
+        ASSERT_TRUE(WaitOffers(1));
         EXPECT_EQ(1, discovery.DeInit());
         EXPECT_EQ(1, log.Count(kThreadExit));
         EXPECT_FALSE(PathExists(kDir));

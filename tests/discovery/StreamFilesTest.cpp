@@ -125,13 +125,12 @@ TEST_F(StreamFilesTest, WriteThenReadGivesTheSameRecord) {
     EXPECT_EQ(in.sampleSize, out.sampleSize);
     EXPECT_EQ(in.meta, out.meta);
     EXPECT_TRUE(log.Has("D Mixer_Utils:ReadFile:music1:")) << log.Dump();
-}
 
-TEST_F(StreamFilesTest, EmptyMetaStillEndsInALineFeed) {
-    sStreamInfo in = Info("quiet");
-    in.meta.clear();
-    in.id = 0;
-    ASSERT_EQ(0, UtilWriteFile(in));
+    // An empty meta still ends in a line feed.
+    sStreamInfo quiet = Info("quiet");
+    quiet.meta.clear();
+    quiet.id = 0;
+    ASSERT_EQ(0, UtilWriteFile(quiet));
     EXPECT_EQ("quiet\nshmQ\n0\n48000\n2\n2\n\n", ReadAll(kDir + "/quiet"));
 }
 
@@ -164,18 +163,16 @@ TEST_F(StreamFilesTest, ShortFileGivesEmptyAndZeroFields) {
     EXPECT_EQ("", out.meta);
 }
 
-TEST_F(StreamFilesTest, LineOf199CharactersIsRead) {
-    const std::string type(199, 't');
-    WriteRaw("edge", "edge\n" + type + "\n5\n8000\n1\n2\nm\n");
-    sStreamInfo out;
-    ASSERT_EQ(0, UtilReadFile("edge", out));
-    EXPECT_EQ(type, out.type);
-    EXPECT_EQ(5, out.id);
-    EXPECT_EQ(8000u, out.rate);
-    EXPECT_EQ("m", out.meta);
-}
+TEST_F(StreamFilesTest, LineOf199CharactersIsReadALongerOneBlanksEveryLaterField) {
+    const std::string edge(199, 't');
+    WriteRaw("edge", "edge\n" + edge + "\n5\n8000\n1\n2\nm\n");
+    sStreamInfo in;
+    ASSERT_EQ(0, UtilReadFile("edge", in));
+    EXPECT_EQ(edge, in.type);
+    EXPECT_EQ(5, in.id);
+    EXPECT_EQ(8000u, in.rate);
+    EXPECT_EQ("m", in.meta);
 
-TEST_F(StreamFilesTest, OverlongLineBlanksEveryLaterField) {
     const std::string type(250, 't');
     WriteRaw("long", "long\n" + type + "\n5\n8000\n1\n2\nmeta\n");
     sStreamInfo out = Info("junk");

@@ -28,10 +28,17 @@ void FakeConnect::RecordLocked(const std::string& op) {
 }
 
 int FakeConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    newStreams_.push_back(NewStreamCall{fileName, info});
-    RecordLocked("AddNewStream");
-    return addNewStreamResult_;
+    std::function<void(const std::string&, const sStreamInfo&)> hook;
+    int result;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        newStreams_.push_back(NewStreamCall{fileName, info});
+        hook = newStreamHook_;
+        result = addNewStreamResult_;
+        RecordLocked("AddNewStream");
+    }
+    if (hook) hook(fileName, info);
+    return result;
 }
 
 void FakeConnect::Ping() {
@@ -179,6 +186,12 @@ void FakeConnect::SetAttachInputRampGain(bool attach) {
 void FakeConnect::SetAttachRecordRampGain(bool attach) {
     std::lock_guard<std::mutex> guard(mutex_);
     recordRampGain_ = attach;
+}
+
+void FakeConnect::SetNewStreamHook(
+    std::function<void(const std::string&, const sStreamInfo&)> hook) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    newStreamHook_ = hook;
 }
 
 void FakeConnect::SetInputAlgosHook(std::function<void(boost::shared_ptr<Stream>)> hook) {

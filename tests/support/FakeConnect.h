@@ -82,7 +82,9 @@ public:
     // Attach a fresh AlgoRampGain to every playback input stream / record stream.
     void SetAttachInputRampGain(bool attach);
     void SetAttachRecordRampGain(bool attach);
-    // Called after the recording (and after any ramp gain is attached).
+    // Called after the recording (and after any ramp gain is attached); AddNewStream
+    // returns its configured result once its hook has returned.
+    void SetNewStreamHook(std::function<void(const std::string&, const sStreamInfo&)> hook);
     void SetInputAlgosHook(std::function<void(boost::shared_ptr<Stream>)> hook);
     void SetOutputAlgosHook(std::function<void(boost::shared_ptr<Output>, boost::shared_ptr<Stream>)> hook);
     void SetRecordAlgosHook(std::function<void(boost::shared_ptr<StreamOut>)> hook);
@@ -123,6 +125,7 @@ private:
     std::vector<boost::shared_ptr<Input> > inputs_;           // GUARDED_BY(mutex_)
     size_t nextInput_;                                        // GUARDED_BY(mutex_)
     bool inputRampGain_, recordRampGain_;                     // GUARDED_BY(mutex_)
+    std::function<void(const std::string&, const sStreamInfo&)> newStreamHook_;          // GUARDED_BY(mutex_)
     std::function<void(boost::shared_ptr<Stream>)> inputHook_;                            // GUARDED_BY(mutex_)
     std::function<void(boost::shared_ptr<Output>, boost::shared_ptr<Stream>)> outputHook_;  // GUARDED_BY(mutex_)
     std::function<void(boost::shared_ptr<StreamOut>)> recordHook_;                        // GUARDED_BY(mutex_)

@@ -5,6 +5,7 @@ namespace test {
 
 FakeOutput::FakeOutput(const std::string& name_, tInOutState state_)
     : volumeResult_(0),
+      copyFrames_(true),
       failAt_(0),
       failState_(STATE_FAULT),
       hasPending_(false),
@@ -42,8 +43,8 @@ void FakeOutput::Resume() {
 int FakeOutput::WriteFrame(boost::shared_ptr<AudioFrame> frame) {
     std::lock_guard<std::mutex> guard(mutex_);
     ApplyPendingLocked();
-    frames_.push_back(frame ? boost::shared_ptr<AudioFrame>(new AudioFrame(*frame))
-                            : boost::shared_ptr<AudioFrame>());
+    frames_.push_back(frame && copyFrames_ ? boost::shared_ptr<AudioFrame>(new AudioFrame(*frame))
+                                           : frame);
     writeTimes_.push_back(Clock::now());
     if (failAt_ != 0 && static_cast<int>(frames_.size()) == failAt_) state = failState_;
     stateCopy_ = state;
@@ -94,6 +95,11 @@ void FakeOutput::SetState(tInOutState st) {
 void FakeOutput::SetVolumeResult(int result) {
     std::lock_guard<std::mutex> guard(mutex_);
     volumeResult_ = result;
+}
+
+void FakeOutput::SetCopyFrames(bool copy) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    copyFrames_ = copy;
 }
 
 std::vector<boost::shared_ptr<AudioFrame> > FakeOutput::Frames() const {

@@ -44,6 +44,10 @@ public:
     void SetStateAtNextCall(tInOutState st);
     void SetState(tInOutState st);  // only while no engine thread uses the output
     void SetVolumeResult(int result);
+    // false: Frames() holds the written frames themselves instead of copies, for tests
+    // of which frame object reached which output (the samples may change after the
+    // write then).
+    void SetCopyFrames(bool copy);
 
     // Records (copies).
     std::vector<boost::shared_ptr<AudioFrame> > Frames() const;
@@ -75,6 +79,7 @@ private:
     std::vector<Clock::time_point> postTimes_;       // GUARDED_BY(mutex_)
     std::vector<int> volumes_;                       // GUARDED_BY(mutex_)
     int volumeResult_;                               // GUARDED_BY(mutex_)
+    bool copyFrames_;                                // GUARDED_BY(mutex_)
     int failAt_;                                     // GUARDED_BY(mutex_), 0: never
     tInOutState failState_;                          // GUARDED_BY(mutex_)
     bool hasPending_;                                // GUARDED_BY(mutex_)

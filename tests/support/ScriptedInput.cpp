@@ -9,7 +9,8 @@ ScriptedInput::ScriptedInput(unsigned rate_, unsigned numCh_, const std::string&
       cmd_(CMD_NONE),
       handleResult_(0),
       hasPending_(false),
-      pending_(STATE_ACTIVE) {
+      pending_(STATE_ACTIVE),
+      blockWhenEmpty_(false) {
     name = desc_;
     state = STATE_ACTIVE;
 }
@@ -42,8 +43,11 @@ void ScriptedInput::Resume() {
 }
 
 boost::shared_ptr<AudioFrame> ScriptedInput::Process() {
-    std::lock_guard<std::mutex> guard(mutex_);
+    std::unique_lock<std::mutex> guard(mutex_);
     ApplyPendingLocked();
+    // Recorded on entry, so that a test can see a Process that waits for its step.
+    RecordLocked("Process");
+    pushed_.wait(guard, [this] { return !script_.empty() || !blockWhenEmpty_; });
     boost::shared_ptr<AudioFrame> frame;
     if (!script_.empty()) {
         const Step step = script_.front();
@@ -51,7 +55,6 @@ boost::shared_ptr<AudioFrame> ScriptedInput::Process() {
         if (step.setsState) state = step.st;
         frame = step.frame;
     }
-    RecordLocked("Process");
     return frame;
 }
 
@@ -92,11 +95,13 @@ void ScriptedInput::Flush() {
 void ScriptedInput::Push(boost::shared_ptr<AudioFrame> frame) {
     std::lock_guard<std::mutex> guard(mutex_);
     script_.push_back(Step{frame, false, STATE_ACTIVE});
+    pushed_.notify_all();
 }
 
 void ScriptedInput::PushWithState(boost::shared_ptr<AudioFrame> frame, tInOutState st) {
     std::lock_guard<std::mutex> guard(mutex_);
     script_.push_back(Step{frame, true, st});
+    pushed_.notify_all();
 }
 
 boost::shared_ptr<AudioFrame> ScriptedInput::MakeFrame(int value) const {
@@ -124,6 +129,12 @@ void ScriptedInput::SetStateAtNextCall(tInOutState st) {
     std::lock_guard<std::mutex> guard(mutex_);
     hasPending_ = true;
     pending_ = st;
+}
+
+void ScriptedInput::SetBlockWhenEmpty(bool block) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    blockWhenEmpty_ = block;
+    pushed_.notify_all();
 }
 
 std::vector<std::string> ScriptedInput::Ops() const {

@@ -20,7 +20,9 @@ namespace test {
 // the state and then returns its frame (possibly empty); with the script spent, Process
 // returns no frame. The pending client command is settable. Every operation is recorded
 // by name ("Process", "Pause", "Resume", "PauseDelay 250", "HandleCmd 1", "Drain",
-// "Flush", and "GetCmd 8" when a command is pending). Starts active.
+// "Flush", and "GetCmd 8" when a command is pending). Starts active. With
+// SetBlockWhenEmpty(true) a Process that finds the script spent waits (recorded on entry)
+// until a step is pushed or the setting is cleared, like a device read.
 //
 // Threading: the engine thread calls the Input operations; the test thread scripts and
 // reads (everything of the fake is guarded by mutex_) and changes the state only through
@@ -49,6 +51,8 @@ public:
     void SetCmd(tInOutCmd cmd);
     void SetHandleCmdResult(int result);
     void SetStateAtNextCall(tInOutState st);
+    // Clearing it releases a Process that is waiting.
+    void SetBlockWhenEmpty(bool block);
 
     // Records.
     std::vector<std::string> Ops() const;
@@ -68,6 +72,7 @@ private:
 
     mutable std::mutex mutex_;
     mutable std::condition_variable recorded_;  // signalled after every recorded op
+    std::condition_variable pushed_;            // signalled on a new step or unblocking
     std::deque<Step> script_;                   // GUARDED_BY(mutex_)
     std::vector<std::string> ops_;              // GUARDED_BY(mutex_)
     std::map<std::string, int> counts_;         // GUARDED_BY(mutex_)
@@ -75,6 +80,7 @@ private:
     int handleResult_;                          // GUARDED_BY(mutex_)
     bool hasPending_;                           // GUARDED_BY(mutex_)
     tInOutState pending_;                       // GUARDED_BY(mutex_)
+    bool blockWhenEmpty_;                       // GUARDED_BY(mutex_)
 };
 
 }  // namespace test

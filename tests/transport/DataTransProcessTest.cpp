@@ -15,6 +15,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ShmName.h"
+#include "tests/transport/Blocks.h"
 
 namespace mixer {
 namespace {
@@ -22,7 +23,9 @@ namespace {
 using test::ChildProcess;
 using test::LogCapture;
 using test::Pipe;
+using test::ReadBlock;
 using test::ShmName;
+using test::WriteBlock;
 
 const unsigned kForever = 0xFFFFFFFFu;
 
@@ -37,14 +40,23 @@ tInOutCmd AwaitCmd(DataTrans& dt, tInOutCmd want) {
     return got;
 }
 
-TEST(DataTransProcessTest, BlocksFlowInOrderWithLengthsAndIdsThroughAFullQueue) {
+// This process creates the queue (local); a forked child opens it with Open.
+class DataTransProcessTest : public ::testing::Test {
+protected:
+    void Create(unsigned numBlk, unsigned blkSize) { ASSERT_EQ(local.Init(name.c_str(), numBlk, blkSize), 0); }
+    bool Open(DataTrans& dt) { return dt.Init(name.c_str()) == 0; }
+
     ShmName name;
-    DataTrans reader;
-    ASSERT_EQ(reader.Init(name.c_str(), 4, 1024), 0);
+    DataTrans local;
+};
+
+TEST_F(DataTransProcessTest, BlocksFlowInOrderWithLengthsAndIdsThroughAFullQueue) {
+    ASSERT_NO_FATAL_FAILURE(Create(4, 1024));
+    DataTrans& reader = local;
     const unsigned kBlocks = 41;  // many more than fit: the writer waits, positions wrap
     ChildProcess writer([&] {
         DataTrans dt;
-        CHILD_CHECK(dt.Init(name.c_str()) == 0);
+        CHILD_CHECK(Open(dt));
         for (unsigned k = 0; k < kBlocks; ++k) {
             int err = -1;
             char* p = dt.GetWriteBuff(err, kForever);
@@ -82,18 +94,17 @@ TEST(DataTransProcessTest, BlocksFlowInOrderWithLengthsAndIdsThroughAFullQueue) 
     EXPECT_FALSE(name.Exists());
 }
 
-TEST(DataTransProcessTest, FullQueueHoldsTheWriterUntilTheReaderReleases) {
-    ShmName name;
-    DataTrans reader;
-    ASSERT_EQ(reader.Init(name.c_str(), 2, 64), 0);
+TEST_F(DataTransProcessTest, FullQueueHoldsTheWriterUntilTheReaderReleases) {
+    ASSERT_NO_FATAL_FAILURE(Create(2, 64));
+    DataTrans& reader = local;
     Pipe waiting, woke;
     ChildProcess writer([&] {
         DataTrans dt;
-        CHILD_CHECK(dt.Init(name.c_str()) == 0);
+        CHILD_CHECK(Open(dt));
         int err;
         char* first = dt.GetWriteBuff(err, 0);
         CHILD_CHECK(first != nullptr && dt.CommitWriteBuff(1, nullptr));
-        CHILD_CHECK(dt.GetWriteBuff(err, 0) != nullptr && dt.CommitWriteBuff(2, nullptr));
+        CHILD_CHECK(WriteBlock(dt, 2));
         CHILD_CHECK(dt.GetWriteBuff(err, 0) == nullptr && err == EAGAIN);
         waiting.Send();
         char* again = dt.GetWriteBuff(err, kForever);
@@ -113,19 +124,17 @@ TEST(DataTransProcessTest, FullQueueHoldsTheWriterUntilTheReaderReleases) {
     EXPECT_EQ(reader.GetNumBlkReady(), 2u);
 }
 
-TEST(DataTransProcessTest, ReaderClosingFirstHangsUpAndTheWriterUnlinks) {
-    ShmName name;
-    DataTrans writer;
-    ASSERT_EQ(writer.Init(name.c_str(), 2, 64), 0);
+TEST_F(DataTransProcessTest, ReaderClosingFirstHangsUpAndTheWriterUnlinks) {
+    ASSERT_NO_FATAL_FAILURE(Create(2, 64));
+    DataTrans& writer = local;
+    ASSERT_TRUE(WriteBlock(writer, 8));
     int err;
-    ASSERT_NE(writer.GetWriteBuff(err, 0), nullptr);
-    ASSERT_TRUE(writer.CommitWriteBuff(8, nullptr));
     ASSERT_NE(writer.GetWriteBuff(err, 0), nullptr);
     Pipe inWait;
     // A writer waiting for space wakes up at the hang-up.
     ChildProcess reader([&] {
         DataTrans dt;
-        CHILD_CHECK(dt.Init(name.c_str()) == 0);
+        CHILD_CHECK(Open(dt));
         CHILD_CHECK(inWait.Receive() == '.');
         dt.DeInit();
         return 0;
@@ -147,21 +156,35 @@ TEST(DataTransProcessTest, ReaderClosingFirstHangsUpAndTheWriterUnlinks) {
     EXPECT_FALSE(name.Exists());
 }
 
-TEST(DataTransProcessTest, CreatorClosingFirstLeavesTheUnlinkToTheOpener) {
-    ShmName name;
-    DataTrans creator;
-    ASSERT_EQ(creator.Init(name.c_str(), 2, 64), 0);
+TEST_F(DataTransProcessTest, CreatorClosingFirstLeavesItsBlocksAndTheUnlinkToTheOpener) {
+    ASSERT_NO_FATAL_FAILURE(Create(4, 64));
+    DataTrans& creator = local;
+    for (unsigned k = 1; k <= 3; ++k) {
+        int err;
+        char* p = creator.GetWriteBuff(err, 0);
+        ASSERT_NE(p, nullptr);
+        memset(p, static_cast<int>(k), k);
+        ASSERT_TRUE(creator.CommitWriteBuff(k, nullptr));
+    }
     Pipe opened, closed;
     ChildProcess opener([&] {
         DataTrans dt;
-        CHILD_CHECK(dt.Init(name.c_str()) == 0);
+        CHILD_CHECK(Open(dt));
         opened.Send();
-        // Waits for data that never comes: the hang-up ends the wait.
+        CHILD_CHECK(closed.Receive() == '.');
+        CHILD_CHECK(dt.IsHungUp());
+        // What was committed before the hang-up is still read, in order.
+        for (unsigned k = 1; k <= 3; ++k) {
+            int err;
+            unsigned len = 0;
+            const char* p = dt.GetReadBuff(err, len, 0, nullptr);
+            CHILD_CHECK(p != nullptr && len == k && p[0] == static_cast<char>(k));
+            CHILD_CHECK(dt.ReleaseReadBuff());
+        }
+        // Then even a wait without limit ends at once.
         int err;
         unsigned len;
         CHILD_CHECK(dt.GetReadBuff(err, len, kForever, nullptr) == nullptr && err == EHOSTDOWN);
-        CHILD_CHECK(dt.IsHungUp());
-        CHILD_CHECK(closed.Receive() == '.');
         dt.DeInit();
         return 0;
     });
@@ -175,52 +198,16 @@ TEST(DataTransProcessTest, CreatorClosingFirstLeavesTheUnlinkToTheOpener) {
     EXPECT_FALSE(name.Exists());
 }
 
-TEST(DataTransProcessTest, ReaderDrainsAHungUpQueueThenGetsHostDown) {
-    ShmName name;
-    ChildProcess writer([&] {
-        DataTrans dt;
-        CHILD_CHECK(dt.Init(name.c_str(), 4, 64) == 0);
-        for (unsigned k = 1; k <= 3; ++k) {
-            int err;
-            char* p = dt.GetWriteBuff(err, 0);
-            CHILD_CHECK(p != nullptr);
-            memset(p, static_cast<int>(k), k);
-            CHILD_CHECK(dt.CommitWriteBuff(k, nullptr));
-        }
-        dt.DeInit();
-        return 0;
-    });
-    ASSERT_EQ(writer.Wait(), 0);
-    DataTrans reader;
-    ASSERT_EQ(reader.Init(name.c_str()), 0);
-    for (unsigned k = 1; k <= 3; ++k) {
-        int err;
-        unsigned len = 0;
-        const char* p = reader.GetReadBuff(err, len, 0, nullptr);
-        ASSERT_NE(p, nullptr);
-        EXPECT_EQ(len, k);
-        EXPECT_EQ(p[0], static_cast<char>(k));
-        ASSERT_TRUE(reader.ReleaseReadBuff());
-    }
-    int err;
-    unsigned len;
-    EXPECT_EQ(reader.GetReadBuff(err, len, 0, nullptr), nullptr);
-    EXPECT_EQ(err, EHOSTDOWN);
-    reader.DeInit();
-    EXPECT_FALSE(name.Exists());
-}
-
-TEST(DataTransProcessTest, StopRefusesTheWriterButNotTheReader) {
-    ShmName name;
-    DataTrans reader;
-    ASSERT_EQ(reader.Init(name.c_str(), 4, 64), 0);
+TEST_F(DataTransProcessTest, StopRefusesTheWriterButNotTheReader) {
+    ASSERT_NO_FATAL_FAILURE(Create(4, 64));
+    DataTrans& reader = local;
     Pipe toChild, toParent;
     ChildProcess writer([&] {
         LogCapture log;
         DataTrans dt;
-        CHILD_CHECK(dt.Init(name.c_str()) == 0);
+        CHILD_CHECK(Open(dt));
         int err;
-        CHILD_CHECK(dt.GetWriteBuff(err, 0) != nullptr && dt.CommitWriteBuff(5, nullptr));
+        CHILD_CHECK(WriteBlock(dt, 5));
         toParent.Send();
         CHILD_CHECK(toChild.Receive() == 's');
         CHILD_CHECK(dt.IsStopped());
@@ -228,35 +215,29 @@ TEST(DataTransProcessTest, StopRefusesTheWriterButNotTheReader) {
         CHILD_CHECK(log.Has("E Mixer_DataTrans:GetWriteBuff:reason=Stopped:"));
         toParent.Send();
         CHILD_CHECK(toChild.Receive() == 'r');
-        CHILD_CHECK(dt.GetWriteBuff(err, 0) != nullptr && dt.CommitWriteBuff(6, nullptr));
+        CHILD_CHECK(WriteBlock(dt, 6));
         return 0;
     });
     ASSERT_EQ(toParent.Receive(), '.');
     reader.Stop();
     toChild.Send('s');
     ASSERT_EQ(toParent.Receive(), '.');
-    int err;
-    unsigned len = 0;
-    ASSERT_NE(reader.GetReadBuff(err, len, 0, nullptr), nullptr);
-    EXPECT_EQ(len, 5u);
-    ASSERT_TRUE(reader.ReleaseReadBuff());
+    EXPECT_EQ(ReadBlock(reader), 5);
     reader.Resume();
     toChild.Send('r');
     EXPECT_EQ(writer.Wait(), 0);
-    ASSERT_NE(reader.GetReadBuff(err, len, 0, nullptr), nullptr);
-    EXPECT_EQ(len, 6u);
+    EXPECT_EQ(ReadBlock(reader), 6);
 }
 
-TEST(DataTransProcessTest, EveryCommandIsAcknowledgedAcrossProcesses) {
-    ShmName name;
-    DataTrans mixerSide;
-    ASSERT_EQ(mixerSide.Init(name.c_str(), 2, 64), 0);
+TEST_F(DataTransProcessTest, EveryCommandIsAcknowledgedAcrossProcesses) {
+    ASSERT_NO_FATAL_FAILURE(Create(2, 64));
+    DataTrans& mixerSide = local;
     const tInOutCmd cmds[] = {CMD_PAUSE, CMD_DRAIN, CMD_FLUSH, CMD_RESUME, CMD_STOP};
     Pipe posting;
     LogCapture log;
     ChildProcess client([&] {
         DataTrans dt;
-        CHILD_CHECK(dt.Init(name.c_str()) == 0);
+        CHILD_CHECK(Open(dt));
         for (tInOutCmd c : cmds) {
             posting.Send(static_cast<char>(c));
             dt.SetCmd(c);
@@ -276,10 +257,9 @@ TEST(DataTransProcessTest, EveryCommandIsAcknowledgedAcrossProcesses) {
     EXPECT_EQ(client.Wait(), 0);
 }
 
-TEST(DataTransProcessTest, UnansweredCommandTimesOutAndIsOverwrittenByTheNext) {
-    ShmName name;
-    DataTrans mixerSide;
-    ASSERT_EQ(mixerSide.Init(name.c_str(), 2, 64), 0);
+TEST_F(DataTransProcessTest, UnansweredCommandTimesOutAndTheNextOverwritesIt) {
+    ASSERT_NO_FATAL_FAILURE(Create(2, 64));
+    DataTrans& mixerSide = local;
     {
         LogCapture log;
         const auto t0 = std::chrono::steady_clock::now();
@@ -288,36 +268,18 @@ TEST(DataTransProcessTest, UnansweredCommandTimesOutAndIsOverwrittenByTheNext) {
         EXPECT_TRUE(log.Has("E def:Mixer_DataTrans:SetCmd:cond wait error, cmd = 1, status = 110"));
         EXPECT_EQ(mixerSide.GetCmd(), CMD_PAUSE);
     }
+    // The client's command replaces the stale one; acknowledging another command clears
+    // the slot but wakes nobody, so the client's wait also ends at its deadline.
     LogCapture log;
     Pipe posting;
     ChildProcess client([&] {
         DataTrans dt;
-        CHILD_CHECK(dt.Init(name.c_str()) == 0);
-        posting.Send();
-        dt.SetCmd(CMD_FLUSH);
-        CHILD_CHECK(log.Has("W Mixer_DataTrans:SetCmd:erasing cmd 1:"));
-        CHILD_CHECK(log.CountPrefix("E def:Mixer_DataTrans:SetCmd:cond wait error") == 0);
-        return 0;
-    });
-    ASSERT_EQ(posting.Receive(), '.');
-    ASSERT_EQ(AwaitCmd(mixerSide, CMD_FLUSH), CMD_FLUSH);
-    mixerSide.CmdExecuted(CMD_FLUSH);
-    EXPECT_EQ(client.Wait(), 0);
-}
-
-TEST(DataTransProcessTest, AcknowledgingAnotherCommandClearsTheSlotButWakesNobody) {
-    ShmName name;
-    DataTrans mixerSide;
-    ASSERT_EQ(mixerSide.Init(name.c_str(), 2, 64), 0);
-    Pipe posting;
-    LogCapture log;
-    ChildProcess client([&] {
-        DataTrans dt;
-        CHILD_CHECK(dt.Init(name.c_str()) == 0);
+        CHILD_CHECK(Open(dt));
         posting.Send();
         const auto t0 = std::chrono::steady_clock::now();
         dt.SetCmd(CMD_RESUME);
         CHILD_CHECK(std::chrono::steady_clock::now() - t0 >= std::chrono::milliseconds(1400));
+        CHILD_CHECK(log.Has("W Mixer_DataTrans:SetCmd:erasing cmd 1:"));
         CHILD_CHECK(log.Has("E def:Mixer_DataTrans:SetCmd:cond wait error, cmd = 8, status = 110"));
         CHILD_CHECK(dt.GetCmd() == CMD_NONE);
         return 0;
@@ -330,23 +292,22 @@ TEST(DataTransProcessTest, AcknowledgingAnotherCommandClearsTheSlotButWakesNobod
     EXPECT_EQ(client.Wait(), 0);
 }
 
-TEST(DataTransProcessTest, FlushWhileTheWriterHoldsABlock) {
-    ShmName name;
-    DataTrans reader;
-    ASSERT_EQ(reader.Init(name.c_str(), 4, 64), 0);
+TEST_F(DataTransProcessTest, FlushWhileTheWriterHoldsABlock) {
+    ASSERT_NO_FATAL_FAILURE(Create(4, 64));
+    DataTrans& reader = local;
     Pipe holding, flushed;
     ChildProcess writer([&] {
         LogCapture log;
         DataTrans dt;
-        CHILD_CHECK(dt.Init(name.c_str()) == 0);
+        CHILD_CHECK(Open(dt));
         int err;
-        for (int i = 0; i < 2; ++i) CHILD_CHECK(dt.GetWriteBuff(err, 0) != nullptr && dt.CommitWriteBuff(8, nullptr));
+        for (int i = 0; i < 2; ++i) CHILD_CHECK(WriteBlock(dt, 8));
         CHILD_CHECK(dt.GetWriteBuff(err, 0) != nullptr);
         holding.Send();
         CHILD_CHECK(flushed.Receive() == '.');
         CHILD_CHECK(!dt.CommitWriteBuff(8, nullptr));
         CHILD_CHECK(log.Has("E Mixer_DataTrans:CommitWriteBuff:check bababeef state 0:"));
-        CHILD_CHECK(dt.GetWriteBuff(err, 0) != nullptr && dt.CommitWriteBuff(9, nullptr));
+        CHILD_CHECK(WriteBlock(dt, 9));
         return 0;
     });
     ASSERT_EQ(holding.Receive(), '.');
@@ -355,45 +316,33 @@ TEST(DataTransProcessTest, FlushWhileTheWriterHoldsABlock) {
     EXPECT_EQ(reader.GetNumBlkReady(), 0u);
     flushed.Send();
     EXPECT_EQ(writer.Wait(), 0);
-    int err;
-    unsigned len = 0;
-    ASSERT_NE(reader.GetReadBuff(err, len, 0, nullptr), nullptr);
-    EXPECT_EQ(len, 9u);  // only what was written after the flush
+    EXPECT_EQ(ReadBlock(reader), 9);  // only what was written after the flush
     EXPECT_EQ(reader.GetNumBlkReady(), 0u);
 }
 
-TEST(DataTransProcessTest, WriterWaitsTillTheReaderHasConsumedEverything) {
-    ShmName name;
-    DataTrans reader;
-    ASSERT_EQ(reader.Init(name.c_str(), 4, 64), 0);
+TEST_F(DataTransProcessTest, WriterWaitsTillTheReaderHasConsumedEverything) {
+    ASSERT_NO_FATAL_FAILURE(Create(4, 64));
+    DataTrans& reader = local;
     Pipe committed;
     ChildProcess writer([&] {
         DataTrans dt;
-        CHILD_CHECK(dt.Init(name.c_str()) == 0);
+        CHILD_CHECK(Open(dt));
         CHILD_CHECK(dt.WaitTillUserBufEmpty() == 0);  // nothing written yet
-        int err;
-        for (int i = 0; i < 3; ++i) CHILD_CHECK(dt.GetWriteBuff(err, 0) != nullptr && dt.CommitWriteBuff(8, nullptr));
+        for (int i = 0; i < 3; ++i) CHILD_CHECK(WriteBlock(dt, 8));
         committed.Send();
         CHILD_CHECK(dt.WaitTillUserBufEmpty() == 0);
         CHILD_CHECK(dt.GetNumBlkFree() == 4);
         return 0;
     });
     ASSERT_EQ(committed.Receive(), '.');
-    for (int i = 0; i < 3; ++i) {
-        int err;
-        unsigned len;
-        ASSERT_NE(reader.GetReadBuff(err, len, 0, nullptr), nullptr);
-        ASSERT_TRUE(reader.ReleaseReadBuff());
-    }
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(ReadBlock(reader), 8);
     EXPECT_EQ(writer.Wait(), 0);
 
     // Nobody reads: the wait ends at its deadline.
     ShmName other;
     DataTrans alone;
     ASSERT_EQ(alone.Init(other.c_str(), 4, 64), 0);
-    int err;
-    ASSERT_NE(alone.GetWriteBuff(err, 0), nullptr);
-    ASSERT_TRUE(alone.CommitWriteBuff(8, nullptr));
+    ASSERT_TRUE(WriteBlock(alone, 8));
     LogCapture log;
     const auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(alone.WaitTillUserBufEmpty(), ETIMEDOUT);

@@ -19,12 +19,15 @@
 #include "mixer/transport/Deadline.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ShmName.h"
+#include "tests/transport/Blocks.h"
 
 namespace mixer {
 namespace {
 
 using test::LogCapture;
+using test::ReadBlock;
 using test::ShmName;
+using test::WriteBlock;
 
 const unsigned kHdr = kStreamQueueSize;
 
@@ -63,6 +66,18 @@ std::string Status(const LogCapture& log, const std::string& tag) {
     }
     return found;
 }
+
+// Both ends of one queue in this process: the creator writes, the opener reads.
+class DataTransPairTest : public ::testing::Test {
+protected:
+    void Open(unsigned numBlk, unsigned blkSize) {
+        ASSERT_EQ(writer.Init(name.c_str(), numBlk, blkSize), 0);
+        ASSERT_EQ(reader.Init(name.c_str()), 0);
+    }
+
+    ShmName name;
+    DataTrans writer, reader;
+};
 
 TEST(DataTransTest, CreationLaysOutHeaderAndTails) {
     ShmName name;
@@ -207,12 +222,9 @@ TEST(DataTransTest, ClosedQueueRefusesEveryOperation) {
     EXPECT_TRUE(dt.DeInit());
 }
 
-TEST(DataTransTest, ParametersAndCountAreSharedBetweenBothEnds) {
-    ShmName name;
+TEST_F(DataTransPairTest, ParametersAndCountAreSharedBetweenBothEnds) {
     LogCapture log;
-    DataTrans writer, reader;
-    ASSERT_EQ(writer.Init(name.c_str(), 2, 64), 0);
-    ASSERT_EQ(reader.Init(name.c_str()), 0);
+    ASSERT_NO_FATAL_FAILURE(Open(2, 64));
     EXPECT_EQ(reader.GetRate(), -1);
     EXPECT_TRUE(log.Has("D Mixer_DataTrans:GetRate:-1:"));
     writer.SetRate(44100);
@@ -232,11 +244,8 @@ TEST(DataTransTest, ParametersAndCountAreSharedBetweenBothEnds) {
     EXPECT_EQ(reader.SubCount(3), 4u);
 }
 
-TEST(DataTransTest, TimeOutsOfZeroAndOneHundredMilliseconds) {
-    ShmName name;
-    DataTrans writer, reader;
-    ASSERT_EQ(writer.Init(name.c_str(), 4, 64), 0);
-    ASSERT_EQ(reader.Init(name.c_str()), 0);
+TEST_F(DataTransPairTest, TimeOutsOfZeroAndOneHundredMilliseconds) {
+    ASSERT_NO_FATAL_FAILURE(Open(4, 64));
     LogCapture log;
     int err = -1;
     unsigned len = 0;
@@ -249,10 +258,7 @@ TEST(DataTransTest, TimeOutsOfZeroAndOneHundredMilliseconds) {
     EXPECT_EQ(err, ETIMEDOUT);
     EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(90));
 
-    for (int i = 0; i < 4; ++i) {
-        ASSERT_NE(writer.GetWriteBuff(err, 0), nullptr);
-        ASSERT_TRUE(writer.CommitWriteBuff(8, nullptr));
-    }
+    for (int i = 0; i < 4; ++i) ASSERT_TRUE(WriteBlock(writer, 8));
     log.Clear();
     EXPECT_EQ(writer.GetWriteBuff(err, 0), nullptr);
     EXPECT_EQ(err, EAGAIN);
@@ -266,23 +272,16 @@ TEST(DataTransTest, TimeOutsOfZeroAndOneHundredMilliseconds) {
     EXPECT_FALSE(Status(log, "GetWriteBuff-CondWait-Err").empty());
 }
 
-TEST(DataTransTest, MisorderedCallsAreRefusedAndTraced) {
-    ShmName name;
-    DataTrans writer, reader;
-    ASSERT_EQ(writer.Init(name.c_str(), 4, 64), 0);
-    ASSERT_EQ(reader.Init(name.c_str()), 0);
+TEST_F(DataTransPairTest, MisorderedCallsAreRefusedAndTraced) {
+    ASSERT_NO_FATAL_FAILURE(Open(4, 64));
     LogCapture log;
     EXPECT_FALSE(writer.CommitWriteBuff(8, nullptr));
     EXPECT_TRUE(log.Has("E Mixer_DataTrans:CommitWriteBuff:check bababeef state 0:"));
 
     // Five cycles on four blocks wrap both positions round to 1.
-    int err;
-    unsigned len;
     for (int i = 0; i < 5; ++i) {
-        ASSERT_NE(writer.GetWriteBuff(err, 0), nullptr);
-        ASSERT_TRUE(writer.CommitWriteBuff(8, nullptr));
-        ASSERT_NE(reader.GetReadBuff(err, len, 0, nullptr), nullptr);
-        ASSERT_TRUE(reader.ReleaseReadBuff());
+        ASSERT_TRUE(WriteBlock(writer, 8));
+        ASSERT_EQ(ReadBlock(reader), 8);
     }
     EXPECT_FALSE(reader.ReleaseReadBuff());
     EXPECT_TRUE(log.Has("E Mixer_DataTrans:ReleaseReadBuff:check bababeef state 0:"));
@@ -297,21 +296,18 @@ TEST(DataTransTest, MisorderedCallsAreRefusedAndTraced) {
     // Without the performance bit there is no trace at all.
     g_orvane_log_mask &= ~static_cast<uint32_t>(Log::kPerf);  // the capture restores it
     log.Clear();
+    int err;
     ASSERT_NE(writer.GetWriteBuff(err, 0), nullptr);
     writer.LogStatus("probe");
     EXPECT_EQ(log.CountPrefix("P "), 0);
 }
 
-TEST(DataTransTest, FlushResetsBlocksAndCountersButNotFlags) {
-    ShmName name;
-    DataTrans writer, reader;
-    ASSERT_EQ(writer.Init(name.c_str(), 4, 64), 0);
-    ASSERT_EQ(reader.Init(name.c_str()), 0);
+TEST_F(DataTransPairTest, FlushResetsBlocksAndCountersButNotFlags) {
+    ASSERT_NO_FATAL_FAILURE(Open(4, 64));
     int err;
     unsigned len;
     for (int i = 0; i < 3; ++i) {
-        ASSERT_NE(writer.GetWriteBuff(err, 0), nullptr);
-        ASSERT_TRUE(writer.CommitWriteBuff(8, const_cast<char*>("id")));
+        ASSERT_TRUE(WriteBlock(writer, 8, const_cast<char*>("id")));
         writer.AddCount(8);
     }
     ASSERT_NE(reader.GetReadBuff(err, len, 0, nullptr), nullptr);
@@ -333,11 +329,8 @@ TEST(DataTransTest, FlushResetsBlocksAndCountersButNotFlags) {
     EXPECT_FALSE(reader.ReleaseReadBuff());
 }
 
-TEST(DataTransTest, CorruptTailsAndPositionsFailWithoutLeavingTheMapping) {
-    ShmName name;
-    DataTrans writer, reader;
-    ASSERT_EQ(writer.Init(name.c_str(), 4, 64), 0);
-    ASSERT_EQ(reader.Init(name.c_str()), 0);
+TEST_F(DataTransPairTest, CorruptTailsAndPositionsFailWithoutLeavingTheMapping) {
+    ASSERT_NO_FATAL_FAILURE(Open(4, 64));
     RawMap raw(name);
     LogCapture log;
     int err;
@@ -348,8 +341,7 @@ TEST(DataTransTest, CorruptTailsAndPositionsFailWithoutLeavingTheMapping) {
     EXPECT_EQ(err, EFAULT);
     EXPECT_TRUE(log.Has("E Mixer_DataTrans:GetWriteBuff:check 0 state 0:"));
     EXPECT_EQ(raw.tail(0)->check, BLOCK_CHECK);  // reset: the next try works
-    ASSERT_NE(writer.GetWriteBuff(err, 0), nullptr);
-    ASSERT_TRUE(writer.CommitWriteBuff(8, nullptr));
+    ASSERT_TRUE(WriteBlock(writer, 8));
 
     raw.tail(0)->state = 1;
     EXPECT_EQ(reader.GetReadBuff(err, len, 0, nullptr), nullptr);
