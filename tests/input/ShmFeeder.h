@@ -6,7 +6,7 @@
 
 #include "shmbuf.h"
 #include "shmq.h"
-#include "tests/support/ForkedChild.h"
+#include "tests/support/ChildProcess.h"
 
 namespace mixer {
 namespace test {
@@ -64,9 +64,9 @@ private:
         return 0;
     }
 
-    Gate todo_, done_;
+    Pipe todo_, done_;
     bool created_ = false;
-    ForkedChild child_;  // last: starts once the gates exist
+    ChildProcess child_;  // last: starts once the gates exist
 };
 
 }  // namespace test

@@ -13,13 +13,13 @@
 
 #include "mixer/core/Log.h"
 #include "nexo.h"
-#include "tests/support/ForkedChild.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/LogCapture.h"
 
 namespace mixer {
 namespace {
 
-using test::ForkedChild;
+using test::ChildProcess;
 using test::LogCapture;
 typedef std::vector<std::string> Lines;
 
@@ -93,7 +93,7 @@ protected:
 };
 
 TEST_F(NexoBusTest, StringEventFromAnotherProcessArrivesWithItsPercentSignsUnchanged) {
-    ForkedChild sender([] {
+    ChildProcess sender([] {
         NexoHandleStruct* h = NexoOpen(NEXO_BUS_DEFAULT);
         const int rc = h ? nexo::NexoSendStringEvent(h, "mixer.focus", "stream %d got %s 100%") : 10;
         NexoClose(h);

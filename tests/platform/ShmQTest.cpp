@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/ForkedChild.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/ShmName.h"
 
 namespace {
 
-using mixer::test::ForkedChild;
-using mixer::test::Gate;
+using mixer::test::ChildProcess;
+using mixer::test::Pipe;
 using mixer::test::ShmName;
 
 uint8_t StreamByte(uint32_t i) { return static_cast<uint8_t>(i * 131u + (i >> 8)); }
@@ -21,8 +21,8 @@ uint8_t StreamByte(uint32_t i) { return static_cast<uint8_t>(i * 131u + (i >> 8)
 TEST(ShmQTest, BytesCrossProcessesInOrderNoneLostNoneRepeatedThenHangUp) {
     ShmName name("stream");
     const uint32_t total = 300000;
-    Gate created, opened;
-    ForkedChild writer([&] {
+    Pipe created, opened;
+    ChildProcess writer([&] {
         // An odd capacity, so that copies wrap at every offset; the name without '/'.
         ShmQHandle* w = ShmQCreate(name.c_str() + 1, 4099);
         created.Post(w != nullptr);
@@ -76,7 +76,7 @@ TEST(ShmQTest, MinimumMakesReadsAllOrNothingAndFullQueuesTakeWhatFits) {
     EXPECT_EQ(std::string(buf, 8), "defghxyz");
     ShmQClose(r);
     // A reader that dies without closing leaves the queue to the next one.
-    ForkedChild crashed([&] { return ShmQOpen(name.c_str()) != nullptr ? 0 : 1; });
+    ChildProcess crashed([&] { return ShmQOpen(name.c_str()) != nullptr ? 0 : 1; });
     ASSERT_EQ(crashed.Wait(), 0);
     r = ShmQOpen(name.c_str());
     EXPECT_NE(r, nullptr);

@@ -6,13 +6,13 @@
 #include <cstring>
 #include <vector>
 
-#include "tests/support/ForkedChild.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/ShmName.h"
 
 namespace {
 
-using mixer::test::ForkedChild;
-using mixer::test::Gate;
+using mixer::test::ChildProcess;
+using mixer::test::Pipe;
 using mixer::test::ShmName;
 
 const uint32_t kMsg = 12;
@@ -32,8 +32,8 @@ bool MsgIs(const uint8_t* m, uint32_t i) {
 TEST(ShmbufTest, MessagesCrossProcessesInOrderNoneLostNoneRepeatedThenHangUp) {
     ShmName name("stream");
     const uint32_t total = 20000;
-    Gate created, opened;
-    ForkedChild writer([&] {
+    Pipe created, opened;
+    ChildProcess writer([&] {
         ShmbufHandle* w = ShmbufCreate(name.c_str() + 1, kMsg, 37);  // the name without '/'
         created.Post(w != nullptr);
         if (w == nullptr || !opened.Wait()) return 2;

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 
 namespace mixer {
@@ -43,9 +44,25 @@ int Pipe::Receive(int timeoutMs) {
 
 bool Pipe::Readable(int timeoutMs) { return WaitReadable(fd_[0], timeoutMs); }
 
+bool Pipe::Post(int value) {
+    ssize_t n;
+    while ((n = write(fd_[1], &value, sizeof(value))) < 0 && errno == EINTR) {
+    }
+    return n == static_cast<ssize_t>(sizeof(value));
+}
+
+bool Pipe::Wait(int* value, int timeoutMs) {
+    int v = 0;
+    if (!WaitReadable(fd_[0], timeoutMs) || read(fd_[0], &v, sizeof(v)) != static_cast<ssize_t>(sizeof(v)))
+        return false;
+    if (value != nullptr) *value = v;
+    return true;
+}
+
 ChildProcess::ChildProcess(const std::function<int()>& body) : pid_(-1), resultFd_(-1) {
     int fds[2];
     if (pipe(fds) != 0) abort();
+    std::fflush(nullptr);  // nothing buffered is written twice
     pid_ = fork();
     if (pid_ < 0) abort();
     if (pid_ == 0) {

@@ -7,7 +7,8 @@
 namespace mixer {
 namespace test {
 
-// One byte at a time between a parent and a forked child: "I am there", "go on".
+// Bytes or ints between a parent and a forked child: "I am there", "go on", results.
+// Made before the fork.
 class Pipe {
 public:
     Pipe();
@@ -20,6 +21,10 @@ public:
     int Receive(int timeoutMs = 20000);
     // True when a byte is waiting or arrives within timeoutMs (nothing is consumed).
     bool Readable(int timeoutMs);
+    // Whole ints, for a peer that reports values rather than single bytes. Wait gives up
+    // after timeoutMs (a guard against a dead peer) and returns false.
+    bool Post(int value = 0);
+    bool Wait(int* value = nullptr, int timeoutMs = 20000);
 
 private:
     int fd_[2];
