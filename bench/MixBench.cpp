@@ -1,27 +1,22 @@
-// Per-sample loops on one 20-ms, 48-kHz stereo period, each beside its baselines: the
-// plain scalar loop of the same rule and memcpy of the same bytes (the bandwidth bound).
+// Frame summing on one 20-ms, 48-kHz stereo period, each width pair beside its two
+// baselines in the same run: the plain scalar loop of the same rule (one sample at a
+// time) and memcpy of the frame that is added in (the bandwidth bound).
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstring>
-#include <random>
 #include <vector>
 
+#include "bench/BenchFrames.h"
 #include "mixer/algo/MixKernels.h"
 
 namespace {
 
-const size_t kSamples = 960 * 2;
-
-template <typename T>
-std::vector<T> Noise(unsigned seed) {
-    std::mt19937 rng(seed);
-    std::vector<T> v(kSamples);
-    for (T& x : v) x = static_cast<T>(static_cast<int32_t>(rng()) >> (sizeof(T) == 2 ? 18 : 8));
-    return v;
-}
+using mixer::bench::kSamples;
+using mixer::bench::Noise;
 
 template <typename D, typename S, void (*Kernel)(D*, const S*, size_t)>
-void BM_Kernel(benchmark::State& state) {
+void BM_Sum(benchmark::State& state) {
     std::vector<D> dst = Noise<D>(1);
     const std::vector<S> src = Noise<S>(2);
     for (auto _ : state) {
@@ -32,28 +27,33 @@ void BM_Kernel(benchmark::State& state) {
     state.SetBytesProcessed(int64_t(state.iterations()) * kSamples * (2 * sizeof(D) + sizeof(S)));
 }
 
-// memcpy of the bytes one sum reads from its source (plus the destination it rewrites).
+// memcpy of the frame that the sum reads from its source, into a buffer the size of
+// the destination.
 template <typename D, typename S>
-void BM_Memcpy(benchmark::State& state) {
+void BM_SumMemcpy(benchmark::State& state) {
     std::vector<char> a(kSamples * sizeof(S)), b(kSamples * sizeof(D));
+    const size_t bytes = std::min(a.size(), b.size());
     for (auto _ : state) {
-        memcpy(b.data(), a.data(), std::min(a.size(), b.size()));
+        memcpy(b.data(), a.data(), bytes);
         benchmark::DoNotOptimize(b.data());
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(int64_t(state.iterations()) * kSamples * (2 * sizeof(D) + sizeof(S)));
+    state.SetBytesProcessed(int64_t(state.iterations()) * bytes * 2);
 }
 
 using namespace mixer::kernels;
 
-BENCHMARK(BM_Kernel<int16_t, int16_t, AddSat16>)->Name("AddFrames16+16/simd");
-BENCHMARK(BM_Kernel<int16_t, int16_t, AddSat16Scalar>)->Name("AddFrames16+16/scalar");
-BENCHMARK(BM_Memcpy<int16_t, int16_t>)->Name("AddFrames16+16/memcpy");
-BENCHMARK(BM_Kernel<int32_t, int16_t, Add32From16>)->Name("AddFrames32+16/simd");
-BENCHMARK(BM_Kernel<int32_t, int16_t, Add32From16Scalar>)->Name("AddFrames32+16/scalar");
-BENCHMARK(BM_Memcpy<int32_t, int16_t>)->Name("AddFrames32+16/memcpy");
-BENCHMARK(BM_Kernel<int16_t, int32_t, AddSat16From32>)->Name("AddFrames16+32/simd");
-BENCHMARK(BM_Kernel<int16_t, int32_t, AddSat16From32Scalar>)->Name("AddFrames16+32/scalar");
-BENCHMARK(BM_Memcpy<int16_t, int32_t>)->Name("AddFrames16+32/memcpy");
+BENCHMARK(BM_Sum<int16_t, int16_t, AddSat16>)->Name("AddFrames16+16/fast");
+BENCHMARK(BM_Sum<int16_t, int16_t, AddSat16Scalar>)->Name("AddFrames16+16/scalar");
+BENCHMARK(BM_SumMemcpy<int16_t, int16_t>)->Name("AddFrames16+16/memcpy");
+BENCHMARK(BM_Sum<int32_t, int16_t, Add32From16>)->Name("AddFrames32+16/fast");
+BENCHMARK(BM_Sum<int32_t, int16_t, Add32From16Scalar>)->Name("AddFrames32+16/scalar");
+BENCHMARK(BM_SumMemcpy<int32_t, int16_t>)->Name("AddFrames32+16/memcpy");
+BENCHMARK(BM_Sum<int16_t, int32_t, AddSat16From32>)->Name("AddFrames16+32/fast");
+BENCHMARK(BM_Sum<int16_t, int32_t, AddSat16From32Scalar>)->Name("AddFrames16+32/scalar");
+BENCHMARK(BM_SumMemcpy<int16_t, int32_t>)->Name("AddFrames16+32/memcpy");
+
+// Which fast path the figures above are of: "sse2", "neon" or "portable".
+const bool kPathNoted = (benchmark::AddCustomContext("kernels", SimdPath()), true);
 
 }  // namespace

@@ -115,7 +115,7 @@ void BM_PipeRoundTrip(benchmark::State& state) {
     state.SetBytesProcessed(int64_t(state.iterations()) * kBytes * 2);
 }
 
-BENCHMARK(BM_QueueRoundTrip)->Name("CrossProcessRoundTrip3840/shmQueue")->UseRealTime();
+BENCHMARK(BM_QueueRoundTrip)->Name("CrossProcessRoundTrip3840/DataTrans")->UseRealTime();
 BENCHMARK(BM_PipeRoundTrip)->Name("CrossProcessRoundTrip3840/pipe")->UseRealTime();
 
 }  // namespace

@@ -2,7 +2,9 @@
 
 #include "mixer/algo/Algo.h"
 
-#if defined(__SSE2__)
+#if defined(MIXER_PORTABLE_KERNELS)
+// The portable loops only, whatever the target offers: the build that tests them.
+#elif defined(__SSE2__)
 #include <emmintrin.h>
 #define MIXER_SIMD_SSE2 1
 #elif defined(MIXER_HAVE_NEON) && defined(__ARM_NEON)
@@ -99,13 +101,27 @@ inline __m128i KeepRails(__m128i a, __m128i sum) {
                                       _mm_cmpeq_epi16(a, _mm_set1_epi16(-32768)));
     return _mm_or_si128(_mm_and_si128(rail, a), _mm_andnot_si128(rail, sum));
 }
+// All ones in the lanes of a at either rail: a ^ (a >> 15) folds -32768 onto 32767.
+inline __m128i RailMask(__m128i a) {
+    return _mm_cmpeq_epi16(_mm_xor_si128(a, _mm_srai_epi16(a, 15)), _mm_set1_epi16(32767));
+}
+// The sticky sum: a rail lane adds 0 and so keeps its value through the saturating add.
+inline __m128i StickyAdd(__m128i a, __m128i b) {
+    return _mm_adds_epi16(a, _mm_andnot_si128(RailMask(a), b));
+}
 }  // namespace
 
 void AddSat16(int16_t* dst, const int16_t* src, size_t n) {
     size_t i = 0;
-    for (; i + 8 <= n; i += 8) {
-        const __m128i a = Load(dst + i);
-        Store(dst + i, KeepRails(a, _mm_adds_epi16(a, Load(src + i))));
+    for (; i + 16 <= n; i += 16) {  // two independent vectors per pass
+        const __m128i a0 = Load(dst + i), a1 = Load(dst + i + 8);
+        const __m128i b0 = Load(src + i), b1 = Load(src + i + 8);
+        Store(dst + i, StickyAdd(a0, b0));
+        Store(dst + i + 8, StickyAdd(a1, b1));
+    }
+    if (i + 8 <= n) {
+        Store(dst + i, StickyAdd(Load(dst + i), Load(src + i)));
+        i += 8;
     }
     for (; i < n; ++i) dst[i] = StickySum(dst[i], dst[i] + src[i]);
 }
@@ -141,9 +157,45 @@ void Add32(int32_t* dst, const int32_t* src, size_t n) {
     for (; i < n; ++i) dst[i] = WrapAdd32(dst[i], src[i]);
 }
 
-void ApplyGain16(int16_t* s, uint32_t gain, size_t n) {
-    // madd of the pairs (s, 1) with (low, 16384) gives s * low + 16384, and with
-    // (high, 0) gives s * high: one unpack feeds both products.
+namespace {
+
+// (s * low + 16384) >> 15 for 0 <= low < 32768 in 16-bit lanes, exactly: with m = 2 * low
+// the rounded shift is the high half of s * m plus the top bit of its low half. m is
+// taken as a signed 16-bit value, so when low >= 16384 the multiplier is m - 65536 and
+// the high half comes out s too small: kAddBack adds it back.
+template <bool kAddBack>
+inline __m128i ScaleLow(__m128i v, __m128i m) {
+    __m128i t = _mm_add_epi16(_mm_mulhi_epi16(v, m), _mm_srli_epi16(_mm_mullo_epi16(v, m), 15));
+    return kAddBack ? _mm_add_epi16(t, v) : t;
+}
+
+// Gains below 65536: high is 0 (t alone fits 16 bits) or 1 (s + t, clamped by the
+// saturating add, equals the clamp of the exact sum).
+template <bool kAddBack, bool kHighOne>
+void ApplyGainNarrow(int16_t* s, uint32_t gain, size_t n) {
+    const __m128i m = _mm_set1_epi16(static_cast<int16_t>(static_cast<uint16_t>(GainLow(gain) * 2)));
+    size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m128i v0 = Load(s + i), v1 = Load(s + i + 8);
+        __m128i r0 = ScaleLow<kAddBack>(v0, m), r1 = ScaleLow<kAddBack>(v1, m);
+        if (kHighOne) {
+            r0 = _mm_adds_epi16(v0, r0);
+            r1 = _mm_adds_epi16(v1, r1);
+        }
+        Store(s + i, r0);
+        Store(s + i + 8, r1);
+    }
+    for (; i + 8 <= n; i += 8) {
+        const __m128i v = Load(s + i);
+        const __m128i r = ScaleLow<kAddBack>(v, m);
+        Store(s + i, kHighOne ? _mm_adds_epi16(v, r) : r);
+    }
+    for (; i < n; ++i) s[i] = Algo::saturate16(Low32(GainProduct(s[i], gain)));
+}
+
+// Any gain below 1 << 22: madd of the pairs (s, 1) with (low, 16384) gives
+// s * low + 16384, and with (high, 0) gives s * high: one unpack feeds both products.
+void ApplyGainWide(int16_t* s, uint32_t gain, size_t n) {
     const __m128i ones = _mm_set1_epi16(1);
     const __m128i lowRound = _mm_set1_epi32(static_cast<int32_t>(
         static_cast<uint32_t>(static_cast<uint16_t>(GainLow(gain))) | (16384u << 16)));
@@ -160,6 +212,23 @@ void ApplyGain16(int16_t* s, uint32_t gain, size_t n) {
         Store(s + i, _mm_packs_epi32(rlo, rhi));
     }
     for (; i < n; ++i) s[i] = Algo::saturate16(Low32(GainProduct(s[i], gain)));
+}
+
+}  // namespace
+
+void ApplyGain16(int16_t* s, uint32_t gain, size_t n) {
+    // The form is chosen once per call; every row up to +6 dB takes a narrow one.
+    const bool addBack = GainLow(gain) >= 16384;
+    switch (gain >> 15) {
+        case 0:
+            return addBack ? ApplyGainNarrow<true, false>(s, gain, n)
+                           : ApplyGainNarrow<false, false>(s, gain, n);
+        case 1:
+            return addBack ? ApplyGainNarrow<true, true>(s, gain, n)
+                           : ApplyGainNarrow<false, true>(s, gain, n);
+        default:
+            return ApplyGainWide(s, gain, n);
+    }
 }
 
 void ApplyGain32(int32_t* s, uint32_t gain, size_t n) {
@@ -194,14 +263,23 @@ inline int16x8_t KeepRails(int16x8_t a, int16x8_t sum) {
                                       vceqq_s16(a, vdupq_n_s16(-32768)));
     return vbslq_s16(rail, a, sum);
 }
+// The sticky sum: a ^ (a >> 15) folds -32768 onto 32767, and a rail lane adds 0, which
+// keeps its value through the saturating add.
+inline int16x8_t StickyAdd(int16x8_t a, int16x8_t b) {
+    const uint16x8_t rail = vceqq_s16(veorq_s16(a, vshrq_n_s16(a, 15)), vdupq_n_s16(32767));
+    return vqaddq_s16(a, vbicq_s16(b, vreinterpretq_s16_u16(rail)));
+}
 }  // namespace
 
 void AddSat16(int16_t* dst, const int16_t* src, size_t n) {
     size_t i = 0;
-    for (; i + 8 <= n; i += 8) {
-        const int16x8_t a = vld1q_s16(dst + i);
-        vst1q_s16(dst + i, KeepRails(a, vqaddq_s16(a, vld1q_s16(src + i))));
+    for (; i + 16 <= n; i += 16) {  // two independent vectors per pass
+        const int16x8_t a0 = vld1q_s16(dst + i), a1 = vld1q_s16(dst + i + 8);
+        const int16x8_t b0 = vld1q_s16(src + i), b1 = vld1q_s16(src + i + 8);
+        vst1q_s16(dst + i, StickyAdd(a0, b0));
+        vst1q_s16(dst + i + 8, StickyAdd(a1, b1));
     }
+    for (; i + 8 <= n; i += 8) vst1q_s16(dst + i, StickyAdd(vld1q_s16(dst + i), vld1q_s16(src + i)));
     for (; i < n; ++i) dst[i] = StickySum(dst[i], dst[i] + src[i]);
 }
 
@@ -232,7 +310,25 @@ void Add32(int32_t* dst, const int32_t* src, size_t n) {
     for (; i < n; ++i) dst[i] = WrapAdd32(dst[i], src[i]);
 }
 
-void ApplyGain16(int16_t* s, uint32_t gain, size_t n) {
+namespace {
+
+// Gains below 65536. vqrdmulh is (2 * s * low + 32768) >> 16, which is
+// (s * low + 16384) >> 15; it saturates only for -32768 * -32768, and low is never
+// negative. A gain of 1 and more adds s itself with a saturating add, which is the clamp
+// of the exact sum.
+template <bool kHighOne>
+size_t ApplyGainNarrow(int16_t* s, uint32_t gain, size_t n) {
+    const int16x8_t low = vdupq_n_s16(GainLow(gain));
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const int16x8_t v = vld1q_s16(s + i);
+        const int16x8_t t = vqrdmulhq_s16(v, low);
+        vst1q_s16(s + i, kHighOne ? vqaddq_s16(v, t) : t);
+    }
+    return i;
+}
+
+size_t ApplyGainWide(int16_t* s, uint32_t gain, size_t n) {
     const int16x4_t low = vdup_n_s16(GainLow(gain));
     const int16x4_t high = vdup_n_s16(GainHigh(gain));
     size_t i = 0;
@@ -244,6 +340,17 @@ void ApplyGain16(int16_t* s, uint32_t gain, size_t n) {
         const int32x4_t rb = vmlal_s16(vrshrq_n_s32(vmull_s16(b, low), 15), b, high);
         vst1q_s16(s + i, vcombine_s16(vqmovn_s32(ra), vqmovn_s32(rb)));
     }
+    return i;
+}
+
+}  // namespace
+
+void ApplyGain16(int16_t* s, uint32_t gain, size_t n) {
+    // The form is chosen once per call; every row up to +6 dB takes a narrow one.
+    const uint32_t high = gain >> 15;
+    size_t i = high == 0   ? ApplyGainNarrow<false>(s, gain, n)
+               : high == 1 ? ApplyGainNarrow<true>(s, gain, n)
+                           : ApplyGainWide(s, gain, n);
     for (; i < n; ++i) s[i] = Algo::saturate16(Low32(GainProduct(s[i], gain)));
 }
 

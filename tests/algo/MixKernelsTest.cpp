@@ -95,6 +95,21 @@ TEST(MixKernelsTest, ApplyGainFastPathEqualsScalarSixteen) {
     ExpectSameGain<int16_t>(kernels::ApplyGain16, kernels::ApplyGain16Scalar);
 }
 
+TEST(MixKernelsTest, ApplyGainFastPathEqualsScalarAtEveryFormsEdges) {
+    // The fast 16-bit path picks its form by the gain's bits; the gains either side of
+    // each switch, and random ones up to 1 << 22, must all give the scalar result.
+    std::mt19937 rng(13);
+    std::vector<uint32_t> gains = {0,     1,     16383, 16384, 16385, 32767, 32768, 32769,
+                                   49151, 49152, 65535, 65536, 65537, 98303, 98304, 4194303};
+    for (int k = 0; k < 200; ++k) gains.push_back(rng() % (1u << 22));
+    for (uint32_t gain : gains) {
+        std::vector<int16_t> a = Noise<int16_t>(rng, 83), b = a;
+        kernels::ApplyGain16(a.data(), gain, a.size());
+        kernels::ApplyGain16Scalar(b.data(), gain, b.size());
+        ASSERT_EQ(a, b) << "gain=" << gain;
+    }
+}
+
 TEST(MixKernelsTest, ApplyGainFastPathEqualsScalarThirtyTwo) {
     ExpectSameGain<int32_t>(kernels::ApplyGain32, kernels::ApplyGain32Scalar);
     // The 32-bit form takes any gain, not only the table's.
@@ -125,7 +140,9 @@ TEST(MixKernelsTest, ApplyGainScalarRoundsShiftsAndClamps) {
 
 TEST(MixKernelsTest, ReportsItsPath) {
     const std::string path = kernels::SimdPath();
-#if defined(__SSE2__)
+#if defined(MIXER_PORTABLE_KERNELS)
+    EXPECT_EQ(path, "portable");
+#elif defined(__SSE2__)
     EXPECT_EQ(path, "sse2");
 #elif defined(MIXER_HAVE_NEON)
     EXPECT_EQ(path, "neon");
