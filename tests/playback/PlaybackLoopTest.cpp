@@ -21,6 +21,7 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/ScriptedInput.h"
 #include "tests/support/SineInput.h"
+#include "tests/support/ThreadWakeups.h"
 
 namespace mixer {
 namespace test {
@@ -239,18 +240,45 @@ TEST_F(PlaybackLoopTest, FailedOutputIsReplacedByTheDefault) {
     EXPECT_EQ(connect.CallCount("GetPlaybackDefaultOutput"), 2);
 }
 
-TEST_F(PlaybackLoopTest, TwentySecondsOfSilencePauseTheOutputOnce) {
+TEST_F(PlaybackLoopTest, TwentySecondsOfSilencePauseTheOutputOnceAndThenTheThreadSleeps) {
     OutputPtr out = DefaultOutput("ALSA");
-    InputPtr in = Scripted("a", {5});  // one frame, then silence
+    boost::shared_ptr<ThreadNotingInput> in = boost::make_shared<ThreadNotingInput>(48000, 2, "a");
+    in->Push(in->MakeFrame(5));  // one frame, then silence
     AddInput(in);
     ASSERT_EQ(pb.Init(&connect), 0);
     // The sounding period, then 1000 silent ones of 20 ms.
     ASSERT_TRUE(in->WaitForOps("Process", 1001, std::chrono::milliseconds(120000)));
-    Sync(1);  // handled only after the idle pause, in the wait that follows it
+    ASSERT_TRUE(log.WaitFor("I Mixer_Playback:Process:Pause:0")) << log.Dump();
+
+    // Idle: no period begins (the trace line that opens each one is not seen again), the
+    // input is not asked, and the thread is not woken at all, however briefly, until a
+    // message comes. The windows would hold ten periods each.
+    const std::string entering = "P Mixer_Playback:PlaybackThread::runLoop:Timestamp-";
+    const std::string enteringEnd = ":Entering...:";
+    auto periods = [&]() {
+        int n = 0;
+        for (const std::string& line : log.Lines())
+            if (line.compare(0, entering.size(), entering) == 0 && line.size() > enteringEnd.size() &&
+                line.compare(line.size() - enteringEnd.size(), enteringEnd.size(), enteringEnd) == 0)
+                ++n;
+        return n;
+    };
+    const int periodsBefore = periods();
+    EXPECT_EQ(periodsBefore, 1002);  // the sounding one, 1000 silent, the one that pauses
+    const std::chrono::milliseconds window(200);
+    EXPECT_FALSE(in->WaitForOps("Process", 1002, window));  // settles into its wait, too
+    const long switchesBefore = ContextSwitches(in->tid);
+    ASSERT_GE(switchesBefore, 0);
+    EXPECT_FALSE(in->WaitForOps("Process", 1002, window));
+    EXPECT_EQ(ContextSwitches(in->tid), switchesBefore);
+    EXPECT_EQ(periods(), periodsBefore);
     EXPECT_EQ(out->IdleTickCount(), 1000);
-    EXPECT_EQ(out->PauseCount(), 2);  // at the first, empty period, and after the silence
+    EXPECT_EQ(out->PauseCount(), 2);  // before the first message, and after the silence
     EXPECT_EQ(log.Count("I Mixer_Playback:Process:Pause:20000"), 1);
     EXPECT_EQ(log.Count("I Mixer_Playback:Process:Pause:0"), 1);
+
+    Sync(1);  // a message wakes it
+    EXPECT_GT(ContextSwitches(in->tid), switchesBefore);
     pb.DeInit();
     std::vector<FakeOutput::Clock::time_point> ticks = out->IdleTickTimes();
     for (size_t i = 1; i < ticks.size(); ++i)

@@ -27,6 +27,7 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/ScriptedInput.h"
 #include "tests/support/SilenceInput.h"
+#include "tests/support/ThreadWakeups.h"
 
 namespace mixer {
 namespace {
@@ -164,6 +165,30 @@ TEST_F(RecordTest, StartsWithoutPausingTheHandedOverInput) {
     ASSERT_TRUE(mic->WaitForOps("Pause", 1, kWait));
     EXPECT_EQ(0, mic->OpCount("Process"));
     EXPECT_EQ(1, log.Count("I Mixer_Record:Process:Pause:"));
+}
+
+TEST_F(RecordTest, WithoutListenerTheThreadSleepsUntilAMessage) {
+    boost::shared_ptr<test::ThreadNotingInput> noting(new test::ThreadNotingInput(16000, 1, "mic"));
+    noting->SetBlockWhenEmpty(true);
+    mic = noting;
+    host.SetDefaultInput(mic);
+    Start();
+    Post(new MsgPing());
+    ASSERT_TRUE(mic->WaitForOps("Pause", 1, kWait));
+    // Nothing is read and the thread is not woken at all, however briefly, over windows
+    // that would hold a dozen passes each.
+    const std::chrono::milliseconds window(200);
+    EXPECT_FALSE(mic->WaitForOps("Process", 1, window));  // settles into its wait, too
+    const long switchesBefore = test::ContextSwitches(noting->tid);
+    ASSERT_GE(switchesBefore, 0);
+    EXPECT_FALSE(mic->WaitForOps("Process", 1, window));
+    EXPECT_EQ(test::ContextSwitches(noting->tid), switchesBefore);
+    EXPECT_EQ(1, mic->OpCount("Pause"));
+    // A message wakes it: handled, and back to sleep with the input left paused.
+    Post(new MsgEnableMic(1));
+    ASSERT_TRUE(log.WaitFor("I Mixer_Record:handleMsg:MicEnable=1:"));
+    EXPECT_GT(test::ContextSwitches(noting->tid), switchesBefore);
+    EXPECT_EQ(0, mic->OpCount("Process"));
 }
 
 TEST_F(RecordTest, DeInitReturnsOnlyAfterAnotherMessage) {
