@@ -2,7 +2,8 @@
 # Installs the dependencies, then builds and runs every test three ways:
 #   1. native x86-64 with AddressSanitizer and UndefinedBehaviorSanitizer (benchmarks
 #      built too, not timed, so that they cannot rot);
-#   2. a cross build for 32-bit ARM (armhf) whose tests run under qemu-arm;
+#   2. a cross build for 32-bit ARM (armhf) whose tests run under qemu-arm, with the
+#      portable kernels, then its algorithm suite again with the NEON kernels;
 #   3. ThreadSanitizer over the threaded suites.
 # Run from anywhere, as root, on Debian bookworm.
 set -euo pipefail
@@ -31,7 +32,16 @@ export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 run_suite "native asan+ubsan" build/asan -DCMAKE_BUILD_TYPE=Debug -DMIXER_SANITIZE=address,undefined
 run_suite "armhf under qemu-arm" build/armhf -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_TOOLCHAIN_FILE="$root/cmake/armhf-toolchain.cmake" -DMIXER_BUILD_BENCH=OFF
+  -DCMAKE_TOOLCHAIN_FILE="$root/cmake/armhf-toolchain.cmake" -DMIXER_BUILD_BENCH=OFF \
+  -DMIXER_PORTABLE_KERNELS=ON
+# The NEON kernels on the same target: only the algorithm suite, whose kernel tests
+# hold every fast path to its scalar reference (the build above ran the portable ones).
+echo "=== armhf with NEON kernels: algorithm suite"
+cmake -S "$root" -B build/armhf-neon -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_TOOLCHAIN_FILE="$root/cmake/armhf-toolchain.cmake" -DMIXER_BUILD_BENCH=OFF \
+  -DMIXER_BUILD_HOST=OFF -DMIXER_NEON=ON
+cmake --build build/armhf-neon -j "$jobs" --target test_algo
+(cd build/armhf-neon && ctest -R '^(MixKernels|Algo)' --output-on-failure -j "$jobs" --timeout 600)
 run_suite "native tsan" build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMIXER_SANITIZE=thread \
   -DMIXER_BUILD_BENCH=OFF
 
