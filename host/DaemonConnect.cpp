@@ -123,7 +123,13 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
             msg.reset(new MsgNewInput(in));
         }
     }
-    if (!msg) return -1;  // its token (if one was made) has let the name go unannounced
+    if (!msg) {
+        // Unannounced: a token that was made has let the name go already, silently.
+        std::lock_guard<std::mutex> guard(mutex_);
+        std::map<std::string, Live>::iterator it = live_.find(name);
+        if (it != live_.end() && it->second.serial == serial) live_.erase(it);
+        return -1;
+    }
     bool focus;
     {
         std::lock_guard<std::mutex> guard(mutex_);
