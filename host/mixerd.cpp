@@ -67,7 +67,8 @@ boost::shared_ptr<Output> OpenOutput(const DaemonOptions& opts) {
 boost::shared_ptr<Input> OpenMic(const DaemonOptions& opts) {
     if (opts.mic == "tone") return boost::make_shared<ToneMicInput>(opts.micRate, opts.micChannels, 440.0, 0.25);
     if (opts.mic == "wav") return WavMicInput::Open(opts.micFile, opts.micChannels, true);
-    boost::shared_ptr<AlsaMicInput> mic = boost::make_shared<AlsaMicInput>(opts.micDevice, opts.micRate, opts.micChannels);
+    boost::shared_ptr<AlsaMicInput> mic =
+        boost::make_shared<AlsaMicInput>(opts.micDevice, opts.micRate, opts.micChannels);
     if (mic->Open() != 0) return boost::shared_ptr<Input>();
     return mic;
 }
@@ -134,7 +135,8 @@ int Run(const DaemonOptions& opts) {
             return 1;
         }
         boost::shared_ptr<Input> mic = OpenMic(opts);
-        if (!mic) MIXER_LOG_W("Mixerd:Run:no microphone (--mic %s): recording clients hear silence:", opts.mic.c_str());
+        if (!mic)
+            MIXER_LOG_W("Mixerd:Run:no microphone (--mic %s): recording clients hear silence:", opts.mic.c_str());
 
         DaemonConnect::Settings settings;
         settings.rate = opts.rate;

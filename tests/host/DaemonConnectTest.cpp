@@ -304,7 +304,8 @@ TEST_F(DaemonConnectTest, DevicesAndTheDeviceChain) {
     EXPECT_EQ(connect->GetPlaybackDefaultOutput(), device);
     boost::shared_ptr<StreamOut> chain = boost::make_shared<StreamOut>();
     EXPECT_EQ(connect->AddPlaybackOutputAlgos(device, chain, PLAYBACK_MODE_DEFAULT), 0);
-    boost::shared_ptr<AlgoSilence> mark = boost::dynamic_pointer_cast<AlgoSilence>(chain->GetAlgoById(ALGO_ID_SILENCE));
+    boost::shared_ptr<AlgoSilence> mark =
+        boost::dynamic_pointer_cast<AlgoSilence>(chain->GetAlgoById(ALGO_ID_SILENCE));
     ASSERT_TRUE(mark);
     EXPECT_EQ(Through(*chain, 48000, 2)->rate, 44100u);
     probe->Arm();
