@@ -30,10 +30,10 @@ if [ "${MIXER_DEMO_NS:-}" != 1 ]; then
   [ -e /usr/include/boost/shared_ptr.hpp ] || need=1
   if [ "$need" = 1 ]; then
     echo "=== installing dependencies"
-    "$root/scripts/install-deps.sh"
+    "$root/scripts/install-deps.sh" demo
   fi
   echo "=== building"
-  cmake -S "$root" -B "$root/build/demo" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  cmake -S "$root" -B "$root/build/demo" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DMIXER_BUILD_TESTS=OFF -DMIXER_BUILD_BENCH=OFF >/dev/null
   cmake --build "$root/build/demo" --target mixerd mixer-play mixerctl -- -j "$(nproc)" >/dev/null
   # Everything that follows sees a /run of its own.
@@ -78,8 +78,9 @@ ctl focus prompt
 echo "=== playing music; the prompt follows and has focus"
 "$bin/tools/mixer-play" "$work/music.wav" --name music1 --meta music --quiet &
 music=$!
-# The prompt comes in a few seconds into the music.
-sleep 3
+# The prompt comes in about three seconds into the music (the WAV output plays at
+# half speed in wall-clock time: see mixerd --help).
+sleep 6
 "$bin/tools/mixer-play" "$work/prompt.wav" --name prompt1 --meta prompt --quiet &
 prompt=$!
 # The report while both play (the daemon takes the new stream on its own thread).

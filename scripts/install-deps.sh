@@ -1,8 +1,18 @@
 #!/usr/bin/env bash
 # Installs everything the build, the tests, the demo and the armhf cross build need, on
-# Debian bookworm, as root. Safe to run again.
+# Debian bookworm, as root. Safe to run again. With the argument "demo", only what
+# scripts/demo.sh needs (a native build of the daemon and its tools, sox, espeak-ng).
 set -euo pipefail
 export DEBIAN_FRONTEND=noninteractive
+
+if [ "${1:-}" = demo ]; then
+  apt-get update || true
+  apt-get install -y --no-install-recommends \
+    build-essential cmake ninja-build pkg-config ca-certificates \
+    libboost-dev libspeexdsp-dev libasound2-dev libsndfile1-dev libsystemd-dev \
+    sox espeak-ng util-linux
+  exit 0
+fi
 
 dpkg --print-foreign-architectures | grep -qx armhf || dpkg --add-architecture armhf
 # The security mirror's armhf index may fail to download; the main archive suffices.

@@ -1,0 +1,284 @@
+#include "host/DaemonConnect.h"
+
+#include <cstring>
+
+#include <boost/make_shared.hpp>
+#include <boost/pointer_cast.hpp>
+
+#include "host/AlgoChannelMap.h"
+#include "host/AlgoLatencyMark.h"
+#include "host/DataTransOutput.h"
+#include "host/DiscardOutput.h"
+#include "host/LatencyCarrierInput.h"
+#include "host/MsgNewClientOutput.h"
+#include "host/StreamQueueName.h"
+#include "host/StreamToken.h"
+#include "host/ToneMicInput.h"
+#include "host/TrailingSilence.h"
+#include "mixer/algo/AlgoRampGain.h"
+#include "mixer/algo/AlgoResample.h"
+#include "mixer/core/Log.h"
+#include "mixer/core/MsgSetFocus.h"
+#include "mixer/discovery/StreamFiles.h"
+#include "mixer/input/InputDataTrans.h"
+#include "mixer/input/InputShmB.h"
+#include "mixer/input/InputShmQ.h"
+#include "mixer/stream/Stream.h"
+#include "mixer/stream/StreamOut.h"
+#include "mixer/transport/DataTrans.h"
+
+namespace mixer {
+namespace host {
+
+const char* const DaemonConnect::kEventStreamAdded = "MixerStreamAdded";
+const char* const DaemonConnect::kEventStreamRemoved = "MixerStreamRemoved";
+const char* const DaemonConnect::kEventFocusChanged = "MixerFocusChanged";
+
+namespace {
+
+bool IsRecordName(const std::string& name) {
+    return name == kStreamMicAsr || name == kStreamMicHfp || name == kStreamMicRaw;
+}
+
+// Appends the algorithms that take frames of (inRate, inCh) to (outRate, outCh): the
+// channel map first when it reduces the channels, so the resampler has fewer to do.
+void AddFormatChain(Stream& stream, unsigned inRate, unsigned inCh, unsigned outRate, unsigned outCh) {
+    const bool map = inCh != outCh;
+    const bool resample = inRate != outRate;
+    if (map && inCh > outCh) stream.AddAlgo(boost::make_shared<AlgoChannelMap>(inCh, outCh));
+    if (resample)
+        stream.AddAlgo(boost::make_shared<AlgoResample>(map && inCh > outCh ? outCh : inCh, inRate, outRate));
+    if (map && inCh < outCh) stream.AddAlgo(boost::make_shared<AlgoChannelMap>(inCh, outCh));
+}
+
+}  // namespace
+
+DaemonConnect::DaemonConnect(const Settings& settings, OutputSource outputs, MicSource mics, EventQueue& events,
+                             boost::shared_ptr<LatencyProbe> probe)
+    : settings_(settings), outputs_(outputs), mics_(mics), events_(events), probe_(probe), nextSerial_(1) {}
+
+DaemonConnect::~DaemonConnect() {}
+
+void DaemonConnect::SetQueues(boost::shared_ptr<MsgQ> playback, boost::shared_ptr<MsgQ> record) {
+    playbackQ_ = playback;
+    recordQ_ = record;
+}
+
+bool DaemonConnect::Post(const boost::weak_ptr<MsgQ>& queue, boost::shared_ptr<MsgHead> msg) {
+    boost::shared_ptr<MsgQ> q = queue.lock();
+    if (!q) return false;
+    q->sendMsg(msg);
+    return true;
+}
+
+int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) {
+    const size_t start = info.name.find_first_not_of('/');
+    const std::string name = start == std::string::npos ? std::string() : info.name.substr(start);
+    const bool record = IsRecordName(name);
+    MIXER_LOG_I("Mixerd_Connect:AddNewStream:%s name %s type %s %u Hz %u ch ss %u meta '%s':", fileName.c_str(),
+                name.c_str(), info.type.c_str(), info.rate, info.numCh, info.sampleSize, info.meta.c_str());
+    const char* refusal = nullptr;
+    if (name.empty() || name.find('/') != std::string::npos)
+        refusal = "no usable stream name";
+    else if (info.sampleSize != SAMPLE_SIZE_16)
+        refusal = "only 16-bit samples are mixed";
+    else if (info.numCh < 1 || info.numCh > 8)
+        refusal = "channel count out of range 1..8";
+    else if (info.rate < 8000 || info.rate > 96000)
+        refusal = "rate out of range 8000..96000 Hz";
+    else if (info.rate % 50 != 0)
+        // A frame is 20 ms: a rate without a whole number of samples in it would play
+        // slow and leave the resampler part of each frame to fill.
+        refusal = "rate does not make whole 20-ms frames";
+    else if (record && info.type != kTypeDataTrans)
+        refusal = "record streams use the dataTrans transport";
+    else if (!record && info.type != kTypeDataTrans && info.type != kTypeShmQ && info.type != kTypeShmB)
+        refusal = "unknown transport type";
+    if (refusal) {
+        MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s refused: %s:", fileName.c_str(), refusal);
+        return -1;
+    }
+
+    uint64_t serial;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (live_.count(name)) {
+            // The client rewrote its file: the stream plays already, and the file stays.
+            MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s is live already; announcement ignored:", name.c_str());
+            return 0;
+        }
+        serial = nextSerial_++;
+        live_[name] = Live{serial, fileName, false};
+    }
+    std::function<void()> onGone = [this, name, serial] { StreamGone(name, serial); };
+
+    boost::shared_ptr<MsgHead> msg;
+    if (record) {
+        boost::shared_ptr<Output> out = OpenRecord(info, onGone);
+        if (out) msg.reset(new MsgNewClientOutput(out, info.rate, info.numCh));
+    } else {
+        boost::shared_ptr<Input> in = OpenPlayback(info, onGone);
+        if (in) {
+            in->name = name;
+            msg.reset(new MsgNewInput(in));
+        }
+    }
+    if (!msg) {
+        // Unannounced: a token that was made has let the name go already, silently.
+        std::lock_guard<std::mutex> guard(mutex_);
+        std::map<std::string, Live>::iterator it = live_.find(name);
+        if (it != live_.end() && it->second.serial == serial) live_.erase(it);
+        return -1;
+    }
+    bool focus;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        live_[name].announced = true;
+        focus = !record && !focusType_.empty() && focusType_ == (info.meta.empty() ? kStreamDefault : info.meta);
+    }
+    // Announced before the engine can drop it, so "removed" never comes first.
+    events_.Push(kEventStreamAdded, name);
+    if (!Post(record ? recordQ_ : playbackQ_, msg)) {
+        // Dropping msg fires the token: the removal is announced as well.
+        MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s: the engines have stopped:", name.c_str());
+        return -1;
+    }
+    if (focus) Post(playbackQ_, boost::make_shared<MsgSetFocus>(info.meta));
+    MIXER_LOG_I("Mixerd_Connect:AddNewStream:%s posted to the %s engine%s:", name.c_str(),
+                record ? "record" : "playback", focus ? " with focus" : "");
+    return 0;
+}
+
+boost::shared_ptr<Input> DaemonConnect::OpenPlayback(const sStreamInfo& info, std::function<void()> onGone) {
+    const std::string meta = info.meta.empty() ? kStreamDefault : info.meta;
+    if (info.type == kTypeDataTrans) {
+        boost::shared_ptr<DataTrans> queue = boost::make_shared<DataTrans>();
+        const std::string qname = StreamQueueName(info.name);
+        int err = queue->Init(qname.c_str());
+        if (err != 0) {
+            MIXER_LOG_W("Mixerd_Connect:OpenPlayback:cannot open %s: %s:", qname.c_str(), std::strerror(err));
+            return boost::shared_ptr<Input>();
+        }
+        return boost::make_shared<Tracked<TrailingSilence<InputDataTrans> > >(onGone, queue, info.rate, info.numCh,
+                                                                               info.sampleSize, meta);
+    }
+    boost::shared_ptr<Input> in;
+    if (info.type == kTypeShmQ)
+        in = boost::make_shared<Tracked<TrailingSilence<InputShmQ> > >(onGone, info.name, info.rate, info.numCh,
+                                                                        info.sampleSize, meta);
+    else
+        in = boost::make_shared<Tracked<TrailingSilence<InputShmB> > >(onGone, info.name, info.rate, info.numCh,
+                                                                        info.sampleSize, meta);
+    if (in->state == STATE_FAULT) return boost::shared_ptr<Input>();  // the input logged why
+    return in;
+}
+
+boost::shared_ptr<Output> DaemonConnect::OpenRecord(const sStreamInfo& info, std::function<void()> onGone) {
+    boost::shared_ptr<DataTrans> queue = boost::make_shared<DataTrans>();
+    const std::string qname = StreamQueueName(info.name);
+    int err = queue->Init(qname.c_str());
+    if (err != 0) {
+        MIXER_LOG_W("Mixerd_Connect:OpenRecord:cannot open %s: %s:", qname.c_str(), std::strerror(err));
+        return boost::shared_ptr<Output>();
+    }
+    const size_t start = info.name.find_first_not_of('/');
+    return boost::make_shared<Tracked<DataTransOutput> >(onGone, queue, info.name.substr(start));
+}
+
+void DaemonConnect::StreamGone(const std::string& name, uint64_t serial) {
+    std::string fileName;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        std::map<std::string, Live>::iterator it = live_.find(name);
+        if (it == live_.end() || it->second.serial != serial) return;
+        const bool announced = it->second.announced;
+        fileName = it->second.fileName;
+        live_.erase(it);
+        if (!announced) return;  // never reached an engine: the caller reports the refusal
+    }
+    UtilRemoveFile(fileName);  // the client normally removed it already
+    events_.Push(kEventStreamRemoved, name);
+    MIXER_LOG_I("Mixerd_Connect:StreamGone:%s:", name.c_str());
+}
+
+std::map<std::string, std::string> DaemonConnect::LiveStreams() const {
+    std::map<std::string, std::string> names;
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (const auto& l : live_) names[l.first] = l.second.fileName;
+    return names;
+}
+
+void DaemonConnect::Ping() { MIXER_LOG_I("Mixerd_Connect:Ping:stream directory watched:"); }
+
+void DaemonConnect::AddPlaybackInputAlgos(boost::shared_ptr<Stream> stream, boost::shared_ptr<MsgNewInput>) {
+    boost::shared_ptr<Input> in = stream->GetInput();
+    if (!in) return;
+    AddFormatChain(*stream, in->rate, in->numCh, settings_.rate, settings_.numCh);
+    // The latency carrier is no client's sound: it stays out of volumes and ducking.
+    if (in->desc != LatencyCarrierInput::kStreamType) stream->AddAlgo(boost::make_shared<AlgoRampGain>());
+}
+
+int DaemonConnect::AddPlaybackOutputAlgos(boost::shared_ptr<Output> output, boost::shared_ptr<Stream> outStream,
+                                          tPlaybackModes mode) {
+    if (settings_.deviceRate != settings_.rate)
+        outStream->AddAlgo(boost::make_shared<AlgoResample>(settings_.numCh, settings_.rate, settings_.deviceRate));
+    // Last, so that a latency mark reaches the device as written.
+    outStream->AddAlgo(boost::make_shared<AlgoLatencyMark>(probe_));
+    MIXER_LOG_I("Mixerd_Connect:AddPlaybackOutputAlgos:%s mode %d:", output ? output->name.c_str() : "",
+                static_cast<int>(mode));
+    return 0;
+}
+
+void DaemonConnect::AddRecordAlgos(boost::shared_ptr<StreamOut> stream, boost::shared_ptr<MsgNewOutput> msg) {
+    boost::shared_ptr<MsgNewClientOutput> client = boost::dynamic_pointer_cast<MsgNewClientOutput>(msg);
+    if (!client) return;  // the daemon's own listeners take the microphone as it is
+    AddFormatChain(*stream, settings_.micRate, settings_.micNumCh, client->rate, client->numCh);
+}
+
+void DaemonConnect::ChainMsgRecord(boost::shared_ptr<MsgHead> msg) {
+    if (!Post(recordQ_, msg)) MIXER_LOG_W("Mixerd_Connect:ChainMsgRecord:no record engine:");
+}
+
+boost::shared_ptr<Output> DaemonConnect::GetPlaybackDefaultOutput() {
+    boost::shared_ptr<Output> out = outputs_ ? outputs_() : boost::shared_ptr<Output>();
+    if (out) return out;
+    MIXER_LOG_E("Mixerd_Connect:GetPlaybackDefaultOutput:no playback device: the mix is dropped:");
+    return boost::make_shared<DiscardOutput>();
+}
+
+boost::shared_ptr<Input> DaemonConnect::GetRecordDefaultInput() {
+    boost::shared_ptr<Input> in = mics_ ? mics_() : boost::shared_ptr<Input>();
+    if (in) return in;
+    // The record engine needs an input at all times: a silent one, paced like a device.
+    MIXER_LOG_W("Mixerd_Connect:GetRecordDefaultInput:no microphone: recording clients hear silence:");
+    return boost::make_shared<ToneMicInput>(settings_.micRate, settings_.micNumCh, 440.0, 0.0);
+}
+
+void DaemonConnect::GetSumParams(unsigned& rate, unsigned& numCh, tSampleSize& sampleSize) {
+    rate = settings_.rate;
+    numCh = settings_.numCh;
+    sampleSize = SAMPLE_SIZE_16;
+}
+
+void DaemonConnect::getAudioVolume(int* volume) {
+    if (volume) *volume = static_cast<int>(settings_.speakerVolume);
+}
+
+void DaemonConnect::PostPlayback(boost::shared_ptr<MsgHead> msg) {
+    if (!Post(playbackQ_, msg)) MIXER_LOG_W("Mixerd_Connect:PostPlayback:no playback engine:");
+}
+
+void DaemonConnect::PostRecord(boost::shared_ptr<MsgHead> msg) {
+    if (!Post(recordQ_, msg)) MIXER_LOG_W("Mixerd_Connect:PostRecord:no record engine:");
+}
+
+void DaemonConnect::FocusChanged(const std::string& streamType) {
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        focusType_ = streamType;
+    }
+    events_.Push(kEventFocusChanged, streamType.empty() ? "none" : streamType);
+}
+
+}  // namespace host
+}  // namespace mixer

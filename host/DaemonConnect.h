@@ -1,0 +1,132 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include "host/EngineSink.h"
+#include "host/EventQueue.h"
+#include "host/LatencyProbe.h"
+#include "mixer/core/Connect.h"
+#include "mixer/core/MsgQ.h"
+
+namespace mixer {
+namespace host {
+
+// mixerd's side of the library: turns announced client streams into engine messages,
+// builds every stream's algorithm chain, hands out the devices, and forwards control
+// requests (EngineSink) to the engines.
+//
+// Client streams. AddNewStream routes by name and transport type:
+//   - micAsr, micHfp, micRaw: a record client. The daemon opens the client's block queue
+//     ("dataTrans" only) as its writer and posts a DataTransOutput to the record engine.
+//   - "dataTrans", "shmQ", "shmB": a playback client, posted to the playback engine as
+//     an InputDataTrans, InputShmQ or InputShmB.
+// Anything else is refused (the library then removes the description file). Each
+// accepted stream carries a token; when an engine drops it (client gone, fault,
+// shutdown) the daemon removes the description file and announces the removal.
+// A second announcement of a stream that is still live is ignored.
+//
+// Chains. Playback inputs: a resampler to the mix rate and a channel map to the mix's
+// channel count where they differ (the cheaper order first), then a ramp gain, which
+// carries volume, focus, ducking and pause fades. The output stream: a resampler from
+// the mix rate to the device's, then the latency mark (AlgoLatencyMark). Record
+// outputs: channel map and resampler from the microphone's format to the client's.
+//
+// Focus. The engine only focuses types that have a stream at that moment; the daemon
+// remembers the type last asked for and asks again whenever a stream of it arrives.
+//
+// Events ("MixerStreamAdded"/"MixerStreamRemoved" with the stream's name,
+// "MixerFocusChanged" with the type) go to an EventQueue, sent from the main thread.
+//
+// Threading: Connect operations run on the playback, record and discovery threads,
+// EngineSink operations on the control server's thread, stream tokens fire on any of
+// them or the main thread. mutex_ guards the live streams, the focus and the mic
+// input; it is never held while an engine message is built or destroyed, so a token
+// can fire anywhere. The output source runs on the playback thread only, the mic
+// source on the record thread only. Posting never waits for an engine (MsgQ locks only
+// for the push), so ChainMsgRecord does not block on the record thread.
+// Lifetime: the queues are held weakly, so engine messages that still hold tokens die
+// with their engine; the EventQueue must outlive every engine.
+class DaemonConnect : public Connect, public EngineSink {
+public:
+    struct Settings {
+        Settings() : rate(48000), numCh(2), deviceRate(48000), speakerVolume(40), micRate(16000), micNumCh(1) {}
+        unsigned rate, numCh;        // the mix
+        unsigned deviceRate;         // the playback device's rate
+        unsigned speakerVolume;      // percent at start
+        unsigned micRate, micNumCh;  // format of the microphone's frames
+    };
+    // Opens the playback device: the first call the one opened at start, later calls
+    // (after a device failure) a fresh one, or empty when there is none.
+    typedef std::function<boost::shared_ptr<Output>()> OutputSource;
+    // The microphone; empty when there is none (the daemon then hands out silence).
+    typedef std::function<boost::shared_ptr<Input>()> MicSource;
+
+    static const char* const kEventStreamAdded;    // "MixerStreamAdded"
+    static const char* const kEventStreamRemoved;  // "MixerStreamRemoved"
+    static const char* const kEventFocusChanged;   // "MixerFocusChanged"
+
+    DaemonConnect(const Settings& settings, OutputSource outputs, MicSource mics, EventQueue& events,
+                  boost::shared_ptr<LatencyProbe> probe);
+    ~DaemonConnect() override;
+
+    // Host thread, before the engines start.
+    void SetQueues(boost::shared_ptr<MsgQ> playback, boost::shared_ptr<MsgQ> record);
+
+    // Connect.
+    int AddNewStream(const std::string& fileName, sStreamInfo& info) override;
+    void Ping() override;
+    void AddPlaybackInputAlgos(boost::shared_ptr<Stream> stream, boost::shared_ptr<MsgNewInput> msg) override;
+    int AddPlaybackOutputAlgos(boost::shared_ptr<Output> output, boost::shared_ptr<Stream> outStream,
+                               tPlaybackModes mode) override;
+    void AddRecordAlgos(boost::shared_ptr<StreamOut> stream, boost::shared_ptr<MsgNewOutput> msg) override;
+    void ChainMsgRecord(boost::shared_ptr<MsgHead> msg) override;
+    boost::shared_ptr<Output> GetPlaybackDefaultOutput() override;
+    boost::shared_ptr<Input> GetRecordDefaultInput() override;
+    void GetSumParams(unsigned& rate, unsigned& numCh, tSampleSize& sampleSize) override;
+    void getAudioVolume(int* volume) override;
+
+    // EngineSink.
+    void PostPlayback(boost::shared_ptr<MsgHead> msg) override;
+    void PostRecord(boost::shared_ptr<MsgHead> msg) override;
+    void FocusChanged(const std::string& streamType) override;
+
+    // Names of the client streams an engine holds (any thread).
+    std::map<std::string, std::string> LiveStreams() const;  // name -> description file
+
+private:
+    struct Live {
+        uint64_t serial;
+        std::string fileName;
+        bool announced;  // reached the point of being posted to an engine
+    };
+    // Builds the input or output of an announced stream with onGone as its token; empty
+    // (with a log line) when it cannot.
+    boost::shared_ptr<Input> OpenPlayback(const sStreamInfo& info, std::function<void()> onGone);
+    boost::shared_ptr<Output> OpenRecord(const sStreamInfo& info, std::function<void()> onGone);
+    // The token's action: forgets the stream if serial is still the live one.
+    void StreamGone(const std::string& name, uint64_t serial);
+    bool Post(const boost::weak_ptr<MsgQ>& queue, boost::shared_ptr<MsgHead> msg);
+
+    const Settings settings_;
+    OutputSource outputs_;  // playback thread only
+    MicSource mics_;        // record thread only
+    EventQueue& events_;
+    boost::shared_ptr<LatencyProbe> probe_;
+    boost::weak_ptr<MsgQ> playbackQ_;  // set before the engines start, read-only after
+    boost::weak_ptr<MsgQ> recordQ_;    // likewise
+
+    mutable std::mutex mutex_;
+    std::map<std::string, Live> live_;  // GUARDED_BY(mutex_): streams an engine holds, by name
+    uint64_t nextSerial_;               // GUARDED_BY(mutex_)
+    std::string focusType_;             // GUARDED_BY(mutex_): empty when none is wanted
+};
+
+}  // namespace host
+}  // namespace mixer

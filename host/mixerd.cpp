@@ -1,0 +1,249 @@
+// mixerd: the audio mixer daemon. Wires the library's three engines to the devices
+// named on the command line, serves the control socket and sends events until SIGTERM
+// or SIGINT.
+//
+// Threads: this main thread (start-up, signals, events, shutdown); the control
+// server's; the library's playback, record and discovery threads.
+
+#include <poll.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <boost/make_shared.hpp>
+
+#include "host/AlsaMicInput.h"
+#include "host/AlsaOutput.h"
+#include "host/ControlDispatcher.h"
+#include "host/ControlServer.h"
+#include "host/DaemonConnect.h"
+#include "host/DaemonOptions.h"
+#include "host/EventQueue.h"
+#include "host/LatencyProbe.h"
+#include "host/ShutdownSignals.h"
+#include "host/ToneMicInput.h"
+#include "host/WavMicInput.h"
+#include "host/WavOutput.h"
+#include "mixer/core/Log.h"
+#include "mixer/core/MsgEnableMic.h"
+#include "mixer/core/MsgPing.h"
+#include "mixer/discovery/Discovery.h"
+#include "mixer/discovery/StreamFiles.h"
+#include "mixer/notify/NexoSendStringEvent.h"
+#include "mixer/playback/Playback.h"
+#include "mixer/record/Record.h"
+#include "nexo.h"
+
+namespace {
+
+using namespace mixer;
+using namespace mixer::host;
+
+void StderrSink(int, const char* line) { std::fprintf(stderr, "%s\n", line); }
+
+unsigned DeviceRate(const DaemonOptions& opts) { return opts.deviceRate ? opts.deviceRate : opts.rate; }
+
+// The playback device; empty after an error line.
+boost::shared_ptr<Output> OpenOutput(const DaemonOptions& opts) {
+    boost::shared_ptr<Output> out;
+    if (opts.output == "wav")
+        out = boost::make_shared<WavOutput>(opts.outFile, DeviceRate(opts), opts.channels);
+    else
+        out = boost::make_shared<AlsaOutput>(opts.device, DeviceRate(opts), opts.channels);
+    if (out->Open() != 0) return boost::shared_ptr<Output>();
+    return out;
+}
+
+// The microphone; empty after an error line.
+boost::shared_ptr<Input> OpenMic(const DaemonOptions& opts) {
+    if (opts.mic == "tone") return boost::make_shared<ToneMicInput>(opts.micRate, opts.micChannels, 440.0, 0.25);
+    if (opts.mic == "wav") return WavMicInput::Open(opts.micFile, opts.micChannels, true);
+    boost::shared_ptr<AlsaMicInput> mic =
+        boost::make_shared<AlsaMicInput>(opts.micDevice, opts.micRate, opts.micChannels);
+    if (mic->Open() != 0) return boost::shared_ptr<Input>();
+    return mic;
+}
+
+// Record::DeInit returns only once a message reaches a record thread that waits on its
+// queue after the run flag was cleared, and the flag is the engine's own: keep posting
+// pings until DeInit is back. Each ping wakes the thread once; a thread that is still
+// meant to run just waits again.
+void StopRecord(Record& record) {
+    boost::shared_ptr<MsgQ> queue = record.GetMsgQ();
+    std::mutex mutex;
+    std::condition_variable stopped;
+    bool done = false;
+    std::thread waker([&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!done) {
+            queue->sendMsg(boost::make_shared<MsgPing>());
+            stopped.wait_for(lock, std::chrono::milliseconds(10));
+        }
+    });
+    record.DeInit();
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        done = true;
+    }
+    stopped.notify_all();
+    waker.join();
+}
+
+// Sends the queued events on the bus, or only logs them without one.
+void DeliverEvents(EventQueue& events, NexoHandleStruct* bus) {
+    events.Deliver([bus](const std::string& event, const std::string& param) {
+        MIXER_LOG_I("Mixerd:Event:%s '%s':", event.c_str(), param.c_str());
+        if (bus) nexo::NexoSendStringEvent(bus, event.c_str(), param.c_str());
+    });
+}
+
+void SignalReady(int fd) {
+    if (fd < 0) return;
+    static const char kReady[] = "ready\n";
+    ssize_t n = write(fd, kReady, sizeof(kReady) - 1);
+    (void)n;  // a reader that went away does not stop the daemon
+    close(fd);
+}
+
+int Run(const DaemonOptions& opts) {
+    // Before any thread: SIGTERM and SIGINT are then blocked everywhere and read here.
+    ShutdownSignals signals;
+    if (!signals.Ok()) return 1;
+    EventQueue events;
+    if (!events.Ok()) {
+        MIXER_LOG_E("Mixerd:Run:eventfd: %s:", std::strerror(errno));
+        return 1;
+    }
+    NexoHandleStruct* bus = NexoOpen(NEXO_BUS_DEFAULT);
+    if (!bus) MIXER_LOG_W("Mixerd:Run:no event bus (%s): events are only logged:", std::strerror(errno));
+
+    int status = 0;
+    {
+        boost::shared_ptr<LatencyProbe> probe = boost::make_shared<LatencyProbe>();
+        boost::shared_ptr<Output> device = OpenOutput(opts);
+        if (!device) {
+            if (bus) NexoClose(bus);
+            return 1;
+        }
+        boost::shared_ptr<Input> mic = OpenMic(opts);
+        if (!mic)
+            MIXER_LOG_W("Mixerd:Run:no microphone (--mic %s): recording clients hear silence:", opts.mic.c_str());
+
+        DaemonConnect::Settings settings;
+        settings.rate = opts.rate;
+        settings.numCh = opts.channels;
+        settings.deviceRate = DeviceRate(opts);
+        settings.speakerVolume = opts.volume;
+        settings.micRate = mic ? mic->rate : opts.micRate;
+        settings.micNumCh = opts.micChannels;
+        // The device opened here goes first. After a failure a sound card is opened
+        // afresh; a WAV file is not reopened, which would truncate what it holds.
+        DaemonConnect::OutputSource outputs = [device, opts]() mutable {
+            boost::shared_ptr<Output> out;
+            if (device) out.swap(device);
+            else if (opts.output != "wav") out = OpenOutput(opts);
+            return out;
+        };
+        // The same microphone after an empty frame, unless it failed: a capture device is
+        // then opened afresh.
+        DaemonConnect::MicSource mics = [mic, opts]() mutable {
+            if (mic && mic->state != STATE_FAULT) return mic;
+            mic.reset();
+            if (opts.mic == "alsa") mic = OpenMic(opts);
+            return mic;
+        };
+        DaemonConnect connect(settings, outputs, mics, events, probe);
+
+        Playback playback;
+        Record record;
+        // Made only once this daemon owns the control socket: a Discovery removes the
+        // stream directory when it goes, which must not happen to another daemon's.
+        std::unique_ptr<Discovery> discovery;
+        connect.SetQueues(playback.GetMsgQ(), record.GetMsgQ());
+        if (!opts.micOff) record.GetMsgQ()->sendMsg(boost::make_shared<MsgEnableMic>(1));
+        playback.Init(&connect);
+        record.Init(&connect);
+
+        ControlDispatcher::Settings control;
+        control.statusFile = opts.statusFile;
+        control.speakerVolume = opts.volume;
+        control.mixRate = opts.rate;
+        control.mixNumCh = opts.channels;
+        control.micEnabled = !opts.micOff;
+        ControlDispatcher dispatcher(connect, probe, control);
+        ControlServer server(opts.socketPath, dispatcher);
+
+        if (server.Start() != 0) {
+            status = 1;
+        } else if (discovery.reset(new Discovery()), discovery->Init(&connect) != 1) {
+            MIXER_LOG_E("Mixerd:Run:the stream directory %s cannot be watched:", kStreamDir);
+            status = 1;
+        } else {
+            MIXER_LOG_I("Mixerd:Run:ready: output %s, mic %s, mix %u Hz %u ch, control %s:", opts.output.c_str(),
+                        opts.mic.c_str(), opts.rate, opts.channels, opts.socketPath.c_str());
+            SignalReady(opts.readyFd);
+            for (;;) {
+                pollfd fds[2] = {{signals.Fd(), POLLIN, 0}, {events.Fd(), POLLIN, 0}};
+                if (poll(fds, 2, -1) < 0) {
+                    if (errno == EINTR) continue;
+                    MIXER_LOG_E("Mixerd:Run:poll: %s:", std::strerror(errno));
+                    status = 1;
+                    break;
+                }
+                if (fds[1].revents) DeliverEvents(events, bus);
+                if (fds[0].revents) {
+                    int sig = signals.Take();
+                    if (sig) {
+                        MIXER_LOG_I("Mixerd:Run:signal %d: stopping:", sig);
+                        break;
+                    }
+                }
+            }
+        }
+        // No new requests or streams, then the engines; their streams go at the end of
+        // this scope, which fires their tokens.
+        server.Stop();
+        if (discovery) discovery->DeInit();
+        playback.DeInit();
+        StopRecord(record);
+    }
+    DeliverEvents(events, bus);
+    if (bus) NexoClose(bus);
+    MIXER_LOG_I("Mixerd:Run:stopped:");
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    mixer::host::DaemonOptions opts;
+    std::string error;
+    switch (mixer::host::DaemonOptions::Parse(argc, argv, opts, error)) {
+    case mixer::host::DaemonOptions::kHelp:
+        std::fputs(mixer::host::DaemonOptions::Help(), stdout);
+        return 0;
+    case mixer::host::DaemonOptions::kVersion:
+        std::printf("mixerd %s\n", MIXER_VERSION);
+        return 0;
+    case mixer::host::DaemonOptions::kError:
+        std::fprintf(stderr, "mixerd: %s\n", error.c_str());
+        return 2;
+    case mixer::host::DaemonOptions::kRun:
+        break;
+    }
+    if (opts.haveLogMask) g_orvane_log_mask = opts.logMask;
+    if (opts.logStderr)
+        mixer::Log::SetSink(StderrSink);
+    else
+        openlog("mixerd", LOG_PID, LOG_DAEMON);
+    return Run(opts);
+}
