@@ -272,11 +272,7 @@ bool DataTrans::DeInit() {
         if (!name_.empty()) shm_unlink(name_.c_str());
         MIXER_LOG_I("Mixer_DataTrans:DeInit:DataTrans Closed & unlinked:");
     } else {
-        StoreRelaxed(q->hangUp, static_cast<uint8_t>(1));
-        // Every waiter of the peer wakes and sees the hang-up.
-        pthread_cond_broadcast(&q->condDataAvail);
-        pthread_cond_broadcast(&q->condSpaceAvail);
-        pthread_cond_broadcast(&q->cmdExecutedCond);
+        HangUpLocked();
         Unlock(&q->mutex);
         MIXER_LOG_I("Mixer_DataTrans:DeInit:DataTrans Hangup & Closed:");
     }
@@ -284,6 +280,24 @@ bool DataTrans::DeInit() {
     queue_ = nullptr;
     mapSize_ = 0;
     return true;
+}
+
+void DataTrans::HangUpLocked() {
+    StreamQueue* q = queue_;
+    StoreRelaxed(q->hangUp, static_cast<uint8_t>(1));
+    // Every waiter wakes and sees the hang-up.
+    pthread_cond_broadcast(&q->condDataAvail);
+    pthread_cond_broadcast(&q->condSpaceAvail);
+    pthread_cond_broadcast(&q->cmdExecutedCond);
+}
+
+void DataTrans::HangUpPeer() {
+    StreamQueue* q = queue_;
+    if (q == nullptr) return;
+    Lock(&q->mutex);
+    HangUpLocked();
+    Unlock(&q->mutex);
+    MIXER_LOG_I("Mixer_DataTrans:HangUpPeer:%s:", name_.c_str());
 }
 
 bool DataTrans::IsHungUp() {

@@ -48,6 +48,11 @@ public:
     // Closes this end. The first side to close hangs the queue up and wakes every waiter
     // of the peer; the last one destroys the locks and unlinks the name. Always true.
     bool DeInit();
+    // Declares the peer gone, as if it had closed its end: hangUp is set and every
+    // waiter on this queue wakes. For a host that learns of the peer's death some other
+    // way (a client process that was killed never closes); this end's DeInit then
+    // destroys the locks and unlinks the name as the last closer. Nothing when not open.
+    void HangUpPeer();
 
     bool IsHungUp();   // true when not open
     bool IsStopped();  // true when not open
@@ -119,6 +124,8 @@ private:
     // Bounds-checked tail of block pos; null after a logged error. Caller holds mutex.
     BlockTail* TailLocked(unsigned pos);
     void ResetTail(BlockTail* tail, bool full);
+    // Sets hangUp and wakes every waiter. Caller holds mutex.
+    void HangUpLocked();
     bool BeginBlockWait(const char* op, const char* enterTag, unsigned timeoutMs, int& err, timespec& deadline);
     char* GetWriteBuffLocked(int& err, unsigned timeoutMs, const timespec& deadline);
     char* GetReadBuffLocked(int& err, unsigned& len, unsigned timeoutMs, const timespec& deadline,
