@@ -35,7 +35,7 @@ bool IsRegularFile(const struct dirent* ent) {
 }  // namespace
 
 Discovery::Discovery()
-    : inotifyFd(-1), watchFd(-1), running(0), thread(), connect(nullptr), threadStarted(false) {}
+    : inotifyFd(-1), watchFd(-1), running(0), thread(), connect(nullptr), threadStarted(false), watcherFd(-1) {}
 
 Discovery::~Discovery() { DeInit(); }
 
@@ -79,6 +79,7 @@ int Discovery::Init(Connect* connect_) {
     // Raised here rather than by the thread itself, so that a DeInit that comes before
     // the thread's first instruction is not undone by it.
     running = 1;
+    watcherFd = inotifyFd;
     if (pthread_create(&thread, nullptr, DiscoveryrunLoop, this) != 0) {
         running = 0;
         MIXER_LOG_E("Mixer_Discovery:Discovery Init:Discovery Thread failed to create:");
@@ -130,7 +131,7 @@ void Discovery::AddStream(const std::string& fileName) {
 void* DiscoveryrunLoop(void* arg) {
     Discovery* self = static_cast<Discovery*>(arg);
     MIXER_LOG_I("Mixer_Discovery:Discovery Thread:started:");
-    const int fd = self->inotifyFd;  // set before the thread started; DeInit clears the field
+    const int fd = self->watcherFd;
     unsigned retry = 0;
     alignas(struct inotify_event) char buf[kEventBuf];
 

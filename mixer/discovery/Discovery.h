@@ -56,6 +56,9 @@ private:
     pthread_t thread;
     Connect* connect;           // not owned
     bool threadStarted;         // thread is joinable (host thread only)
+    // The instance the watcher reads: a copy of inotifyFd made before the thread starts
+    // and not written while it runs, since DeInit clears inotifyFd under its feet.
+    int32_t watcherFd;
 };
 
 }  // namespace mixer
