@@ -564,7 +564,9 @@ char* DataTrans::GetWriteBuffLocked(int& err, unsigned timeoutMs, const timespec
     // Read once: a position is checked (by PosToPtr) and used as the same value.
     const uint32_t pos = q->writePos;
     char* result = PosToPtr(q, pos);
-    if (result != nullptr) {
+    if (result == nullptr) {
+        err = EFAULT;  // logged: a position outside the queue
+    } else {
         BlockTail* tail = TailLocked(pos);
         if (tail == nullptr) {
             err = EFAULT;
