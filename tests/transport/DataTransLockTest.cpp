@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <memory>
 #include <string>
 
 #include "tests/support/LockingClient.h"
@@ -27,16 +28,20 @@ using test::WriteBlock;
 
 const unsigned kForever = 0xFFFFFFFFu;
 
-// The hang-up flag as the shared header holds it.
-bool HeaderHungUp(const ShmName& name) {
-    const int fd = shm_open(name.c_str(), O_RDONLY, 0);
-    if (fd < 0) return false;
-    void* base = mmap(nullptr, sizeof(StreamQueue), PROT_READ, MAP_SHARED, fd, 0);
-    close(fd);
-    const bool hup = static_cast<const StreamQueue*>(base)->hangUp != 0;
-    munmap(base, sizeof(StreamQueue));
-    return hup;
-}
+// The shared header as a peer sees it, through a mapping of its own.
+class Header {
+public:
+    explicit Header(const ShmName& name) {
+        const int fd = shm_open(name.c_str(), O_RDWR, 0);
+        base_ = mmap(nullptr, sizeof(StreamQueue), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        close(fd);
+    }
+    ~Header() { munmap(base_, sizeof(StreamQueue)); }
+    StreamQueue* operator->() { return static_cast<StreamQueue*>(base_); }
+
+private:
+    void* base_;
+};
 
 // This process creates the queue and writes (the client's writer thread); the reader end
 // is bounded like the mixer's; a forked client holds the lock.
@@ -48,17 +53,20 @@ protected:
         reader.SetLockWaitMs(DataTrans::kEngineLockWaitMs);
         ASSERT_TRUE(WriteBlock(writer, 8));
         ASSERT_TRUE(WriteBlock(writer, 16));
-        ASSERT_TRUE(holder.Ready());
-        ASSERT_TRUE(holder.Lock());
+        holder.reset(new LockingClient(name.str(), LockingClient::Options()));  // the queue exists now
+        ASSERT_TRUE(holder->Ready());
+        ASSERT_TRUE(holder->Lock());
     }
 
     ShmName name;
     DataTrans writer, reader;
-    LockingClient holder{name.str(), LockingClient::Options()};
+    std::unique_ptr<LockingClient> holder;
 };
 
 TEST_F(DataTransLockTest, StoppedHolderCostsABoundedEndNoMoreThanItsBound) {
-    ASSERT_TRUE(holder.Stop());
+    Header header(name);
+    header->cmd = CMD_PAUSE;  // posted by the client before it stopped
+    ASSERT_TRUE(holder->Stop());
     LogCapture log;
     int err = 0;
     unsigned len = 0;
@@ -82,19 +90,19 @@ TEST_F(DataTransLockTest, StoppedHolderCostsABoundedEndNoMoreThanItsBound) {
     // last closer.
     EXPECT_TRUE(reader.DeInit());
     EXPECT_TRUE(log.Has("W Mixer_DataTrans:DeInit:lock busy, DataTrans Hangup & Closed:"));
-    EXPECT_TRUE(HeaderHungUp(name));
+    EXPECT_EQ(header->hangUp, 1);
     EXPECT_TRUE(name.Exists());
 
-    ASSERT_TRUE(holder.Continue());
-    ASSERT_TRUE(holder.Unlock());
-    EXPECT_EQ(holder.Finish(), 0);
+    ASSERT_TRUE(holder->Continue());
+    ASSERT_TRUE(holder->Unlock());
+    EXPECT_EQ(holder->Finish(), 0);
     writer.DeInit();
     EXPECT_TRUE(log.Has("I Mixer_DataTrans:DeInit:DataTrans Closed & unlinked:"));
     EXPECT_FALSE(name.Exists());
 }
 
 TEST_F(DataTransLockTest, HolderKilledInsideTheLockEndsTheQueueLikeAClosedClient) {
-    holder.Kill();
+    holder->Kill();
     LogCapture log;
     int err = 0;
     unsigned len = 0;
