@@ -333,21 +333,33 @@ TEST(InputDataTransHangUpTest, PausedInputNoticesTheClientHasGone) {
 // waits longer than its lock bound, and gives the client up as a hung-up client (robust
 // locks) or after half a second of busy periods. The holder is a forked client thread
 // that takes the queue's lock on request.
-class InputDataTransLockTest : public InputDataTransTest {
+class InputDataTransLockTest : public ::testing::Test {
 protected:
-    void Open(unsigned numBlk, unsigned blkSize) {
-        InputDataTransTest::Open(numBlk, blkSize);
-        holder.reset(new LockingClient(name.str(), LockingClient::Options()));
+    // The client creates the queue and commits blocks; it is the only writer end, so
+    // that its death leaves no writer behind.
+    void Open(unsigned blkSize, const std::vector<std::vector<char> >& blocks) {
+        LockingClient::Options o;
+        o.create = true;
+        o.numBlk = 2;
+        o.blkSize = blkSize;
+        for (const std::vector<char>& b : blocks) o.blocks.emplace_back(b.begin(), b.end());
+        holder.reset(new LockingClient(name.str(), o));
         ASSERT_TRUE(holder->Ready());
+        queue.reset(new DataTrans());
+        ASSERT_EQ(queue->Init(name.c_str()), 0);
+        input.reset(new InputDataTrans(queue, 48000, 2, 2, "music"));
     }
+    static std::string FrameBytes(const boost::shared_ptr<AudioFrame>& f) { return std::string(f->data, f->size); }
 
+    ShmName name;
     std::unique_ptr<LockingClient> holder;
+    boost::shared_ptr<DataTrans> queue;
+    std::unique_ptr<InputDataTrans> input;
 };
 
 TEST_F(InputDataTransLockTest, ClientKilledInsideTheLockEndsTheInput) {
-    ASSERT_NO_FATAL_FAILURE(Open(2, kFrame));
     const std::vector<char> audio = Pattern(kFrame, 1);
-    Put(audio, nullptr);
+    ASSERT_NO_FATAL_FAILURE(Open(kFrame, {audio}));
     ASSERT_TRUE(holder->Lock());
     holder->Kill();
     LogCapture log;
@@ -375,8 +387,7 @@ TEST_F(InputDataTransLockTest, ClientKilledInsideTheLockEndsTheInput) {
 }
 
 TEST_F(InputDataTransLockTest, ClientStoppedHoldingTheLockFaultsTheInputAfterHalfASecond) {
-    ASSERT_NO_FATAL_FAILURE(Open(2, kFrame));
-    Put(Pattern(kFrame, 1), nullptr);
+    ASSERT_NO_FATAL_FAILURE(Open(kFrame, {Pattern(kFrame, 1)}));
     input->Drain();
     ASSERT_TRUE(holder->Lock());
     ASSERT_TRUE(holder->Stop());
@@ -402,11 +413,9 @@ TEST_F(InputDataTransLockTest, ClientStoppedHoldingTheLockFaultsTheInputAfterHal
 }
 
 TEST_F(InputDataTransLockTest, ReleaseThatMetABusyLockIsRetriedAndTheBlockIsNotLost) {
-    ASSERT_NO_FATAL_FAILURE(Open(2, kFrame + 1000));
     const std::vector<char> av = Pattern(kFrame + 1000, 1), bv = Pattern(kFrame, 2);
     const std::string a(av.begin(), av.end()), b(bv.begin(), bv.end());
-    Put(av, nullptr);
-    Put(bv, nullptr);
+    ASSERT_NO_FATAL_FAILURE(Open(kFrame + 1000, {av, bv}));
     LogCapture log;
     boost::shared_ptr<AudioFrame> f = input->Process();
     ASSERT_TRUE(f);
@@ -418,14 +427,14 @@ TEST_F(InputDataTransLockTest, ReleaseThatMetABusyLockIsRetriedAndTheBlockIsNotL
     ASSERT_TRUE(f);
     EXPECT_EQ(FrameBytes(f), a.substr(kFrame) + std::string(kFrame - 1000, '\0'));
     EXPECT_TRUE(input->releasePending);
-    EXPECT_EQ(writer.Queue()->GetNumBlkFree(), 0u);  // still the input's
+    EXPECT_EQ(queue->GetNumBlkFree(), 0u);  // still the input's
 
     ASSERT_TRUE(holder->Unlock());
     f = input->Process();
     ASSERT_TRUE(f);
     EXPECT_EQ(FrameBytes(f), b);
     EXPECT_FALSE(input->releasePending);
-    EXPECT_EQ(writer.Queue()->GetNumBlkFree(), 2u);  // both given back, neither lost
+    EXPECT_EQ(queue->GetNumBlkFree(), 2u);  // both given back, neither lost
     EXPECT_EQ(input->state, STATE_ACTIVE);
     EXPECT_EQ(log.CountPrefix("E "), 0) << log.Dump();
     EXPECT_EQ(holder->Finish(), 0);

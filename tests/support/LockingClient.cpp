@@ -28,7 +28,7 @@ int RunClient(const std::string& name, const LockingClient::Options& o, Pipe& in
     DataTrans dt;
     if (o.create)
         CHILD_CHECK(dt.Init(name.c_str(), o.numBlk, o.blkSize) == 0);
-    else if (o.feed)
+    else if (o.feed || !o.blocks.empty())
         CHILD_CHECK(dt.Init(name.c_str()) == 0);
     // The lock is taken through a mapping of its own, not through a queue operation, so
     // that the child holds it for as long as the test wants.
@@ -38,6 +38,13 @@ int RunClient(const std::string& name, const LockingClient::Options& o, Pipe& in
     close(fd);
     CHILD_CHECK(base != MAP_FAILED);
     StreamQueue* q = static_cast<StreamQueue*>(base);
+    for (const std::string& b : o.blocks) {
+        int err = 0;
+        char* p = dt.GetWriteBuff(err, 0);
+        CHILD_CHECK(p != nullptr && b.size() <= dt.GetUserBlkSize());
+        memcpy(p, b.data(), b.size());
+        CHILD_CHECK(dt.CommitWriteBuff(static_cast<unsigned>(b.size()), nullptr));
+    }
     CHILD_CHECK(out.Send('r'));
     bool locked = false;
     for (;;) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "tests/support/ChildProcess.h"
 
@@ -25,6 +26,9 @@ public:
         unsigned numBlk = 4;
         unsigned blkSize = 3840;
         bool feed = false;    // write blocks whenever there is room and no lock is held
+        // Committed in this order once the queue is open, before Ready: the client's
+        // audio, with the client as the only writer end.
+        std::vector<std::string> blocks;
     };
     LockingClient(const std::string& name, const Options& options);
     ~LockingClient();

@@ -16,7 +16,6 @@
 #include "tests/support/LockingClient.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ShmName.h"
-#include "tests/transport/Blocks.h"
 
 namespace mixer {
 namespace {
@@ -24,7 +23,6 @@ namespace {
 using test::LockingClient;
 using test::LogCapture;
 using test::ShmName;
-using test::WriteBlock;
 
 const unsigned kForever = 0xFFFFFFFFu;
 
@@ -43,24 +41,27 @@ private:
     void* base_;
 };
 
-// This process creates the queue and writes (the client's writer thread); the reader end
-// is bounded like the mixer's; a forked client holds the lock.
+// The client process creates the queue, writes two blocks and then holds its lock (as
+// its writer thread would inside an operation); this process is the reader end, bounded
+// like the mixer's.
 class DataTransLockTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(writer.Init(name.c_str(), 4, 64), 0);
+        LockingClient::Options o;
+        o.create = true;
+        o.numBlk = 4;
+        o.blkSize = 64;
+        o.blocks = {std::string(8, 'a'), std::string(16, 'b')};
+        holder.reset(new LockingClient(name.str(), o));
+        ASSERT_TRUE(holder->Ready());
         ASSERT_EQ(reader.Init(name.c_str()), 0);
         reader.SetLockWaitMs(DataTrans::kEngineLockWaitMs);
-        ASSERT_TRUE(WriteBlock(writer, 8));
-        ASSERT_TRUE(WriteBlock(writer, 16));
-        holder.reset(new LockingClient(name.str(), LockingClient::Options()));  // the queue exists now
-        ASSERT_TRUE(holder->Ready());
         ASSERT_TRUE(holder->Lock());
     }
 
     ShmName name;
-    DataTrans writer, reader;
     std::unique_ptr<LockingClient> holder;
+    DataTrans reader;  // closed before the holder is reaped
 };
 
 TEST_F(DataTransLockTest, StoppedHolderCostsABoundedEndNoMoreThanItsBound) {
@@ -95,9 +96,7 @@ TEST_F(DataTransLockTest, StoppedHolderCostsABoundedEndNoMoreThanItsBound) {
 
     ASSERT_TRUE(holder->Continue());
     ASSERT_TRUE(holder->Unlock());
-    EXPECT_EQ(holder->Finish(), 0);
-    writer.DeInit();
-    EXPECT_TRUE(log.Has("I Mixer_DataTrans:DeInit:DataTrans Closed & unlinked:"));
+    EXPECT_EQ(holder->Finish(), 0);  // closes last, and removes the name
     EXPECT_FALSE(name.Exists());
 }
 
