@@ -209,7 +209,6 @@ int DataTrans::Init(const char* name, unsigned numBlk, unsigned blkSize) {
 
     const uint32_t memSize = total + static_cast<uint32_t>(kHdr);
     StreamQueue* q = nullptr;
-    StreamQueue geometry;
     bool mutexDone = false, cmdMutexDone = false, dataCondDone = false, spaceCondDone = false;
     pthread_mutexattr_t mattr;
     pthread_condattr_t cattr;
@@ -244,8 +243,10 @@ int DataTrans::Init(const char* name, unsigned numBlk, unsigned blkSize) {
     MIXER_INIT_STEP(pthread_mutexattr_setrobust(&mattr, PTHREAD_MUTEX_ROBUST), "mutexAttrSetRobustFailed")
     rc = pthread_mutex_init(&q->mutex, &mattr);
     if (rc == ENOTSUP) {
-        // No robust locks without the kernel's robust list (qemu-user has none): the
-        // queue still works, and only the lock bound catches a peer that died holding it.
+        // A C library that refuses robust locks (no robust list in the kernel): the
+        // queue still works, and only the lock bound catches a peer that died holding
+        // it. (Where the library makes them but nothing keeps the list, as under
+        // qemu-user, a dead owner's lock likewise just stays taken.)
         MIXER_LOG_W("Mixer_DataTrans:Init:robust locks unavailable,name=%s,error=%d:", name, rc);
         pthread_mutexattr_setrobust(&mattr, PTHREAD_MUTEX_STALLED);
         rc = pthread_mutex_init(&q->mutex, &mattr);
@@ -281,8 +282,7 @@ int DataTrans::Init(const char* name, unsigned numBlk, unsigned blkSize) {
     q->cmd = CMD_NONE;
     q->stopped = 0;
 
-    geometry = *q;
-    Adopt(q, geometry, memSize);
+    Adopt(q, *q, memSize);
     for (unsigned i = 0; i < numBlk; ++i) {
         // Cannot fail: the header was just written from valid sizes.
         BlockTail* tail = TailLocked(i);

@@ -30,7 +30,8 @@ namespace mixer {
 // The peer is another process that may die, stop or lie at any instruction:
 // - Both locks are robust where the platform has robust locks: a lock whose owner died
 //   is repaired by the next taker and the queue is then hung up, as if the peer had
-//   closed (the reader drains what is left, then gets EHOSTDOWN).
+//   closed (the reader drains what is left, then gets EHOSTDOWN). Elsewhere a dead
+//   owner's lock stays taken, and only a lock bound gets past it.
 // - With a lock bound (SetLockWaitMs) no lock is waited for longer than the bound; the
 //   call then fails with EBUSY or its "not taken" result (see each call). Without a
 //   bound (the default) a lock is waited for as long as it takes. A condition wait
