@@ -181,6 +181,7 @@ boost::shared_ptr<Output> DaemonConnect::OpenRecord(const sStreamInfo& info, std
         MIXER_LOG_W("Mixerd_Connect:OpenRecord:cannot open %s: %s:", qname.c_str(), std::strerror(err));
         return boost::shared_ptr<Output>();
     }
+    queue->SetLockWaitMs(DataTrans::kEngineLockWaitMs);  // the record thread must not stall on a client
     const size_t start = info.name.find_first_not_of('/');
     return boost::make_shared<Tracked<DataTransOutput> >(onGone, queue, info.name.substr(start));
 }

@@ -22,8 +22,14 @@ InputDataTrans::InputDataTrans(boost::shared_ptr<DataTrans> dataTrans_, unsigned
       readPtr(nullptr),
       blockLeft(0),
       eagainCount(0),
-      pauseDelayMs(0) {
-    if (dataTrans) name = dataTrans->GetName();
+      pauseDelayMs(0),
+      releasePending(false),
+      busyPeriods(0) {
+    if (dataTrans) {
+        name = dataTrans->GetName();
+        // The engine thread must never stall on a client's lock.
+        dataTrans->SetLockWaitMs(DataTrans::kEngineLockWaitMs);
+    }
     state = STATE_ACTIVE;
     memset(bufId, 0, sizeof(bufId));
 }
@@ -56,12 +62,14 @@ void InputDataTrans::Drain() {
 void InputDataTrans::Flush() {
     if (state == STATE_HANGUP || state == STATE_FAULT || state == STATE_STOPPED) return;
     pauseDelayMs = 0;
-    if (blockLeft != 0) {
-        if (dataTrans) dataTrans->ReleaseReadBuff();
+    if (blockLeft != 0 || releasePending) {
+        if (dataTrans) ReleaseUsedBlock();
         blockLeft = 0;
         readPtr = nullptr;
     }
-    if (dataTrans) dataTrans->Flush();
+    // With a release still pending the queue is left as it is: flushing it would free
+    // that block under the release.
+    if (dataTrans && !releasePending) dataTrans->Flush();
     state = STATE_PAUSED;
 }
 
@@ -106,7 +114,15 @@ int InputDataTrans::HandleCmd(tInOutCmd cmd) {
     return 0;
 }
 
+bool InputDataTrans::ReleaseUsedBlock() {
+    int err = 0;
+    releasePending = !dataTrans->ReleaseReadBuff(err) && err == EBUSY;
+    return !releasePending;
+}
+
 boost::shared_ptr<AudioFrame> InputDataTrans::Process() {
+    // A block whose release met a busy lock goes back before anything else is read.
+    if (releasePending && dataTrans) ReleaseUsedBlock();
     if (state == STATE_PAUSED || state == STATE_HANGUP || state == STATE_FAULT) {
         if (dataTrans && dataTrans->IsHungUp()) state = STATE_HANGUP;
         return boost::shared_ptr<AudioFrame>();
@@ -117,6 +133,7 @@ boost::shared_ptr<AudioFrame> InputDataTrans::Process() {
     uint32_t left = frame->size;
     char* dst = frame->data;
     bool complete = false;
+    bool busy = false;  // the queue's lock could not be taken this period
 
     for (;;) {
         if (left == 0) {
@@ -126,6 +143,10 @@ boost::shared_ptr<AudioFrame> InputDataTrans::Process() {
         if (readPtr == nullptr) {
             if (!dataTrans) {
                 state = STATE_FAULT;
+                break;
+            }
+            if (releasePending) {
+                busy = true;
                 break;
             }
             int err = 0;
@@ -148,6 +169,12 @@ boost::shared_ptr<AudioFrame> InputDataTrans::Process() {
                     eagainCount = 0;
                 }
                 continue;
+            }
+            if (err == EBUSY) {
+                // No data now, though the queue is not known to be empty: neither a
+                // gap nor the end of a drain.
+                busy = true;
+                break;
             }
             if (err == EAGAIN || err == ETIMEDOUT) {
                 if (state == STATE_DRAINING || state == STATE_PAUSING) {
@@ -181,10 +208,17 @@ boost::shared_ptr<AudioFrame> InputDataTrans::Process() {
             dataTrans->SubCount(n);
         }
         if (blockLeft == 0) {
-            dataTrans->ReleaseReadBuff();
+            ReleaseUsedBlock();
             readPtr = nullptr;
             memset(bufId, 0, sizeof(bufId));
         }
+    }
+
+    if (!busy) {
+        busyPeriods = 0;
+    } else if (++busyPeriods >= kMaxBusyPeriods && state != STATE_HANGUP && state != STATE_FAULT) {
+        MIXER_LOG_E("Mixer_InputDataTrans:Process:queue lock held for %u ms, input faulted:", kFrameMs * busyPeriods);
+        state = STATE_FAULT;
     }
 
     if (!complete) {

@@ -18,9 +18,17 @@ namespace mixer {
 //
 // Threading: every operation runs on the thread of the engine that owns its stream; the
 // input has no lock (the queue synchronises with the client itself). Process allocates
-// one frame per call and never waits unless `blocking` is set (then up to 320 ms).
+// one frame per call and never waits unless `blocking` is set (then up to 320 ms). The
+// queue's locks are bounded (DataTrans::kEngineLockWaitMs): a client that stalls holding
+// one costs a period no more than the bound; a period that could not take it yields
+// what it has, and a lock held for kMaxBusyPeriods periods in a row faults the input.
 class MIXER_API InputDataTrans : public Input {
 public:
+    // Consecutive periods in which the queue's lock could not be taken before the input
+    // gives the client up: 25 periods, half a second. A client that holds its lock that
+    // long is stopped or dead, and its stream would otherwise stay silent for ever.
+    static const unsigned kMaxBusyPeriods = 25;
+
     // dataTrans must be non-null and open. The destructor only drops the share of it:
     // a held block is not released and the queue closes when its last owner lets go.
     InputDataTrans(boost::shared_ptr<DataTrans> dataTrans_, unsigned rate_, unsigned numCh_,
@@ -46,6 +54,13 @@ public:
     uint32_t blockLeft;        // unread bytes of the held block
     uint32_t eagainCount;      // consecutive Process calls that found the queue empty
     uint32_t pauseDelayMs;     // audio still to play before a pausing input is paused
+    bool releasePending;       // a used-up block whose release met a busy lock
+    uint32_t busyPeriods;      // consecutive Process calls that met a busy lock
+
+private:
+    // Gives the used-up block back; when the lock is busy it stays pending, and no other
+    // block is read until it is given back. True when nothing is pending any more.
+    bool ReleaseUsedBlock();
 };
 
 }  // namespace mixer

@@ -30,15 +30,95 @@ void StoreRelaxed(T& field, T value) {
     __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
 
-int Lock(pthread_mutex_t* m) { return pthread_mutex_lock(m); }
 void Unlock(pthread_mutex_t* m) { pthread_mutex_unlock(m); }
 
 // Reads CLOCK_REALTIME; 0 or the clock's result.
 int Now(timespec& now) { return clock_gettime(CLOCK_REALTIME, &now); }
 
+#if defined(__SANITIZE_THREAD__)
+#define MIXER_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define MIXER_TSAN 1
+#endif
+#endif
+
+// Waits up to ms for m; 0, ETIMEDOUT, EOWNERDEAD or the lock's error. The monotonic
+// clock: a step of the wall clock must not stretch or cut the bound. The thread
+// sanitizer's runtime knows the timed lock but not the clock lock, so its builds take
+// the wall clock instead.
+int LockWithin(pthread_mutex_t* m, unsigned ms) {
+#ifdef MIXER_TSAN
+    const clockid_t clock = CLOCK_REALTIME;
+#else
+    const clockid_t clock = CLOCK_MONOTONIC;
+#endif
+    timespec until;
+    if (clock_gettime(clock, &until) != 0) return errno;
+    until.tv_sec += ms / 1000;
+    until.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+    if (until.tv_nsec >= 1000000000L) {
+        until.tv_nsec -= 1000000000L;
+        until.tv_sec += 1;
+    }
+#ifdef MIXER_TSAN
+    return pthread_mutex_timedlock(m, &until);
+#else
+    return pthread_mutex_clocklock(m, clock, &until);
+#endif
+}
+
+// Refuses a header whose geometry does not describe the object it heads (a corrupt or
+// hostile client): every address computed later rests on it. Sums are 64-bit so that
+// no product wraps into a plausible size.
+bool HeaderFits(const StreamQueue& h, uint64_t objectSize, const char* name) {
+    if (h.numBlk == 0) {
+        MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=noBlocks,name=%s,numBlk=0:", name);
+        return false;
+    }
+    if (h.userBlkSize % 8 != 0) {
+        MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=userBlkSizeUnaligned,name=%s,userBlkSize=%u:", name,
+                    h.userBlkSize);
+        return false;
+    }
+    if (h.blkSize != static_cast<uint64_t>(h.userBlkSize) + kTail) {
+        MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=blkSizeMismatch,name=%s,blkSize=%u,userBlkSize=%u:", name,
+                    h.blkSize, h.userBlkSize);
+        return false;
+    }
+    if (h.memSize != kHdr + static_cast<uint64_t>(h.numBlk) * h.blkSize) {
+        MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=memSizeMismatch,name=%s,memSize=%u,numBlk=%u,blkSize=%u:",
+                    name, h.memSize, h.numBlk, h.blkSize);
+        return false;
+    }
+    // Touching a mapped page beyond the end of the object raises SIGBUS.
+    if (objectSize < h.memSize) {
+        MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=objectTooSmall,name=%s,size=%llu,memSize=%u:", name,
+                    static_cast<unsigned long long>(objectSize), h.memSize);
+        return false;
+    }
+    if (h.writePos >= h.numBlk || h.readPos >= h.numBlk) {
+        MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=positionOutOfRange,name=%s,writePos=%u,readPos=%u,numBlk=%u:",
+                    name, h.writePos, h.readPos, h.numBlk);
+        return false;
+    }
+    if (h.numFree > h.numBlk || h.numReady > h.numBlk) {
+        MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=counterOutOfRange,name=%s,numFree=%u,numReady=%u,numBlk=%u:",
+                    name, h.numFree, h.numReady, h.numBlk);
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
-DataTrans::DataTrans() : queue_(nullptr), mapSize_(0) {}
+DataTrans::DataTrans()
+    : queue_(nullptr),
+      mapSize_(0),
+      numBlk_(0),
+      blkSize_(0),
+      userBlkSize_(0),
+      lockWaitMs_(deadline::kForever) {}
 
 DataTrans::~DataTrans() { DeInit(); }
 
@@ -46,18 +126,20 @@ DataTrans::~DataTrans() { DeInit(); }
 // Addresses
 
 char* DataTrans::PosToPtr(const StreamQueue* q, unsigned pos) {
-    const uint32_t memSize = q->memSize;
-    const uint32_t blkSize = q->blkSize;
-    const uint32_t offset = static_cast<uint32_t>(kHdr) + pos * blkSize;
-    // The mapping of this process bounds the address too, whatever memSize claims.
-    const uint64_t limit = (q == queue_ && mapSize_ < memSize) ? mapSize_ : memSize;
+    // This end's mapping is addressed with the geometry checked when it was mapped,
+    // whatever the header says now. 64-bit: a huge pos must not wrap back inside.
+    const bool own = q == queue_;
+    const uint32_t memSize = own ? static_cast<uint32_t>(mapSize_) : q->memSize;
+    const uint32_t blkSize = own ? blkSize_ : q->blkSize;
+    const uint64_t offset = kHdr + static_cast<uint64_t>(pos) * blkSize;
+    const uint64_t limit = memSize;
     if (offset >= limit) {
         // Kept so: the message prints byte offsets, not block indices.
         MIXER_LOG_E("Mixer_DataTrans:PosToPtr:pos %d >= memSize %d:", static_cast<int>(offset),
                     static_cast<int>(memSize));
         return nullptr;
     }
-    if (static_cast<uint64_t>(offset) + blkSize > limit) {
+    if (offset + blkSize > limit) {
         MIXER_LOG_E("Mixer_DataTrans:PosToPtr:pos2 %d > memSize %d:", static_cast<int>(offset + blkSize),
                     static_cast<int>(memSize));
         return nullptr;
@@ -66,10 +148,11 @@ char* DataTrans::PosToPtr(const StreamQueue* q, unsigned pos) {
 }
 
 char* DataTrans::TailPosToPtr(const StreamQueue* q, unsigned pos) {
-    const uint32_t memSize = q->memSize;
-    const uint32_t blkSize = q->blkSize;
-    const uint32_t offset = blkSize + pos * blkSize + static_cast<uint32_t>(kHdr - kTail);
-    const uint64_t limit = (q == queue_ && mapSize_ < memSize) ? mapSize_ : memSize;
+    const bool own = q == queue_;
+    const uint32_t memSize = own ? static_cast<uint32_t>(mapSize_) : q->memSize;
+    const uint32_t blkSize = own ? blkSize_ : q->blkSize;
+    const uint64_t offset = blkSize + static_cast<uint64_t>(pos) * blkSize + (kHdr - kTail);
+    const uint64_t limit = memSize;
     if (offset >= limit) {
         MIXER_LOG_E("Mixer_DataTrans:TailPosToPtr:pos %d >= memSize %d:", static_cast<int>(offset),
                     static_cast<int>(memSize));
@@ -77,7 +160,7 @@ char* DataTrans::TailPosToPtr(const StreamQueue* q, unsigned pos) {
     }
     // A header whose stride is shorter than a tail would put the tail's end past the
     // object; refuse it rather than touch bytes outside the mapping.
-    if (static_cast<uint64_t>(offset) + kTail > limit) {
+    if (offset + kTail > limit) {
         MIXER_LOG_E("Mixer_DataTrans:TailPosToPtr:pos2 %d > memSize %d:", static_cast<int>(offset + kTail),
                     static_cast<int>(memSize));
         return nullptr;
@@ -156,7 +239,19 @@ int DataTrans::Init(const char* name, unsigned numBlk, unsigned blkSize) {
     MIXER_INIT_STEP(pthread_mutexattr_init(&mattr), "mutexAttrInitFailed")
     MIXER_INIT_STEP(pthread_mutexattr_setpshared(&mattr, PTHREAD_PROCESS_SHARED), "mutexAttrSetSharedFailed")
     MIXER_INIT_STEP(pthread_mutexattr_settype(&mattr, PTHREAD_MUTEX_RECURSIVE), "mutexAttrSetTypeFailed")
-    MIXER_INIT_STEP(pthread_mutex_init(&q->mutex, &mattr), "mutexInitFailed")
+    // Robust: a peer that dies holding a lock does not take the queue with it.
+    MIXER_INIT_STEP(pthread_mutexattr_setrobust(&mattr, PTHREAD_MUTEX_ROBUST), "mutexAttrSetRobustFailed")
+    rc = pthread_mutex_init(&q->mutex, &mattr);
+    if (rc == ENOTSUP) {
+        // A C library that refuses robust locks (no robust list in the kernel): the
+        // queue still works, and only the lock bound catches a peer that died holding
+        // it. (Where the library makes them but nothing keeps the list, as under
+        // qemu-user, a dead owner's lock likewise just stays taken.)
+        MIXER_LOG_W("Mixer_DataTrans:Init:robust locks unavailable,name=%s,error=%d:", name, rc);
+        pthread_mutexattr_setrobust(&mattr, PTHREAD_MUTEX_STALLED);
+        rc = pthread_mutex_init(&q->mutex, &mattr);
+    }
+    MIXER_INIT_STEP(rc, "mutexInitFailed")
     mutexDone = true;
     MIXER_INIT_STEP(pthread_mutex_init(&q->cmdMutex, &mattr), "cmdMutexInitFailed")
     cmdMutexDone = true;
@@ -187,8 +282,7 @@ int DataTrans::Init(const char* name, unsigned numBlk, unsigned blkSize) {
     q->cmd = CMD_NONE;
     q->stopped = 0;
 
-    queue_ = q;
-    mapSize_ = memSize;
+    Adopt(q, *q, memSize);
     for (unsigned i = 0; i < numBlk; ++i) {
         // Cannot fail: the header was just written from valid sizes.
         BlockTail* tail = TailLocked(i);
@@ -241,6 +335,16 @@ int DataTrans::Init(const char* name) {
         close(fd);
         return EFAULT;
     }
+    struct stat st;
+    if (fstat(fd, &st) != 0) {
+        MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=shmStatFailed,name=%s,error=%d:", name, errno);
+        close(fd);
+        return EFAULT;
+    }
+    if (!HeaderFits(copy, static_cast<uint64_t>(st.st_size), name)) {
+        close(fd);
+        return EFAULT;
+    }
     void* base = mmap(nullptr, copy.memSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     close(fd);
     if (base == MAP_FAILED) {
@@ -253,18 +357,37 @@ int DataTrans::Init(const char* name) {
         munmap(base, copy.memSize);
         return EFAULT;
     }
-    queue_ = q;
-    mapSize_ = copy.memSize;
+    // The checked copy, not the live header: the peer may have changed it since.
+    Adopt(q, copy, copy.memSize);
     name_ = name;
     MIXER_LOG_D("Mixer_DataTrans:Init:DataTrans %s Opened:", name);
     return 0;
 }
 
+void DataTrans::Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSize) {
+    queue_ = q;
+    mapSize_ = mapSize;
+    numBlk_ = geometry.numBlk;
+    blkSize_ = geometry.blkSize;
+    userBlkSize_ = geometry.userBlkSize;
+}
+
+void DataTrans::SetLockWaitMs(unsigned ms) { lockWaitMs_ = ms; }
+
 bool DataTrans::DeInit() {
     StreamQueue* q = queue_;
     if (q == nullptr) return true;
-    Lock(&q->mutex);
-    if (q->hangUp) {
+    if (Acquire(&q->mutex, "DeInit") != 0) {
+        // The peer holds the lock and does not let go (stopped, or dead without robust
+        // locks): close without it. The locks are left alone, someone holds one.
+        if (LoadRelaxed(q->hangUp)) {
+            if (!name_.empty()) shm_unlink(name_.c_str());
+            MIXER_LOG_W("Mixer_DataTrans:DeInit:lock busy, DataTrans Closed & unlinked:");
+        } else {
+            HangUpLocked();
+            MIXER_LOG_W("Mixer_DataTrans:DeInit:lock busy, DataTrans Hangup & Closed:");
+        }
+    } else if (q->hangUp) {
         // The peer has gone already: this is the last user.
         Unlock(&q->mutex);
         pthread_mutex_destroy(&q->mutex);
@@ -279,6 +402,7 @@ bool DataTrans::DeInit() {
     munmap(q, mapSize_);
     queue_ = nullptr;
     mapSize_ = 0;
+    numBlk_ = blkSize_ = userBlkSize_ = 0;
     return true;
 }
 
@@ -294,10 +418,50 @@ void DataTrans::HangUpLocked() {
 void DataTrans::HangUpPeer() {
     StreamQueue* q = queue_;
     if (q == nullptr) return;
-    Lock(&q->mutex);
+    const bool held = Acquire(&q->mutex, "HangUpPeer") == 0;
     HangUpLocked();
-    Unlock(&q->mutex);
+    if (held) Unlock(&q->mutex);
     MIXER_LOG_I("Mixer_DataTrans:HangUpPeer:%s:", name_.c_str());
+}
+
+int DataTrans::Acquire(pthread_mutex_t* m, const char* op) {
+    int rc;
+    if (lockWaitMs_ == deadline::kForever) {
+        rc = pthread_mutex_lock(m);
+    } else {
+        // A free lock is taken without reading a clock: the bound costs nothing then.
+        rc = pthread_mutex_trylock(m);
+        if (rc == EBUSY) rc = LockWithin(m, lockWaitMs_);
+        if (rc == ETIMEDOUT) rc = EBUSY;
+    }
+    if (rc == EOWNERDEAD) {
+        OwnerDied(m);
+        return 0;
+    }
+    if (rc == EBUSY)
+        MIXER_LOG_D("Mixer_DataTrans:%s:reason=LockBusy,name=%s:", op, name_.c_str());
+    else if (rc != 0)
+        MIXER_LOG_E("Mixer_DataTrans:%s:reason=LockFailed,name=%s,error=%d:", op, name_.c_str(), rc);
+    return rc;
+}
+
+int DataTrans::WaitOn(pthread_cond_t* cond, const timespec* deadline) {
+    StreamQueue* q = queue_;
+    int rc = deadline == nullptr ? pthread_cond_wait(cond, &q->mutex) : pthread_cond_timedwait(cond, &q->mutex, deadline);
+    if (rc == EOWNERDEAD) {
+        OwnerDied(&q->mutex);
+        rc = 0;  // the caller's loop re-tests and finds the hang-up
+    }
+    return rc;
+}
+
+void DataTrans::OwnerDied(pthread_mutex_t* m) {
+    // The owner died inside the lock: what it guarded may be half-updated, which the
+    // checks of every operation catch. The peer is gone; end the queue as if it had
+    // closed, so the reader drains what is left and then sees EHOSTDOWN.
+    pthread_mutex_consistent(m);
+    MIXER_LOG_E("Mixer_DataTrans:Lock:reason=OwnerDied,name=%s:", name_.c_str());
+    HangUpLocked();
 }
 
 bool DataTrans::IsHungUp() {
@@ -308,8 +472,7 @@ bool DataTrans::IsHungUp() {
 
 bool DataTrans::IsStopped() {
     StreamQueue* q = queue_;
-    if (q == nullptr) return true;
-    Lock(&q->mutex);
+    if (q == nullptr || Acquire(&q->mutex, "IsStopped") != 0) return true;
     const bool stopped = q->stopped != 0;
     Unlock(&q->mutex);
     return stopped;
@@ -350,7 +513,11 @@ bool DataTrans::BeginBlockWait(const char* op, const char* enterTag, unsigned ti
         }
         deadline = deadline::AfterMs(now, timeoutMs);
     }
-    Lock(&q->mutex);
+    const int rc = Acquire(&q->mutex, op);
+    if (rc != 0) {
+        err = rc;
+        return false;
+    }
     LogStatus(enterTag);
     return true;
 }
@@ -370,9 +537,9 @@ char* DataTrans::GetWriteBuffLocked(int& err, unsigned timeoutMs, const timespec
         if (timeoutMs == 0)
             err = EAGAIN;
         else if (timeoutMs == deadline::kForever)
-            err = pthread_cond_wait(&q->condSpaceAvail, &q->mutex);
+            err = WaitOn(&q->condSpaceAvail, nullptr);
         else
-            err = pthread_cond_timedwait(&q->condSpaceAvail, &q->mutex, &deadline);
+            err = WaitOn(&q->condSpaceAvail, &deadline);
         if (err != 0) {
             LogStatus("GetWriteBuff-CondWait-Err");
             Unlock(&q->mutex);
@@ -394,9 +561,13 @@ char* DataTrans::GetWriteBuffLocked(int& err, unsigned timeoutMs, const timespec
         err = EAGAIN;
         return nullptr;
     }
-    char* result = PosToPtr(q, q->writePos);
-    if (result != nullptr) {
-        BlockTail* tail = TailLocked(q->writePos);
+    // Read once: a position is checked (by PosToPtr) and used as the same value.
+    const uint32_t pos = q->writePos;
+    char* result = PosToPtr(q, pos);
+    if (result == nullptr) {
+        err = EFAULT;  // logged: a position outside the queue
+    } else {
+        BlockTail* tail = TailLocked(pos);
         if (tail == nullptr) {
             err = EFAULT;
             result = nullptr;
@@ -410,10 +581,10 @@ char* DataTrans::GetWriteBuffLocked(int& err, unsigned timeoutMs, const timespec
             tail->state = BLK_WRITING;
             const uint32_t nowFree = q->numFree - 1;
             StoreRelaxed(q->numFree, nowFree);
-            if (nowFree > q->numBlk) {
+            if (nowFree > numBlk_) {
                 // The decrement and the tail's state stay as they are.
                 MIXER_LOG_E("Mixer_DataTrans:GetWriteBuff:Free %d > %d:", static_cast<int>(nowFree),
-                            static_cast<int>(q->numBlk));
+                            static_cast<int>(numBlk_));
                 err = EFAULT;
                 result = nullptr;
             }
@@ -430,7 +601,7 @@ bool DataTrans::CommitWriteBuff(unsigned len, char* bufId) {
         MIXER_LOG_E("Mixer_DataTrans:CommitWriteBuff:reason=nullHandle:");
         return false;
     }
-    Lock(&q->mutex);
+    if (Acquire(&q->mutex, "CommitWriteBuff") != 0) return false;
     LogStatus("CommitWriteBuff-Enter");
     const bool ok = CommitWriteBuffLocked(len, bufId);
     LogStatus("CommitWriteBuff-Exit");
@@ -448,7 +619,8 @@ bool DataTrans::CommitWriteBuffLocked(unsigned len, char* bufId) {
         MIXER_LOG_E("Mixer_DataTrans:CommitWriteBuff:reason=queueAlreadyHungUp:");
         return false;
     }
-    BlockTail* tail = TailLocked(q->writePos);
+    const uint32_t pos = q->writePos;
+    BlockTail* tail = TailLocked(pos);
     if (tail == nullptr) return false;
     if (tail->check != BLOCK_CHECK || tail->state != BLK_WRITING) {
         MIXER_LOG_E("Mixer_DataTrans:CommitWriteBuff:check %x state %d:", tail->check,
@@ -463,12 +635,12 @@ bool DataTrans::CommitWriteBuffLocked(unsigned len, char* bufId) {
         strncpy(tail->bufId, bufId, sizeof(tail->bufId) - 1);
         tail->bufId[sizeof(tail->bufId) - 1] = '\0';
     }
-    q->writePos = (q->writePos + 1 >= q->numBlk) ? 0 : q->writePos + 1;
+    q->writePos = (pos + 1 >= numBlk_) ? 0 : pos + 1;
     const uint32_t nowReady = q->numReady + 1;
     StoreRelaxed(q->numReady, nowReady);
-    if (nowReady > q->numBlk) {
+    if (nowReady > numBlk_) {
         MIXER_LOG_E("Mixer_DataTrans:CommitWriteBuff:Ready %d > %d:", static_cast<int>(nowReady),
-                    static_cast<int>(q->numBlk));
+                    static_cast<int>(numBlk_));
         return false;
     }
     return true;
@@ -490,9 +662,9 @@ char* DataTrans::GetReadBuffLocked(int& err, unsigned& len, unsigned timeoutMs, 
         if (timeoutMs == 0)
             err = EAGAIN;
         else if (timeoutMs == deadline::kForever)
-            err = pthread_cond_wait(&q->condDataAvail, &q->mutex);
+            err = WaitOn(&q->condDataAvail, nullptr);
         else
-            err = pthread_cond_timedwait(&q->condDataAvail, &q->mutex, &deadline);
+            err = WaitOn(&q->condDataAvail, &deadline);
         if (err != 0) {
             LogStatus("GetReadBuff-CondWait-Err");
             Unlock(&q->mutex);
@@ -509,23 +681,25 @@ char* DataTrans::GetReadBuffLocked(int& err, unsigned& len, unsigned timeoutMs, 
         return nullptr;
     }
     char* result = nullptr;
-    BlockTail* tail = TailLocked(q->readPos);
-    char* data = tail != nullptr ? PosToPtr(q, q->readPos) : nullptr;
+    const uint32_t pos = q->readPos;
+    BlockTail* tail = TailLocked(pos);
+    char* data = tail != nullptr ? PosToPtr(q, pos) : nullptr;
+    // Read once: the length handed out is the one checked.
+    const uint32_t length = tail != nullptr ? tail->length : 0;
     if (data == nullptr) {
         err = EFAULT;
     } else if (tail->check != BLOCK_CHECK || tail->state != BLK_READY) {
         MIXER_LOG_E("Mixer_DataTrans:GetReadBuff:check %x state %d:", tail->check, static_cast<int>(tail->state));
         ResetTail(tail, false);
         err = EFAULT;
-    } else if (tail->length > q->userBlkSize ||
-               static_cast<uint64_t>(data - reinterpret_cast<char*>(q)) + tail->length > mapSize_) {
-        // A length beyond the block would send the reader outside it (or the mapping).
-        MIXER_LOG_E("Mixer_DataTrans:GetReadBuff:length %u > %u:", tail->length, q->userBlkSize);
+    } else if (length > userBlkSize_) {
+        // A length beyond the block would send the reader outside it.
+        MIXER_LOG_E("Mixer_DataTrans:GetReadBuff:length %u > %u:", length, userBlkSize_);
         ResetTail(tail, false);
         err = EFAULT;
     } else {
         tail->state = BLK_READING;
-        len = tail->length;
+        len = length;
         if (bufId != nullptr) {
             // The tail may lack its terminator; the copy never reads past the field.
             *bufId = strndup(tail->bufId, sizeof(tail->bufId));
@@ -534,10 +708,10 @@ char* DataTrans::GetReadBuffLocked(int& err, unsigned& len, unsigned timeoutMs, 
         result = data;
         const uint32_t nowReady = q->numReady - 1;
         StoreRelaxed(q->numReady, nowReady);
-        if (nowReady > q->numBlk) {
+        if (nowReady > numBlk_) {
             // Kept so: the message prints numFree, not numReady.
             MIXER_LOG_E("Mixer_DataTrans:GetReadBuff:Ready %d > %d:", static_cast<int>(q->numFree),
-                        static_cast<int>(q->numBlk));
+                        static_cast<int>(numBlk_));
             err = EFAULT;
             result = nullptr;
             if (bufId != nullptr) {
@@ -552,14 +726,22 @@ char* DataTrans::GetReadBuffLocked(int& err, unsigned& len, unsigned timeoutMs, 
 }
 
 bool DataTrans::ReleaseReadBuff() {
+    int err;
+    return ReleaseReadBuff(err);
+}
+
+bool DataTrans::ReleaseReadBuff(int& err) {
     StreamQueue* q = queue_;
     if (q == nullptr) {
         MIXER_LOG_E("Mixer_DataTrans:ReleaseReadBuff:reason=nullHandle:");
+        err = ENOENT;
         return false;
     }
-    Lock(&q->mutex);
+    err = Acquire(&q->mutex, "ReleaseReadBuff");
+    if (err != 0) return false;
     LogStatus("ReleaseReadBuff-Enter");
     const bool ok = ReleaseReadBuffLocked();
+    if (!ok) err = EFAULT;
     LogStatus("ReleaseReadBuff-Exit");
     Unlock(&q->mutex);
     // After the unlock for the same reason as in CommitWriteBuff.
@@ -569,7 +751,8 @@ bool DataTrans::ReleaseReadBuff() {
 
 bool DataTrans::ReleaseReadBuffLocked() {
     StreamQueue* q = queue_;
-    BlockTail* tail = TailLocked(q->readPos);
+    const uint32_t pos = q->readPos;
+    BlockTail* tail = TailLocked(pos);
     if (tail == nullptr) return false;
     if (tail->check != BLOCK_CHECK || tail->state != BLK_READING) {
         // readPos and numFree stay: the block is out of circulation until a Flush.
@@ -579,12 +762,12 @@ bool DataTrans::ReleaseReadBuffLocked() {
         return false;
     }
     tail->state = BLK_FREE;
-    q->readPos = (q->readPos + 1 >= q->numBlk) ? 0 : q->readPos + 1;
+    q->readPos = (pos + 1 >= numBlk_) ? 0 : pos + 1;
     const uint32_t nowFree = q->numFree + 1;
-    if (nowFree > q->numBlk) {
+    if (nowFree > numBlk_) {
         MIXER_LOG_E("Mixer_DataTrans:ReleaseReadBuff:Free %d > %d:", static_cast<int>(nowFree),
-                    static_cast<int>(q->numBlk));
-        StoreRelaxed(q->numFree, q->numBlk);
+                    static_cast<int>(numBlk_));
+        StoreRelaxed(q->numFree, numBlk_);
         return false;
     }
     StoreRelaxed(q->numFree, nowFree);
@@ -605,20 +788,13 @@ unsigned DataTrans::GetNumBlkReady() {
     return q == nullptr ? 0 : LoadRelaxed(q->numReady);
 }
 
-unsigned DataTrans::GetNumBlk() {
-    const StreamQueue* q = queue_;
-    return q == nullptr ? 0 : q->numBlk;
-}
+unsigned DataTrans::GetNumBlk() { return numBlk_; }
 
-unsigned DataTrans::GetUserBlkSize() {
-    const StreamQueue* q = queue_;
-    return q == nullptr ? 0 : q->userBlkSize;
-}
+unsigned DataTrans::GetUserBlkSize() { return userBlkSize_; }
 
 unsigned DataTrans::AddCount(unsigned n) {
     StreamQueue* q = queue_;
-    if (q == nullptr) return 0;
-    Lock(&q->mutex);
+    if (q == nullptr || Acquire(&q->mutex, "AddCount") != 0) return 0;
     q->count += n;
     const unsigned now = q->count;
     Unlock(&q->mutex);
@@ -627,8 +803,7 @@ unsigned DataTrans::AddCount(unsigned n) {
 
 unsigned DataTrans::SubCount(unsigned n) {
     StreamQueue* q = queue_;
-    if (q == nullptr) return 0;
-    Lock(&q->mutex);
+    if (q == nullptr || Acquire(&q->mutex, "SubCount") != 0) return 0;
     q->count = n < q->count ? q->count - n : 0;
     const unsigned now = q->count;
     Unlock(&q->mutex);
@@ -637,16 +812,14 @@ unsigned DataTrans::SubCount(unsigned n) {
 
 void DataTrans::Stop() {
     StreamQueue* q = queue_;
-    if (q == nullptr) return;
-    Lock(&q->mutex);
+    if (q == nullptr || Acquire(&q->mutex, "Stop") != 0) return;
     q->stopped = 1;
     Unlock(&q->mutex);
 }
 
 void DataTrans::Resume() {
     StreamQueue* q = queue_;
-    if (q == nullptr) return;
-    Lock(&q->mutex);
+    if (q == nullptr || Acquire(&q->mutex, "Resume") != 0) return;
     q->stopped = 0;
     Unlock(&q->mutex);
 }
@@ -661,8 +834,11 @@ void DataTrans::SetCmd(tInOutCmd cmd) {
         return;
     }
     // cmdMutex for the whole call: concurrent senders of this process take turns.
-    Lock(&q->cmdMutex);
-    Lock(&q->mutex);
+    if (Acquire(&q->cmdMutex, "SetCmd") != 0) return;
+    if (Acquire(&q->mutex, "SetCmd") != 0) {
+        Unlock(&q->cmdMutex);
+        return;
+    }
     if (q->cmd != CMD_NONE) MIXER_LOG_W("Mixer_DataTrans:SetCmd:erasing cmd %d:", static_cast<int>(q->cmd));
     q->cmd = cmd;
     MIXER_LOG_I("Mixer_DataTrans:SetCmd:New cmd %d:", static_cast<int>(cmd));
@@ -672,7 +848,7 @@ void DataTrans::SetCmd(tInOutCmd cmd) {
     } else {
         const timespec deadline = deadline::AfterOneAndHalfSeconds(now);
         while (q->cmd != CMD_NONE) {
-            const int rc = pthread_cond_timedwait(&q->cmdExecutedCond, &q->mutex, &deadline);
+            const int rc = WaitOn(&q->cmdExecutedCond, &deadline);
             if (rc != 0) {
                 // The command stays posted and may still be executed later.
                 MIXER_LOG_E("def:Mixer_DataTrans:SetCmd:cond wait error, cmd = %d, status = %d",
@@ -687,8 +863,7 @@ void DataTrans::SetCmd(tInOutCmd cmd) {
 
 tInOutCmd DataTrans::GetCmd() {
     StreamQueue* q = queue_;
-    if (q == nullptr) return CMD_NONE;
-    Lock(&q->mutex);
+    if (q == nullptr || Acquire(&q->mutex, "GetCmd") != 0) return CMD_NONE;
     const tInOutCmd cmd = static_cast<tInOutCmd>(q->cmd);
     Unlock(&q->mutex);
     return cmd;
@@ -696,8 +871,7 @@ tInOutCmd DataTrans::GetCmd() {
 
 void DataTrans::CmdExecuted(tInOutCmd cmd) {
     StreamQueue* q = queue_;
-    if (q == nullptr) return;
-    Lock(&q->mutex);
+    if (q == nullptr || Acquire(&q->mutex, "CmdExecuted") != 0) return;
     const bool match = q->cmd == cmd;
     MIXER_LOG_I("def:Mixer_DataTrans:CmdExecuted:cmd = %d, signal = %d", static_cast<int>(cmd), match ? 1 : 0);
     if (match) pthread_cond_broadcast(&q->cmdExecutedCond);
@@ -709,14 +883,13 @@ void DataTrans::CmdExecuted(tInOutCmd cmd) {
 
 void DataTrans::Flush() {
     StreamQueue* q = queue_;
-    if (q == nullptr) return;
-    Lock(&q->mutex);
+    if (q == nullptr || Acquire(&q->mutex, "Flush") != 0) return;
     q->writePos = 0;
     q->readPos = 0;
-    StoreRelaxed(q->numFree, q->numBlk);
+    StoreRelaxed(q->numFree, numBlk_);
     StoreRelaxed(q->numReady, 0u);
     q->count = 0;
-    for (unsigned i = 0; i < q->numBlk; ++i) {
+    for (unsigned i = 0; i < numBlk_; ++i) {
         BlockTail* tail = TailLocked(i);
         if (tail == nullptr) break;  // logged; the rest lies outside the object
         ResetTail(tail, true);
@@ -727,7 +900,8 @@ void DataTrans::Flush() {
 int DataTrans::WaitTillUserBufEmpty() {
     StreamQueue* q = queue_;
     if (q == nullptr) return 0;
-    Lock(&q->mutex);
+    const int locked = Acquire(&q->mutex, "WaitTillUserBufEmpty");
+    if (locked != 0) return locked;
     timespec now;
     const int clock = Now(now);
     if (clock != 0) {
@@ -738,11 +912,11 @@ int DataTrans::WaitTillUserBufEmpty() {
     // One deadline for the whole call, not per wake-up.
     const timespec deadline = deadline::AfterOneAndHalfSeconds(now);
     for (;;) {
-        if (q->numFree == q->numBlk) {
+        if (q->numFree == numBlk_) {
             Unlock(&q->mutex);
             return 0;
         }
-        const int rc = pthread_cond_timedwait(&q->condSpaceAvail, &q->mutex, &deadline);
+        const int rc = WaitOn(&q->condSpaceAvail, &deadline);
         if (rc != 0) {
             Unlock(&q->mutex);
             MIXER_LOG_E("Mixer_DataTrans:WaitTillUserBufEmpty:retcode=%d:", rc);
@@ -757,7 +931,7 @@ int DataTrans::GetParam(int32_t StreamQueue::*field, const char* op) {
         MIXER_LOG_W("Mixer_DataTrans:%s:No handle:", op);
         return -1;
     }
-    Lock(&q->mutex);
+    if (Acquire(&q->mutex, op) != 0) return -1;
     const int v = q->*field;
     Unlock(&q->mutex);
     MIXER_LOG_D("Mixer_DataTrans:%s:%d:", op, v);
@@ -766,8 +940,7 @@ int DataTrans::GetParam(int32_t StreamQueue::*field, const char* op) {
 
 void DataTrans::SetParam(int32_t StreamQueue::*field, int value) {
     StreamQueue* q = queue_;
-    if (q == nullptr) return;
-    Lock(&q->mutex);
+    if (q == nullptr || Acquire(&q->mutex, "SetParam") != 0) return;
     q->*field = value;
     Unlock(&q->mutex);
 }

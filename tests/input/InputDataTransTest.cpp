@@ -15,6 +15,7 @@
 
 #include "mixer/transport/DataTransWriter.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/LockingClient.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ShmName.h"
 
@@ -22,6 +23,7 @@ namespace mixer {
 namespace {
 
 using test::ChildProcess;
+using test::LockingClient;
 using test::LogCapture;
 using test::Pipe;
 using test::ShmName;
@@ -325,6 +327,117 @@ TEST(InputDataTransHangUpTest, PausedInputNoticesTheClientHasGone) {
     w.Close();
     EXPECT_FALSE(input.Process());
     EXPECT_EQ(input.state, STATE_HANGUP);
+}
+
+// A client process that stops or dies while it holds its queue's lock: the input never
+// waits longer than its lock bound, and gives the client up as a hung-up client (robust
+// locks) or after half a second of busy periods. The holder is a forked client thread
+// that takes the queue's lock on request.
+class InputDataTransLockTest : public ::testing::Test {
+protected:
+    // The client creates the queue and commits blocks; it is the only writer end, so
+    // that its death leaves no writer behind.
+    void Open(unsigned blkSize, const std::vector<std::vector<char> >& blocks) {
+        LockingClient::Options o;
+        o.create = true;
+        o.numBlk = 2;
+        o.blkSize = blkSize;
+        for (const std::vector<char>& b : blocks) o.blocks.emplace_back(b.begin(), b.end());
+        holder.reset(new LockingClient(name.str(), o));
+        ASSERT_TRUE(holder->Ready());
+        queue.reset(new DataTrans());
+        ASSERT_EQ(queue->Init(name.c_str()), 0);
+        input.reset(new InputDataTrans(queue, 48000, 2, 2, "music"));
+    }
+    static std::string FrameBytes(const boost::shared_ptr<AudioFrame>& f) { return std::string(f->data, f->size); }
+
+    ShmName name;
+    std::unique_ptr<LockingClient> holder;
+    boost::shared_ptr<DataTrans> queue;
+    std::unique_ptr<InputDataTrans> input;
+};
+
+TEST_F(InputDataTransLockTest, ClientKilledInsideTheLockEndsTheInput) {
+    const std::vector<char> audio = Pattern(kFrame, 1);
+    ASSERT_NO_FATAL_FAILURE(Open(kFrame, {audio}));
+    ASSERT_TRUE(holder->Lock());
+    holder->Kill();
+    LogCapture log;
+    if (test::RobustLocksAvailable()) {
+        // The dead client's lock is repaired and its queue hung up: the queued frame
+        // plays, then the input ends as for a client that closed.
+        boost::shared_ptr<AudioFrame> f = input->Process();
+        ASSERT_TRUE(f);
+        EXPECT_EQ(FrameBytes(f), std::string(audio.begin(), audio.end()));
+        EXPECT_FALSE(input->Process());
+        EXPECT_EQ(input->state, STATE_HANGUP);
+        EXPECT_TRUE(log.Has("E Mixer_DataTrans:Lock:reason=OwnerDied,name=" + name.str() + ":"));
+        EXPECT_TRUE(log.Has("I Mixer_InputDataTrans:Process:EHOSTDOWN Last Frame:"));
+    } else {
+        // Without robust locks (qemu-user) the lock stays taken for good: each period
+        // costs the bound and yields nothing until the input gives the client up.
+        for (unsigned i = 1; i < InputDataTrans::kMaxBusyPeriods; ++i) {
+            ASSERT_FALSE(input->Process()) << i;
+            ASSERT_EQ(input->state, STATE_ACTIVE) << i;
+        }
+        EXPECT_FALSE(input->Process());
+        EXPECT_EQ(input->state, STATE_FAULT);
+        EXPECT_TRUE(log.Has("E Mixer_InputDataTrans:Process:queue lock held for 500 ms, input faulted:"));
+    }
+}
+
+TEST_F(InputDataTransLockTest, ClientStoppedHoldingTheLockFaultsTheInputAfterHalfASecond) {
+    ASSERT_NO_FATAL_FAILURE(Open(kFrame, {Pattern(kFrame, 1)}));
+    input->Drain();
+    ASSERT_TRUE(holder->Lock());
+    ASSERT_TRUE(holder->Stop());
+    LogCapture log;
+    // A busy period is neither an empty queue (the drain does not end, no gap is
+    // counted) nor a failure yet.
+    for (unsigned i = 1; i < InputDataTrans::kMaxBusyPeriods; ++i) {
+        ASSERT_FALSE(input->Process()) << i;
+        ASSERT_EQ(input->state, STATE_DRAINING) << i;
+        ASSERT_EQ(input->eagainCount, 0u) << i;
+    }
+    EXPECT_EQ(log.CountPrefix("E "), 0) << log.Dump();
+    EXPECT_FALSE(input->Process());
+    EXPECT_EQ(input->state, STATE_FAULT);
+    EXPECT_EQ(log.Count("E Mixer_InputDataTrans:Process:queue lock held for 500 ms, input faulted:"), 1);
+    EXPECT_EQ(input->GetCmd(), CMD_NONE);
+    EXPECT_FALSE(input->Process());
+    EXPECT_EQ(input->state, STATE_FAULT);  // final
+
+    ASSERT_TRUE(holder->Continue());
+    ASSERT_TRUE(holder->Unlock());
+    EXPECT_EQ(holder->Finish(), 0);
+}
+
+TEST_F(InputDataTransLockTest, ReleaseThatMetABusyLockIsRetriedAndTheBlockIsNotLost) {
+    const std::vector<char> av = Pattern(kFrame + 1000, 1), bv = Pattern(kFrame, 2);
+    const std::string a(av.begin(), av.end()), b(bv.begin(), bv.end());
+    ASSERT_NO_FATAL_FAILURE(Open(kFrame + 1000, {av, bv}));
+    LogCapture log;
+    boost::shared_ptr<AudioFrame> f = input->Process();
+    ASSERT_TRUE(f);
+    EXPECT_EQ(FrameBytes(f), a.substr(0, kFrame));
+
+    // The rest of the held block needs no lock; its release does, and meets the client.
+    ASSERT_TRUE(holder->Lock());
+    f = input->Process();
+    ASSERT_TRUE(f);
+    EXPECT_EQ(FrameBytes(f), a.substr(kFrame) + std::string(kFrame - 1000, '\0'));
+    EXPECT_TRUE(input->releasePending);
+    EXPECT_EQ(queue->GetNumBlkFree(), 0u);  // still the input's
+
+    ASSERT_TRUE(holder->Unlock());
+    f = input->Process();
+    ASSERT_TRUE(f);
+    EXPECT_EQ(FrameBytes(f), b);
+    EXPECT_FALSE(input->releasePending);
+    EXPECT_EQ(queue->GetNumBlkFree(), 2u);  // both given back, neither lost
+    EXPECT_EQ(input->state, STATE_ACTIVE);
+    EXPECT_EQ(log.CountPrefix("E "), 0) << log.Dump();
+    EXPECT_EQ(holder->Finish(), 0);
 }
 
 }  // namespace

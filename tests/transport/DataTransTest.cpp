@@ -2,6 +2,7 @@
 // raw mapping through which a test reads or damages the shared header as a peer could.
 #include "mixer/transport/DataTrans.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -12,8 +13,12 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include "mixer/core/Log.h"
 #include "mixer/transport/Deadline.h"
@@ -46,8 +51,10 @@ public:
     StreamQueue* q() { return reinterpret_cast<StreamQueue*>(base_); }
     char* base() { return base_; }
     size_t size() const { return size_; }
-    BlockTail* tail(unsigned i) {
-        return reinterpret_cast<BlockTail*>(base_ + kHdr + (i + 1) * q()->blkSize - sizeof(BlockTail));
+    BlockTail* tail(unsigned i) { return tail(i, q()->blkSize); }
+    // With the stride given, for a header whose own may have been damaged.
+    BlockTail* tail(unsigned i, uint32_t blkSize) {
+        return reinterpret_cast<BlockTail*>(base_ + kHdr + (i + 1) * blkSize - sizeof(BlockTail));
     }
 
 private:
@@ -188,6 +195,131 @@ TEST(DataTransTest, OpeningRefusesMissingAndTruncatedObjects) {
                         ",100<" + std::to_string(kHdr) + ":"));
     EXPECT_TRUE(dt.IsHungUp());
     EXPECT_EQ(dt.GetNumBlk(), 0u);
+}
+
+// Mappings of the object and open descriptors of this process, to see that a refused
+// opening leaves none behind.
+int MappingsOf(const ShmName& name) {
+    std::ifstream maps("/proc/self/maps");
+    int n = 0;
+    for (std::string line; std::getline(maps, line);)
+        if (line.find("/dev/shm" + name.str()) != std::string::npos) ++n;
+    return n;
+}
+int OpenDescriptors() {
+    DIR* d = opendir("/proc/self/fd");
+    int n = 0;
+    while (readdir(d) != nullptr) ++n;
+    closedir(d);
+    return n;
+}
+
+TEST(DataTransTest, CorruptHeaderIsRefused) {
+    ShmName name;
+    DataTrans creator;
+    ASSERT_EQ(creator.Init(name.c_str(), 4, 64), 0);  // userBlkSize 64, stride 232
+    const uint32_t memSize = kHdr + 4 * 232;
+    RawMap raw(name);
+    StreamQueue* q = raw.q();
+    const std::string n = name.str();
+    const std::string size = std::to_string(memSize);
+    struct Case {
+        const char* what;
+        std::function<void()> damage;
+        std::string line;
+    };
+    const Case cases[] = {
+        {"no blocks", [&] { q->numBlk = 0; }, "reason=noBlocks,name=" + n + ",numBlk=0:"},
+        {"unaligned data size", [&] { q->userBlkSize = 60; },
+         "reason=userBlkSizeUnaligned,name=" + n + ",userBlkSize=60:"},
+        {"stride without its tail", [&] { q->blkSize = 64; },
+         "reason=blkSizeMismatch,name=" + n + ",blkSize=64,userBlkSize=64:"},
+        {"one block more than the size", [&] { q->numBlk = 5; },
+         "reason=memSizeMismatch,name=" + n + ",memSize=" + size + ",numBlk=5,blkSize=232:"},
+        // 232 * 2^29 is 29 * 2^32: in 32 bits this block count gives back the true size.
+        {"block count that wraps to the size", [&] { q->numBlk = 4 + (1u << 29); },
+         "reason=memSizeMismatch,name=" + n + ",memSize=" + size + ",numBlk=536870916,blkSize=232:"},
+        {"object shorter than its header says",
+         [&] { ASSERT_EQ(truncate(("/dev/shm" + n).c_str(), memSize - 1), 0); },
+         "reason=objectTooSmall,name=" + n + ",size=" + std::to_string(memSize - 1) + ",memSize=" + size + ":"},
+        {"write position", [&] { q->writePos = 4; },
+         "reason=positionOutOfRange,name=" + n + ",writePos=4,readPos=0,numBlk=4:"},
+        {"read position", [&] { q->readPos = 0xFFFFFFFFu; },
+         "reason=positionOutOfRange,name=" + n + ",writePos=0,readPos=4294967295,numBlk=4:"},
+        {"free count", [&] { q->numFree = 5; },
+         "reason=counterOutOfRange,name=" + n + ",numFree=5,numReady=0,numBlk=4:"},
+        {"ready count", [&] { q->numReady = 9; },
+         "reason=counterOutOfRange,name=" + n + ",numFree=4,numReady=9,numBlk=4:"},
+    };
+    const int mapsBefore = MappingsOf(name);
+    const int fdsBefore = OpenDescriptors();
+    char saved[kHdr];
+    memcpy(saved, raw.base(), kHdr);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_NO_FATAL_FAILURE(c.damage());
+        LogCapture log;
+        DataTrans opener;
+        EXPECT_EQ(opener.Init(name.c_str()), EFAULT);
+        EXPECT_EQ(log.Lines(), std::vector<std::string>{"E Mixer_DataTrans:InitFailed:" + c.line});
+        EXPECT_TRUE(opener.IsHungUp());  // not open
+        EXPECT_EQ(opener.GetNumBlk(), 0u);
+        EXPECT_EQ(MappingsOf(name), mapsBefore);
+        EXPECT_EQ(OpenDescriptors(), fdsBefore);
+        memcpy(raw.base(), saved, kHdr);
+        ASSERT_EQ(truncate(("/dev/shm" + n).c_str(), memSize), 0);
+    }
+    // The repaired header opens.
+    DataTrans opener;
+    EXPECT_EQ(opener.Init(name.c_str()), 0);
+    EXPECT_EQ(opener.GetNumBlk(), 4u);
+}
+
+TEST_F(DataTransPairTest, HeaderRewrittenAfterOpeningNeverLeadsOutsideTheMapping) {
+    ASSERT_NO_FATAL_FAILURE(Open(4, 64));
+    RawMap raw(name);
+    LogCapture log;
+    int err;
+    unsigned len;
+    ASSERT_TRUE(WriteBlock(writer, 16));
+    memset(raw.base() + kHdr, 0x5A, 16);
+
+    // Sizes that would put block 0 anywhere: the geometry checked at opening still holds.
+    raw.q()->blkSize = 0x7FFFFFF0u;
+    raw.q()->userBlkSize = 0x7FFFFF00u;
+    raw.q()->numBlk = 0xFFFFFFFFu;
+    raw.q()->memSize = 0xFFFFFFFFu;
+    EXPECT_EQ(reader.GetNumBlk(), 4u);
+    EXPECT_EQ(reader.GetUserBlkSize(), 64u);
+    char* p = reader.GetReadBuff(err, len, 0, nullptr);
+    ASSERT_NE(p, nullptr) << err;
+    EXPECT_EQ(len, 16u);
+    EXPECT_EQ(std::string(p, 16), std::string(16, '\x5A'));
+    EXPECT_TRUE(reader.ReleaseReadBuff());
+    EXPECT_EQ(raw.q()->readPos, 1u);  // wrapped by the checked block count, not the header's
+    reader.Flush();                   // resets the 4 real tails only
+    EXPECT_EQ(raw.q()->numFree, 4u);
+
+    // A position whose byte offset wraps in 32 bits to block 0 (232 * 2^29 = 29 * 2^32).
+    ASSERT_TRUE(WriteBlock(writer, 8));
+    raw.q()->readPos = 1u << 29;
+    EXPECT_EQ(reader.GetReadBuff(err, len, 0, nullptr), nullptr);
+    EXPECT_EQ(err, EFAULT);
+    EXPECT_EQ(log.CountPrefix("E Mixer_DataTrans:TailPosToPtr:pos "), 1);
+    raw.q()->readPos = 0xFFFFFFFFu;
+    EXPECT_EQ(reader.GetReadBuff(err, len, 0, nullptr), nullptr);
+    EXPECT_EQ(err, EFAULT);
+    raw.q()->writePos = 1u << 29;
+    EXPECT_EQ(writer.GetWriteBuff(err, 0), nullptr);
+    EXPECT_EQ(err, EFAULT);
+    EXPECT_EQ(log.CountPrefix("E Mixer_DataTrans:PosToPtr:pos "), 1);
+
+    // A committed length beyond the block, rewritten after the commit.
+    raw.q()->readPos = 0;
+    raw.tail(0, 232)->length = 64 + 168;
+    EXPECT_EQ(reader.GetReadBuff(err, len, 0, nullptr), nullptr);
+    EXPECT_EQ(err, EFAULT);
+    EXPECT_TRUE(log.Has("E Mixer_DataTrans:GetReadBuff:length 232 > 64:"));
 }
 
 TEST(DataTransTest, ClosedQueueRefusesEveryOperation) {
