@@ -5,6 +5,7 @@
 #   2. a cross build for 32-bit ARM (armhf) whose tests run under qemu-arm, with the
 #      portable kernels, then its algorithm suite again with the NEON kernels;
 #   3. ThreadSanitizer over the threaded suites.
+#   4. the libFuzzer targets of fuzz/, built with clang, a minute each (scripts/fuzz.sh).
 # Run from anywhere, as root, on Debian bookworm.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -44,5 +45,7 @@ cmake --build build/armhf-neon -j "$jobs" --target test_algo
 (cd build/armhf-neon && ctest -R '^(MixKernels|Algo)' --output-on-failure -j "$jobs" --timeout 600)
 run_suite "native tsan" build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMIXER_SANITIZE=thread \
   -DMIXER_BUILD_BENCH=OFF
+
+scripts/fuzz.sh 60
 
 echo "=== all suites passed"
