@@ -27,9 +27,10 @@ const useconds_t kRetryPauseUs = 5000;
 
 bool IsRegularFile(const struct dirent* ent) {
     if (ent->d_type != DT_UNKNOWN) return ent->d_type == DT_REG;
+    // lstat: a client's symbolic link is not a stream file, and is not followed.
     struct stat st;
     const std::string path = std::string(kStreamDir) + "/" + ent->d_name;
-    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+    return lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
 }  // namespace

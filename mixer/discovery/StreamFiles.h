@@ -28,7 +28,10 @@ MIXER_API bool UtilCheckDir();
 //   Success: 0; every field is set from the file. Missing lines give empty strings and
 //            zeros; a line over 199 bytes keeps its first 199 and every later line
 //            reads empty or 0. Numbers are not validated (atoi).
-//   Failure: -1 when the file cannot be opened; info is untouched.
+//   Failure: -1 when the file cannot be opened; info is untouched. Only a regular file
+//            named by one plain component is read: a symbolic link, FIFO, device node
+//            or directory, or a name that would lead out of the directory, counts as
+//            one that cannot be opened, so the watcher removes it.
 MIXER_API int UtilReadFile(const std::string& fileName, sStreamInfo& info);
 
 // Writes the file of info.name (a leading "/" in the name is not doubled), truncating
@@ -36,7 +39,8 @@ MIXER_API int UtilReadFile(const std::string& fileName, sStreamInfo& info);
 // file cannot be opened (nothing is logged).
 MIXER_API int UtilWriteFile(const sStreamInfo& info);
 
-// Deletes the file of that name in the stream directory; a failure is ignored.
+// Deletes the file of that name in the stream directory (a symbolic link itself, not
+// its target); a failure, or a name that would lead out of the directory, is ignored.
 MIXER_API void UtilRemoveFile(const std::string& fileName);
 
 // Creates (or truncates) the empty ping file; its close is what the watcher answers.

@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <fstream>
+#include <functional>
 #include <future>
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -53,18 +55,31 @@ protected:
     void SetUp() override { MIXER_REQUIRE_PRIVATE_RUN(); }
     bool WaitPings(int n) { return host.WaitForCalls("Ping", n, kWait); }
     bool WaitOffers(int n) { return host.WaitForCalls("AddNewStream", n, kWait); }
+    // Writes the file "first" and keeps the watcher inside its offer until the returned
+    // promise is set: whatever the test does meanwhile queues up behind it.
+    std::promise<void> HoldWatcherInFirstOffer() {
+        std::promise<void> release;
+        std::shared_future<void> released = release.get_future().share();
+        host.SetNewStreamHook([released](const std::string&, const sStreamInfo&) { released.wait(); });
+        EXPECT_EQ(0, UtilWriteFile(Info("first")));
+        EXPECT_TRUE(WaitOffers(1));
+        return release;
+    }
     FakeConnect host;
 };
 
 // A client in a process of its own, forked before the test starts any thread: once let
-// go, it writes the description file of name and pings.
+// go, it writes the description file of name (or runs body) and pings.
 class Client {
 public:
     explicit Client(const std::string& name)
-        : child_([this, name] {
+        : Client([name] { return UtilWriteFile(Info(name)) == 0 ? 0 : __LINE__; }) {}
+    explicit Client(const std::function<int()>& body)
+        : child_([this, body] {
               CHILD_CHECK(go_.Receive() == '.');
-              CHILD_CHECK(UtilWriteFile(Info(name)) == 0);
-              UtilPing();  // processed after the file: marks the end of its handling
+              const int rc = body();
+              if (rc != 0) return rc;
+              UtilPing();  // processed after the files: marks the end of their handling
               return 0;
           }) {}
     // Lets the child run and waits for it: 0, or the failing line.
@@ -132,12 +147,7 @@ TEST_F(DiscoveryTest, FileGoneBeforeReadingIsDroppedWithoutOffer) {
     LogCapture log;
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
-    // The watcher stays inside the first offer until released.
-    std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
-    host.SetNewStreamHook([released](const std::string&, const sStreamInfo&) { released.wait(); });
-    ASSERT_EQ(0, UtilWriteFile(Info("first")));
-    ASSERT_TRUE(WaitOffers(1));
+    std::promise<void> release = HoldWatcherInFirstOffer();
     ASSERT_EQ(0, UtilWriteFile(Info("vanishing")));
     ASSERT_EQ(0, unlink((kDir + "/vanishing").c_str()));
     UtilPing();
@@ -260,6 +270,114 @@ TEST_F(DiscoveryTest, InitFailsWithoutDescriptors) {
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
     EXPECT_EQ(0, result);
     EXPECT_TRUE(log.Has("E Mixer_Discovery:Init Failed:inotify_init1 failed:")) << log.Dump();
+}
+
+// Writes content under name in the stream directory, closing it after writing.
+bool WriteRaw(const std::string& name, const std::string& content) {
+    std::ofstream out((kDir + "/" + name).c_str(), std::ios::binary | std::ios::trunc);
+    out << content;
+    out.close();
+    return !out.fail();
+}
+
+// A FIFO under a stream file's name, "closed after writing" as the watcher sees it.
+bool MakeAnnouncedFifo(const std::string& name) {
+    const std::string path = kDir + "/" + name;
+    if (mkfifo(path.c_str(), 0600) != 0) return false;
+    const int fd = open(path.c_str(), O_RDWR | O_NONBLOCK);  // a FIFO's own reader: no wait
+    return fd >= 0 && close(fd) == 0;
+}
+
+TEST_F(DiscoveryTest, JunkAndHugeFilesAreHandledAndTheWatcherKeepsAnswering) {
+    host.SetAddNewStreamResult(-1);
+    Discovery discovery;
+    ASSERT_EQ(1, discovery.Init(&host));
+    ASSERT_TRUE(WriteRaw("junk", std::string("\0\x01\xff\0garbage\0", 12) + std::string(3000, '\x7f')));
+    ASSERT_TRUE(WriteRaw("huge", "huge\nshmQ\n1\n48000\n2\n2\nm\n" + std::string(16 << 20, '\n')));
+    ASSERT_TRUE(WriteRaw("long", std::string(1 << 20, 'L')));
+    ASSERT_TRUE(WriteRaw("short", "sh"));
+    UtilPing();
+    ASSERT_TRUE(WaitPings(1));
+
+    const std::vector<FakeConnect::NewStreamCall> offers = host.NewStreams();
+    ASSERT_EQ(4u, offers.size());
+    EXPECT_EQ("junk", offers[0].fileName);
+    EXPECT_EQ("", offers[0].info.name);
+    EXPECT_EQ("huge", offers[1].info.name);
+    EXPECT_EQ(48000u, offers[1].info.rate);
+    EXPECT_EQ(std::string(199, 'L'), offers[2].info.name);
+    EXPECT_EQ("", offers[2].info.type);
+    EXPECT_EQ("sh", offers[3].info.name);
+    EXPECT_TRUE(DirEntries(kDir).empty());  // refused, so removed
+    UtilPing();
+    EXPECT_TRUE(WaitPings(2));
+}
+
+TEST_F(DiscoveryTest, SymlinkIsRemovedNotFollowed) {
+    const std::string outside = "/run/secret";
+    const std::string secret = "secret\nshmQ\n1\n48000\n2\n2\nkeep out\n";
+    { std::ofstream(outside.c_str()) << secret; }
+    LogCapture log;
+    Discovery discovery;
+    ASSERT_EQ(1, discovery.Init(&host));
+    // While the watcher is held in the first offer, a client writes "evil" and swaps it
+    // for a link to the outside file before the watcher gets to read it.
+    std::promise<void> release = HoldWatcherInFirstOffer();
+    ASSERT_EQ(0, UtilWriteFile(Info("evil")));
+    ASSERT_EQ(0, symlink(outside.c_str(), (kDir + "/evil.tmp").c_str()));
+    ASSERT_EQ(0, rename((kDir + "/evil.tmp").c_str(), (kDir + "/evil").c_str()));
+    UtilPing();
+    release.set_value();
+    ASSERT_TRUE(WaitPings(1));
+
+    EXPECT_EQ(1u, host.NewStreams().size());
+    EXPECT_TRUE(log.Has("E Mixer_Utils:AddStream:Failed to open /var/run/mixer/evil:")) << log.Dump();
+    EXPECT_EQ(std::vector<std::string>{"first"}, DirEntries(kDir));
+    EXPECT_EQ(secret, [&] {
+        std::ifstream in(outside.c_str());
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }());
+}
+
+TEST_F(DiscoveryTest, FifoDoesNotBlockTheWatcher) {
+    LogCapture log;
+    Discovery discovery;
+    ASSERT_EQ(1, discovery.Init(&host));
+    ASSERT_TRUE(MakeAnnouncedFifo("pipe"));
+    UtilPing();
+    ASSERT_TRUE(WaitPings(1)) << log.Dump();
+    EXPECT_TRUE(host.NewStreams().empty());
+    EXPECT_TRUE(log.Has("E Mixer_Utils:AddStream:Failed to open /var/run/mixer/pipe:")) << log.Dump();
+    EXPECT_TRUE(DirEntries(kDir).empty());
+}
+
+TEST_F(DiscoveryTest, FloodOfFilesFromAClientIsEachOfferedOrRemoved) {
+    const int kFiles = 300, kFifos = 30;
+    Client client([] {
+        for (int i = 0; i < kFiles; ++i) {
+            const std::string name = "s" + std::to_string(i);
+            // Every third a junk file, the others proper descriptions.
+            const bool ok = i % 3 == 0 ? WriteRaw(name, std::string(300, static_cast<char>(i)))
+                                       : UtilWriteFile(Info(name)) == 0;
+            CHILD_CHECK(ok);
+        }
+        for (int i = 0; i < kFifos; ++i) CHILD_CHECK(MakeAnnouncedFifo("f" + std::to_string(i)));
+        return 0;
+    });
+    Discovery discovery;
+    ASSERT_EQ(1, discovery.Init(&host));
+    ASSERT_EQ(0, client.Run());
+    ASSERT_TRUE(WaitPings(1));
+
+    std::set<std::string> offered;
+    for (const FakeConnect::NewStreamCall& call : host.NewStreams()) offered.insert(call.fileName);
+    EXPECT_EQ(static_cast<size_t>(kFiles), offered.size());
+    EXPECT_EQ(static_cast<size_t>(kFiles), host.NewStreams().size());
+    // The accepted files stay; every FIFO was refused and removed.
+    const std::vector<std::string> left = DirEntries(kDir);
+    EXPECT_EQ(std::vector<std::string>(offered.begin(), offered.end()), left);
+    UtilPing();
+    EXPECT_TRUE(WaitPings(2));
 }
 
 }  // namespace

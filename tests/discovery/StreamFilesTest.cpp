@@ -2,6 +2,7 @@
 
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -11,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/discovery/PrivateRun.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/LogCapture.h"
 
 namespace mixer {
@@ -221,6 +223,79 @@ TEST_F(StreamFilesTest, PingLeavesAnEmptyFile) {
     { std::ofstream(kDir + "/Ping") << "stale"; }
     UtilPing();  // truncates
     EXPECT_EQ("", ReadAll(kDir + "/Ping"));
+}
+
+// Clients share the directory: what they put there under a stream file's name must not
+// lead the reader elsewhere, stall it or make it read without bound.
+const std::string kOutside = "/run/outside";
+const std::string kOutsideText = "outside\nshmQ\n1\n48000\n2\n2\nsecret\n";
+
+TEST_F(StreamFilesTest, ReadFileRefusesWhatIsNotARegularFileInTheDirectory) {
+    ASSERT_TRUE(UtilCheckDir());
+    { std::ofstream(kOutside.c_str()) << kOutsideText; }
+    ASSERT_EQ(0, symlink(kOutside.c_str(), (kDir + "/link").c_str()));
+    ASSERT_EQ(0, mknod((kDir + "/zero").c_str(), S_IFCHR | 0600, makedev(1, 5)));
+    ASSERT_EQ(0, mkdir((kDir + "/sub").c_str(), 0755));
+    LogCapture log;
+    for (const char* name : {"link", "zero", "sub", "../outside", "", "."}) {
+        sStreamInfo out = Info("keep");
+        EXPECT_EQ(-1, UtilReadFile(name, out)) << name;
+        EXPECT_EQ("keep", out.name) << name;
+        EXPECT_TRUE(log.Has("E Mixer_Utils:AddStream:Failed to open " + kDir + "/" + name + ":")) << log.Dump();
+    }
+    // Removal takes the link, never its target, and nothing outside by a crafted name.
+    UtilRemoveFile("link");
+    UtilRemoveFile("../outside");
+    EXPECT_FALSE(PathExists(kDir + "/link"));
+    EXPECT_EQ(kOutsideText, ReadAll(kOutside));
+}
+
+TEST_F(StreamFilesTest, ReadFileOfAFifoReturnsAtOnce) {
+    ASSERT_TRUE(UtilCheckDir());
+    ASSERT_EQ(0, mkfifo((kDir + "/pipe").c_str(), 0600));
+    // In a child: an open that waited for a writer would never return, and is killed.
+    test::ChildProcess child([] {
+        sStreamInfo out;
+        CHILD_CHECK(UtilReadFile("pipe", out) == -1);
+        return 0;
+    });
+    EXPECT_EQ(0, child.Wait(20000));
+}
+
+TEST_F(StreamFilesTest, ReadFileOfJunkAndHugeFilesKeepsToTheLineRules) {
+    // Binary junk without a line feed: the first line takes 199 bytes (cut at the first
+    // NUL) and fails the stream, so the rest reads empty.
+    std::string junk(4096, '\0');
+    // Bytes 11 to 250: never a line feed.
+    for (size_t i = 0; i < junk.size(); ++i) junk[i] = static_cast<char>(i % 240 + 11);
+    junk[5] = '\0';
+    WriteRaw("junk", junk);
+    sStreamInfo out = Info("keep");
+    ASSERT_EQ(0, UtilReadFile("junk", out));
+    EXPECT_EQ(std::string(junk.c_str()), out.name);
+    EXPECT_EQ("", out.type);
+    EXPECT_EQ(0, out.id);
+    EXPECT_EQ(0u, out.rate);
+    EXPECT_EQ("", out.meta);
+
+    // Seven good lines and then megabytes: the tail changes nothing.
+    WriteRaw("huge", "huge\nshmB\n9\n16000\n1\n2\nlast\n" + std::string(8 << 20, 'z'));
+    ASSERT_EQ(0, UtilReadFile("huge", out));
+    EXPECT_EQ("huge", out.name);
+    EXPECT_EQ("shmB", out.type);
+    EXPECT_EQ(9, out.id);
+    EXPECT_EQ(16000u, out.rate);
+    EXPECT_EQ(1u, out.numCh);
+    EXPECT_EQ(2u, out.sampleSize);
+    EXPECT_EQ("last", out.meta);
+
+    // Seven lines of 199 characters each: the most the reader takes, all of it kept.
+    std::string full;
+    for (char c = 'a'; c < 'a' + 7; ++c) full += std::string(199, c) + "\n";
+    WriteRaw("full", full + "tail");
+    ASSERT_EQ(0, UtilReadFile("full", out));
+    EXPECT_EQ(std::string(199, 'a'), out.name);
+    EXPECT_EQ(std::string(199, 'g'), out.meta);
 }
 
 }  // namespace
