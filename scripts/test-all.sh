@@ -4,8 +4,9 @@
 #      built too, not timed, so that they cannot rot);
 #   2. a cross build for 32-bit ARM (armhf) whose tests run under qemu-arm, with the
 #      portable kernels, then its algorithm suite again with the NEON kernels;
-#   3. ThreadSanitizer over the threaded suites.
-#   4. the libFuzzer targets of fuzz/, built with clang, a minute each (scripts/fuzz.sh).
+#   3. ThreadSanitizer over the threaded suites;
+# and last runs the libFuzzer targets of fuzz/, built with clang, a minute each
+# (scripts/fuzz.sh).
 # Run from anywhere, as root, on Debian bookworm.
 set -euo pipefail
 cd "$(dirname "$0")/.."
