@@ -47,7 +47,6 @@ ClientWatcher::~ClientWatcher() {
     Wake();
     if (thread_.joinable()) thread_.join();
     for (auto& w : watches_) close(w.second.pidfd);
-    for (int fd : closing_) close(fd);
     if (wakeFd_ >= 0) close(wakeFd_);
 }
 
@@ -85,9 +84,10 @@ void ClientWatcher::Unwatch(uint64_t id) {
     std::unique_lock<std::mutex> lock(mutex_);
     std::map<uint64_t, Entry>::iterator it = watches_.find(id);
     if (it != watches_.end()) {
-        // The thread may be polling this descriptor: it is closed there, after the poll,
-        // so that its number cannot be reused under the poll.
-        closing_.push_back(it->second.pidfd);
+        // Closed here, so that the daemon's descriptors are back when the stream is gone.
+        // The thread may still poll the number: whatever it finds there is looked up by
+        // watch, not found, and dropped when the thread rebuilds its set on the wake-up.
+        close(it->second.pidfd);
         watches_.erase(it);
         lock.unlock();
         Wake();
@@ -110,8 +110,6 @@ void ClientWatcher::Run() {
         ids.assign(1, 0);
         {
             std::lock_guard<std::mutex> guard(mutex_);
-            for (int fd : closing_) close(fd);
-            closing_.clear();
             if (stop_) return;
             for (const auto& w : watches_) {
                 fds.push_back(pollfd{w.second.pidfd, POLLIN, 0});

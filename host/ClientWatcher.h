@@ -8,7 +8,6 @@
 #include <map>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 namespace mixer {
 namespace host {
@@ -55,7 +54,6 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable fired_;    // a running action has finished
     std::map<uint64_t, Entry> watches_;  // GUARDED_BY(mutex_)
-    std::vector<int> closing_;           // GUARDED_BY(mutex_): pidfds of ended watches, closed by the thread
     uint64_t nextId_;                    // GUARDED_BY(mutex_)
     uint64_t running_;                   // GUARDED_BY(mutex_): the watch whose action runs, 0 for none
     bool stop_;                          // GUARDED_BY(mutex_)
