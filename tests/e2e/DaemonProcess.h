@@ -13,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -94,15 +96,19 @@ inline bool Exists(const std::string& path) {
     return stat(path.c_str(), &st) == 0;
 }
 
-// Waits (on inotify, with a generous safety limit) until pred() holds; the watch must
-// cover whatever makes it true.
+// Waits (on inotify, with a generous safety limit for the whole wait) until pred()
+// holds; the watch must cover whatever makes it true.
 template <typename Pred>
 bool WaitFor(int inotifyFd, Pred pred, int limitMs = 30000) {
+    const std::chrono::steady_clock::time_point deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
     while (!pred()) {
+        const long long left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                    deadline - std::chrono::steady_clock::now()).count();
         pollfd pfd = {inotifyFd, POLLIN, 0};
-        if (poll(&pfd, 1, limitMs) <= 0) return pred();
+        if (left <= 0 || poll(&pfd, 1, static_cast<int>(left)) <= 0) return pred();
         char buf[4096];
-        if (read(inotifyFd, buf, sizeof(buf)) < 0) return pred();
+        if (read(inotifyFd, buf, sizeof(buf)) < 0 && errno != EAGAIN) return pred();
     }
     return true;
 }

@@ -57,6 +57,12 @@ size_t CountOf(const std::string& text, const std::string& what) {
     return n;
 }
 
+std::string Joined(const std::set<std::string>& names) {
+    std::string text;
+    for (const std::string& n : names) text += (text.empty() ? "" : " ") + n;
+    return text;
+}
+
 long VmRssKb(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(in, line);)
@@ -299,7 +305,7 @@ TEST_F(SoakTest, TheReferencePlaysOnAndNothingLeaksWhileClientsAreKilledAndStopp
         const std::string text = Slurp(log);
         return CountOf(text, "Event:MixerStreamRemoved ") + 1 == CountOf(text, "Event:MixerStreamAdded ") &&
                test::DirNames(kStreamDir) == std::set<std::string>{"reference"};
-    })) << "left in " << kStreamDir << ": " << test::DirNames(kStreamDir).size() << " files; seed " << seed;
+    })) << "left in " << kStreamDir << ": " << Joined(test::DirNames(kStreamDir)) << "; seed " << seed;
     EXPECT_EQ(OpenFds(daemon.pid()), fdsBefore) << "the daemon's descriptors; seed " << seed;
     const long rssEnd = VmRssKb(daemon.pid());
     ASSERT_GT(rssBase, 0);
