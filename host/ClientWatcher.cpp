@@ -97,6 +97,13 @@ void ClientWatcher::Unwatch(uint64_t id) {
     fired_.wait(lock, [&] { return running_ != id; });
 }
 
+bool ClientWatcher::Supported() {
+    int fd = PidfdOpen(getpid());
+    if (fd < 0) return false;
+    close(fd);
+    return true;
+}
+
 size_t ClientWatcher::Count() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return watches_.size();

@@ -41,6 +41,9 @@ public:
 
     size_t Count() const;  // watches still pending
 
+    // True when this kernel (or emulator) hands out pidfds, so that Watch can work.
+    static bool Supported();
+
 private:
     struct Entry {
         int pidfd;
