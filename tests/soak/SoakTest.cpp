@@ -63,6 +63,22 @@ std::string Joined(const std::set<std::string>& names) {
     return text;
 }
 
+// Each thread of pid with where it waits in the kernel, and the last lines of its log:
+// what a failure needs to tell a stuck daemon from a slow one.
+std::string Diagnosis(pid_t pid, const std::string& log) {
+    std::string text = "daemon threads:\n";
+    const std::string task = "/proc/" + std::to_string(pid) + "/task/";
+    for (const std::string& tid : test::DirNames(task)) {
+        std::string comm = Slurp(task + tid + "/comm");
+        if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+        text += "  " + tid + " " + comm + " in " + Slurp(task + tid + "/wchan") + "\n";
+    }
+    const std::string all = Slurp(log);
+    size_t from = all.size();
+    for (int lines = 0; from > 0 && lines < 40; --from) lines += all[from - 1] == '\n';
+    return text + "end of the daemon's log:\n" + all.substr(from);
+}
+
 long VmRssKb(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(in, line);)
@@ -305,7 +321,8 @@ TEST_F(SoakTest, TheReferencePlaysOnAndNothingLeaksWhileClientsAreKilledAndStopp
         const std::string text = Slurp(log);
         return CountOf(text, "Event:MixerStreamRemoved ") + 1 == CountOf(text, "Event:MixerStreamAdded ") &&
                test::DirNames(kStreamDir) == std::set<std::string>{"reference"};
-    })) << "left in " << kStreamDir << ": " << Joined(test::DirNames(kStreamDir)) << "; seed " << seed;
+    })) << "left in " << kStreamDir << ": " << Joined(test::DirNames(kStreamDir)) << "; seed " << seed << "\n"
+        << Diagnosis(daemon.pid(), log);
     EXPECT_EQ(OpenFds(daemon.pid()), fdsBefore) << "the daemon's descriptors; seed " << seed;
     const long rssEnd = VmRssKb(daemon.pid());
     ASSERT_GT(rssBase, 0);
