@@ -108,16 +108,17 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
             return 0;
         }
         serial = nextSerial_++;
-        live_[name] = Live{serial, fileName, false};
+        live_[name] = Live{serial, fileName, false, 0};
     }
     std::function<void()> onGone = [this, name, serial] { StreamGone(name, serial); };
 
     boost::shared_ptr<MsgHead> msg;
+    boost::shared_ptr<DataTrans> queue;
     if (record) {
-        boost::shared_ptr<Output> out = OpenRecord(info, onGone);
+        boost::shared_ptr<Output> out = OpenRecord(info, onGone, queue);
         if (out) msg.reset(new MsgNewClientOutput(out, info.rate, info.numCh));
     } else {
-        boost::shared_ptr<Input> in = OpenPlayback(info, onGone);
+        boost::shared_ptr<Input> in = OpenPlayback(info, onGone, queue);
         if (in) {
             in->name = name;
             msg.reset(new MsgNewInput(in));
@@ -130,10 +131,14 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
         if (it != live_.end() && it->second.serial == serial) live_.erase(it);
         return -1;
     }
+    // Only now that the token exists: it is what ends the watch.
+    const uint64_t watch = queue ? WatchClient(name, info.id, queue) : 0;
     bool focus;
     {
         std::lock_guard<std::mutex> guard(mutex_);
-        live_[name].announced = true;
+        Live& live = live_[name];
+        live.announced = true;
+        live.watch = watch;
         focus = !record && !focusType_.empty() && focusType_ == (info.meta.empty() ? kStreamDefault : info.meta);
     }
     // Announced before the engine can drop it, so "removed" never comes first.
@@ -149,14 +154,34 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
     return 0;
 }
 
-boost::shared_ptr<Input> DaemonConnect::OpenPlayback(const sStreamInfo& info, std::function<void()> onGone) {
+uint64_t DaemonConnect::WatchClient(const std::string& name, int pid, const boost::shared_ptr<DataTrans>& queue) {
+    boost::weak_ptr<DataTrans> weak = queue;
+    auto hangUp = [name, pid](DataTrans& q) {
+        if (q.IsHungUp()) return;  // it closed before it ended, as it should
+        MIXER_LOG_W("Mixerd_Connect:ClientEnded:%s: process %d ended without closing its queue: hanging up:",
+                    name.c_str(), pid);
+        q.HangUpPeer();
+    };
+    uint64_t id = 0;
+    // The action cannot outlive the queue (the token unwatches first), but a weak share
+    // keeps it from being the one that closes it.
+    ClientWatcher::Result r = watcher_.Watch(static_cast<pid_t>(pid), [weak, hangUp] {
+        if (boost::shared_ptr<DataTrans> q = weak.lock()) hangUp(*q);
+    }, id);
+    if (r == ClientWatcher::kGone) hangUp(*queue);
+    return id;
+}
+
+boost::shared_ptr<Input> DaemonConnect::OpenPlayback(const sStreamInfo& info, std::function<void()> onGone,
+                                                     boost::shared_ptr<DataTrans>& queue) {
     const std::string meta = info.meta.empty() ? kStreamDefault : info.meta;
     if (info.type == kTypeDataTrans) {
-        boost::shared_ptr<DataTrans> queue = boost::make_shared<DataTrans>();
+        queue = boost::make_shared<DataTrans>();
         const std::string qname = StreamQueueName(info.name);
         int err = queue->Init(qname.c_str());
         if (err != 0) {
             MIXER_LOG_W("Mixerd_Connect:OpenPlayback:cannot open %s: %s:", qname.c_str(), std::strerror(err));
+            queue.reset();
             return boost::shared_ptr<Input>();
         }
         return boost::make_shared<Tracked<TrailingSilence<InputDataTrans> > >(onGone, queue, info.rate, info.numCh,
@@ -173,12 +198,14 @@ boost::shared_ptr<Input> DaemonConnect::OpenPlayback(const sStreamInfo& info, st
     return in;
 }
 
-boost::shared_ptr<Output> DaemonConnect::OpenRecord(const sStreamInfo& info, std::function<void()> onGone) {
-    boost::shared_ptr<DataTrans> queue = boost::make_shared<DataTrans>();
+boost::shared_ptr<Output> DaemonConnect::OpenRecord(const sStreamInfo& info, std::function<void()> onGone,
+                                                   boost::shared_ptr<DataTrans>& queue) {
+    queue = boost::make_shared<DataTrans>();
     const std::string qname = StreamQueueName(info.name);
     int err = queue->Init(qname.c_str());
     if (err != 0) {
         MIXER_LOG_W("Mixerd_Connect:OpenRecord:cannot open %s: %s:", qname.c_str(), std::strerror(err));
+        queue.reset();
         return boost::shared_ptr<Output>();
     }
     queue->SetLockWaitMs(DataTrans::kEngineLockWaitMs);  // the record thread must not stall on a client
@@ -188,15 +215,20 @@ boost::shared_ptr<Output> DaemonConnect::OpenRecord(const sStreamInfo& info, std
 
 void DaemonConnect::StreamGone(const std::string& name, uint64_t serial) {
     std::string fileName;
+    bool announced;
+    uint64_t watch;
     {
         std::lock_guard<std::mutex> guard(mutex_);
         std::map<std::string, Live>::iterator it = live_.find(name);
         if (it == live_.end() || it->second.serial != serial) return;
-        const bool announced = it->second.announced;
+        announced = it->second.announced;
+        watch = it->second.watch;
         fileName = it->second.fileName;
         live_.erase(it);
-        if (!announced) return;  // never reached an engine: the caller reports the refusal
     }
+    // Before the input or output closes the queue: a running hang-up finishes first.
+    watcher_.Unwatch(watch);
+    if (!announced) return;  // never reached an engine: the caller reports the refusal
     UtilRemoveFile(fileName);  // the client normally removed it already
     events_.Push(kEventStreamRemoved, name);
     MIXER_LOG_I("Mixerd_Connect:StreamGone:%s:", name.c_str());

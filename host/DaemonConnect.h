@@ -9,11 +9,13 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include "host/ClientWatcher.h"
 #include "host/EngineSink.h"
 #include "host/EventQueue.h"
 #include "host/LatencyProbe.h"
 #include "mixer/core/Connect.h"
 #include "mixer/core/MsgQ.h"
+#include "mixer/transport/DataTrans.h"
 
 namespace mixer {
 namespace host {
@@ -32,6 +34,13 @@ namespace host {
 // shutdown) the daemon removes the description file and announces the removal.
 // A second announcement of a stream that is still live is ignored.
 //
+// Client processes. A stream's id is its client's process id (0 or negative: not
+// known). The daemon watches that process for a "dataTrans" stream and, when it ends
+// while the stream is live (killed, crashed: it never closed its queue), hangs the
+// queue up for it: the engine plays out what is queued and drops the stream as for a
+// client that closed, and the daemon's close, the last, removes the shared memory. A
+// process that has ended before its stream is accepted is hung up at once.
+//
 // Chains. Playback inputs: a resampler to the mix rate and a channel map to the mix's
 // channel count where they differ (the cheaper order first), then a ramp gain, which
 // carries volume, focus, ducking and pause fades. The output stream: a resampler from
@@ -46,7 +55,8 @@ namespace host {
 //
 // Threading: Connect operations run on the playback, record and discovery threads,
 // EngineSink operations on the control server's thread, stream tokens fire on any of
-// them or the main thread. mutex_ guards the live streams, the focus and the mic
+// them or the main thread, client-death actions on the ClientWatcher's thread (they only
+// hang a queue up; a stream's token ends its watch before the queue can close). mutex_ guards the live streams, the focus and the mic
 // input; it is never held while an engine message is built or destroyed, so a token
 // can fire anywhere. The output source runs on the playback thread only, the mic
 // source on the record thread only. Posting never waits for an engine (MsgQ locks only
@@ -105,14 +115,21 @@ private:
         uint64_t serial;
         std::string fileName;
         bool announced;  // reached the point of being posted to an engine
+        uint64_t watch;  // the client process's watch, 0 for none
     };
     // Builds the input or output of an announced stream with onGone as its token; empty
     // (with a log line) when it cannot.
-    boost::shared_ptr<Input> OpenPlayback(const sStreamInfo& info, std::function<void()> onGone);
-    boost::shared_ptr<Output> OpenRecord(const sStreamInfo& info, std::function<void()> onGone);
+    // queue receives the stream's block queue, if it has one.
+    boost::shared_ptr<Input> OpenPlayback(const sStreamInfo& info, std::function<void()> onGone,
+                                          boost::shared_ptr<DataTrans>& queue);
+    boost::shared_ptr<Output> OpenRecord(const sStreamInfo& info, std::function<void()> onGone,
+                                         boost::shared_ptr<DataTrans>& queue);
     // The token's action: forgets the stream if serial is still the live one.
     void StreamGone(const std::string& name, uint64_t serial);
     bool Post(const boost::weak_ptr<MsgQ>& queue, boost::shared_ptr<MsgHead> msg);
+    // Watches the client process pid of the stream on queue; returns the watch for
+    // Unwatch (0 for none). A process that is gone already hangs the queue up at once.
+    uint64_t WatchClient(const std::string& name, int pid, const boost::shared_ptr<DataTrans>& queue);
 
     const Settings settings_;
     OutputSource outputs_;  // playback thread only
@@ -126,6 +143,8 @@ private:
     std::map<std::string, Live> live_;  // GUARDED_BY(mutex_): streams an engine holds, by name
     uint64_t nextSerial_;               // GUARDED_BY(mutex_)
     std::string focusType_;             // GUARDED_BY(mutex_): empty when none is wanted
+    // Last, so it goes first: its thread stops, and no action runs, before the rest goes.
+    ClientWatcher watcher_;
 };
 
 }  // namespace host

@@ -1,18 +1,10 @@
 // The whole system: mixerd with the WAV output and the tone microphone, two mixer-play
 // clients (music, and a focused prompt at another rate and channel count), mixerctl.
-// Runs in a private mount namespace with its own /run (see CMakeLists.txt).
+// Runs in a private mount namespace with its own /run and /dev/shm (see CMakeLists.txt).
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -21,76 +13,20 @@
 #include <string>
 #include <vector>
 
+#include "tests/e2e/DaemonProcess.h"
 #include "tests/e2e/WavAnalysis.h"
 #include "tests/host/TempDir.h"
-
-extern char** environ;
 
 namespace mixer {
 namespace {
 
 const char* const kStreamDir = "/var/run/mixer";
 
-// Starts a program with stdout and stderr sent to files; keepFd stays open in it.
-pid_t Spawn(const std::vector<std::string>& args, const std::string& outFile, int keepFd = -1) {
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&fa, 1, 2);
-    (void)keepFd;  // inherited: the caller created it without close-on-exec
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&fa);
-    return pid;
-}
-
-int WaitExit(pid_t pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1000;
-    if (WIFSIGNALED(status)) return -WTERMSIG(status);
-    return WEXITSTATUS(status);
-}
-
-std::string Slurp(const std::string& path) {
-    std::ifstream in(path.c_str());
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-// The queues of the daemon's clients ("/mixer-<stream>"). Only those: other suites that
-// ctest runs beside this one make and remove objects of their own meanwhile.
-std::set<std::string> ShmObjects() {
-    std::set<std::string> names;
-    if (DIR* d = opendir("/dev/shm")) {
-        while (dirent* e = readdir(d))
-            if (std::string(e->d_name).compare(0, 6, "mixer-") == 0) names.insert(e->d_name);
-        closedir(d);
-    }
-    return names;
-}
-
-bool Exists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
-
-// Waits (on inotify, with a generous safety limit) until pred() holds; the watch must
-// cover whatever makes it true.
-template <typename Pred>
-bool WaitFor(int inotifyFd, Pred pred, int limitMs = 30000) {
-    while (!pred()) {
-        pollfd pfd = {inotifyFd, POLLIN, 0};
-        if (poll(&pfd, 1, limitMs) <= 0) return pred();
-        char buf[4096];
-        if (read(inotifyFd, buf, sizeof(buf)) < 0) return pred();
-    }
-    return true;
-}
+using test::Exists;
+using test::Slurp;
+using test::Spawn;
+using test::WaitExit;
+using test::WaitFor;
 
 class EndToEndTest : public testing::Test {
 protected:
@@ -106,22 +42,13 @@ TEST_F(EndToEndTest, MusicDucksUnderAFocusedPromptWithoutClicksAndTheDaemonLeave
     const std::string out = dir.File("out.wav"), sock = dir.File("ctl.sock");
     ASSERT_TRUE(test::WriteSine(music, 48000, 2, 440, 8000, 4.0));
     ASSERT_TRUE(test::WriteSine(prompt, 22050, 1, 1000, 8000, 1.2));
-    std::set<std::string> shmBefore = ShmObjects();
+    std::set<std::string> shmBefore = test::ShmObjects();
 
-    int ready[2];
-    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
-    ASSERT_EQ(fcntl(ready[1], F_SETFD, 0), 0);  // only the write end goes to the daemon
-    pid_t daemon = Spawn({MIXERD_PATH, "--output", "wav", "--out-file", out, "--mic", "tone",
-                          "--socket", sock, "--status-file", dir.File("status"), "--log-stderr",
-                          "--log-mask", "EWI", "--ready-fd", std::to_string(ready[1])},
-                         dir.File("mixerd.log"), ready[1]);
-    ASSERT_GT(daemon, 0);
-    close(ready[1]);
-    char word[16] = {0};
-    ssize_t got = read(ready[0], word, sizeof(word) - 1);  // returns at "ready" or the daemon's end
-    close(ready[0]);
-    ASSERT_GT(got, 0) << Slurp(dir.File("mixerd.log"));
-    EXPECT_STREQ(word, "ready\n");
+    test::DaemonProcess daemon;
+    ASSERT_TRUE(daemon.Start({MIXERD_PATH, "--output", "wav", "--out-file", out, "--mic", "tone", "--socket", sock,
+                              "--status-file", dir.File("status"), "--log-stderr", "--log-mask", "EWI"},
+                             dir.File("mixerd.log")))
+        << Slurp(dir.File("mixerd.log"));
 
     auto ctl = [&](const std::string& request, const std::string& outName) {
         std::vector<std::string> args = {MIXERCTL_PATH, "--socket", sock};
@@ -171,14 +98,10 @@ TEST_F(EndToEndTest, MusicDucksUnderAFocusedPromptWithoutClicksAndTheDaemonLeave
     })) << "description files left behind";
     close(in);
 
-    ASSERT_EQ(kill(daemon, SIGTERM), 0);
-    EXPECT_EQ(WaitExit(daemon), 0) << Slurp(dir.File("mixerd.log"));
+    EXPECT_EQ(daemon.Stop(), 0) << Slurp(dir.File("mixerd.log"));
     EXPECT_FALSE(Exists(sock));
     EXPECT_FALSE(Exists(kStreamDir));
-    std::set<std::string> shmAfter = ShmObjects();
-    std::vector<std::string> left;
-    std::set_difference(shmAfter.begin(), shmAfter.end(), shmBefore.begin(), shmBefore.end(),
-                        std::back_inserter(left));
+    std::vector<std::string> left = test::Added(shmBefore, test::ShmObjects());
     EXPECT_TRUE(left.empty()) << "left in /dev/shm: " << left.front();
 
     // The output, in 20-ms windows.

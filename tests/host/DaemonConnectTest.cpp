@@ -3,6 +3,8 @@
 // Runs in a private /run (see CMakeLists.txt): stream tokens remove description files.
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -26,7 +28,9 @@
 #include "mixer/stream/StreamOut.h"
 #include "mixer/transport/DataTrans.h"
 #include "tests/discovery/PrivateRun.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FakeOutput.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/ScriptedInput.h"
 
 namespace mixer {
@@ -266,6 +270,113 @@ TEST_F(DaemonConnectTest, StreamsComeAndGoOnSeveralThreadsWithEveryAdditionMatch
     EXPECT_EQ(added, kStreams);
     EXPECT_EQ(removed, kStreams);
     for (auto& c : clients) EXPECT_FALSE(c->FileExists()) << c->info.name;
+}
+
+// A client in a process of its own: creates its queue with `blocks` blocks of 20 ms
+// queued, announces the stream with its pid, and then waits to be killed (stay) or
+// ends at once without closing its queue, as a crash would.
+// The queue's name is removed at the end, whatever the test left behind.
+struct ClientProcess {
+    ClientProcess(const sStreamInfo& info_, int blocks, bool stay)
+        : info(info_), queueName(host::StreamQueueName(info_.name)), child([this, blocks, stay] {
+              DataTrans queue;
+              CHILD_CHECK(queue.Init(queueName.c_str(), 4, 3840) == 0);
+              for (int i = 0; i < blocks; ++i) {
+                  int err = 0;
+                  char* block = queue.GetWriteBuff(err, 0);
+                  CHILD_CHECK(block != nullptr);
+                  std::memset(block, 0x11, 3840);
+                  CHILD_CHECK(queue.CommitWriteBuff(3840, nullptr));
+              }
+              sStreamInfo mine = info;
+              mine.id = static_cast<int>(getpid());
+              CHILD_CHECK(UtilWriteFile(mine) == 0);
+              ready.Send();
+              if (stay)
+                  for (;;) pause();
+              _exit(0);  // without closing the queue (no result for Wait either)
+          }) {}
+    ~ClientProcess() { shm_unlink(queueName.c_str()); }
+    bool QueueExists() const { return test::PathExists("/dev/shm" + queueName); }
+    bool FileExists() const { return test::PathExists(std::string(kStreamDir) + "/" + info.name); }
+    sStreamInfo info;
+    std::string queueName;
+    test::Pipe ready;
+    test::ChildProcess child;
+};
+
+TEST_F(DaemonConnectTest, KilledClientLeavesNothingBehind) {
+    if (!host::ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: killed clients are not noticed";
+    test::LogCapture log;
+    // A playback client and a record client, both killed while their streams are live.
+    ClientProcess player(Info(Unique("killed"), host::kTypeDataTrans, "music"), 2, true);
+    ClientProcess recorder(Info(kStreamMicRaw, host::kTypeDataTrans, "record", 16000, 1), 0, true);
+    ASSERT_EQ(player.ready.Receive(), '.');
+    ASSERT_EQ(recorder.ready.Receive(), '.');
+    sStreamInfo pi, ri;  // as the discovery thread reads them
+    ASSERT_EQ(UtilReadFile(player.info.name, pi), 0);
+    ASSERT_EQ(UtilReadFile(recorder.info.name, ri), 0);
+    EXPECT_EQ(pi.id, player.child.pid());
+    ASSERT_EQ(connect->AddNewStream(pi.name, pi), 0);
+    ASSERT_EQ(connect->AddNewStream(ri.name, ri), 0);
+    boost::shared_ptr<MsgNewInput> in = boost::dynamic_pointer_cast<MsgNewInput>(playbackQ->getMsg(false));
+    boost::shared_ptr<MsgNewOutput> out = boost::dynamic_pointer_cast<MsgNewOutput>(recordQ->getMsg(false));
+    ASSERT_TRUE(in && out);
+    boost::shared_ptr<AudioFrame> frame = in->input->Process();
+    ASSERT_TRUE(frame) << "the queued block plays while the client lives";
+    EXPECT_EQ(in->input->state, STATE_ACTIVE);
+
+    // The kill, with one block still queued: it still plays.
+    ASSERT_EQ(kill(player.child.pid(), SIGKILL), 0);
+    ASSERT_EQ(kill(recorder.child.pid(), SIGKILL), 0);
+    EXPECT_EQ(player.child.Wait(), -1);
+    EXPECT_EQ(recorder.child.Wait(), -1);
+    for (const ClientProcess* c : {&player, &recorder})
+        ASSERT_TRUE(log.WaitFor("W Mixerd_Connect:ClientEnded:" + c->info.name + ": process " +
+                                std::to_string(c == &player ? pi.id : ri.id) +
+                                " ended without closing its queue: hanging up:"))
+            << log.Dump();
+
+    // The engines' view: the input ends as for a client that closed (its last block,
+    // its tail of silence, then nothing), the output turns Hangup at its next write.
+    frame = in->input->Process();
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(frame->Samples16()[0], 0x1111);
+    ASSERT_TRUE(in->input->Process());
+    EXPECT_EQ(in->input->state, STATE_HANGUP);
+    EXPECT_FALSE(in->input->Process());
+    EXPECT_EQ(out->output->WriteFrame(boost::make_shared<AudioFrame>(SAMPLE_SIZE_16, 16000, 1, 20)), -1);
+    EXPECT_EQ(out->output->state, STATE_HANGUP);
+    EXPECT_TRUE(player.QueueExists()) << "the daemon's share is still open";
+
+    // The engines drop them: the daemon's close, the last, removes everything.
+    in.reset();
+    out.reset();
+    for (const ClientProcess* c : {&player, &recorder}) {
+        EXPECT_FALSE(c->QueueExists()) << c->queueName;
+        EXPECT_FALSE(c->FileExists()) << c->info.name;
+    }
+    EXPECT_TRUE(connect->LiveStreams().empty());
+    EXPECT_EQ(Events(), (std::vector<std::string>{"MixerStreamAdded " + pi.name, "MixerStreamAdded micRaw",
+                                                  "MixerStreamRemoved " + pi.name, "MixerStreamRemoved micRaw"}));
+}
+
+TEST_F(DaemonConnectTest, AClientThatEndedBeforeItsStreamWasAcceptedIsHungUpAtOnce) {
+    if (!host::ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: ended clients are not noticed";
+    ClientProcess gone(Info(Unique("early"), host::kTypeDataTrans, "music"), 1, false);
+    ASSERT_EQ(gone.ready.Receive(), '.');
+    EXPECT_EQ(gone.child.Wait(), -1);  // reaped: its pid names no process now
+    sStreamInfo info;
+    ASSERT_EQ(UtilReadFile(gone.info.name, info), 0);
+    ASSERT_EQ(connect->AddNewStream(info.name, info), 0);
+    boost::shared_ptr<MsgNewInput> in = boost::dynamic_pointer_cast<MsgNewInput>(playbackQ->getMsg(false));
+    ASSERT_TRUE(in);
+    ASSERT_TRUE(in->input->Process()) << "its last block";
+    ASSERT_TRUE(in->input->Process()) << "the tail";
+    EXPECT_EQ(in->input->state, STATE_HANGUP);
+    in.reset();
+    EXPECT_FALSE(gone.QueueExists());
+    EXPECT_FALSE(gone.FileExists());
 }
 
 TEST_F(DaemonConnectTest, WithoutEnginesStreamsAreRefusedAndRequestsDropped) {
