@@ -208,7 +208,6 @@ boost::shared_ptr<Output> DaemonConnect::OpenRecord(const sStreamInfo& info, std
         queue.reset();
         return boost::shared_ptr<Output>();
     }
-    queue->SetLockWaitMs(DataTrans::kEngineLockWaitMs);  // the record thread must not stall on a client
     const size_t start = info.name.find_first_not_of('/');
     return boost::make_shared<Tracked<DataTransOutput> >(onGone, queue, info.name.substr(start));
 }

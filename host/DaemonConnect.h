@@ -56,11 +56,12 @@ namespace host {
 // Threading: Connect operations run on the playback, record and discovery threads,
 // EngineSink operations on the control server's thread, stream tokens fire on any of
 // them or the main thread, client-death actions on the ClientWatcher's thread (they only
-// hang a queue up; a stream's token ends its watch before the queue can close). mutex_ guards the live streams, the focus and the mic
-// input; it is never held while an engine message is built or destroyed, so a token
-// can fire anywhere. The output source runs on the playback thread only, the mic
-// source on the record thread only. Posting never waits for an engine (MsgQ locks only
-// for the push), so ChainMsgRecord does not block on the record thread.
+// hang a queue up; a stream's token ends its watch before the queue can close). mutex_
+// guards the live streams, the focus and the mic input; it is never held while an
+// engine message is built or destroyed, so a token can fire anywhere. The output source
+// runs on the playback thread only, the mic source on the record thread only. Posting
+// never waits for an engine (MsgQ locks only for the push), so ChainMsgRecord does not
+// block on the record thread.
 // Lifetime: the queues are held weakly, so engine messages that still hold tokens die
 // with their engine; the EventQueue must outlive every engine.
 class DaemonConnect : public Connect, public EngineSink {

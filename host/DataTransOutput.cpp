@@ -12,6 +12,8 @@ DataTransOutput::DataTransOutput(boost::shared_ptr<DataTrans> queue, const std::
     : queue_(queue), written_(0), dropped_(0), overrun_(false) {
     name = streamName;
     state = STATE_ACTIVE;
+    // The record thread must never stall on a client's lock.
+    if (queue_) queue_->SetLockWaitMs(DataTrans::kEngineLockWaitMs);
 }
 
 DataTransOutput::~DataTransOutput() {

@@ -17,7 +17,8 @@ namespace host {
 // a client that has gone (hung up, queue closed) turns the output into Hangup, so the
 // record engine drops it; any other queue error into Fault.
 //
-// Threading: the record thread only (the queue locks for itself). No allocation.
+// Threading: the record thread only (the queue locks for itself, waiting at most
+// DataTrans::kEngineLockWaitMs for a client that holds its lock). No allocation.
 class DataTransOutput : public Output {
 public:
     // queue: open, with this process as the writer.

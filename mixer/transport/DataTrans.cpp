@@ -241,17 +241,7 @@ int DataTrans::Init(const char* name, unsigned numBlk, unsigned blkSize) {
     MIXER_INIT_STEP(pthread_mutexattr_settype(&mattr, PTHREAD_MUTEX_RECURSIVE), "mutexAttrSetTypeFailed")
     // Robust: a peer that dies holding a lock does not take the queue with it.
     MIXER_INIT_STEP(pthread_mutexattr_setrobust(&mattr, PTHREAD_MUTEX_ROBUST), "mutexAttrSetRobustFailed")
-    rc = pthread_mutex_init(&q->mutex, &mattr);
-    if (rc == ENOTSUP) {
-        // A C library that refuses robust locks (no robust list in the kernel): the
-        // queue still works, and only the lock bound catches a peer that died holding
-        // it. (Where the library makes them but nothing keeps the list, as under
-        // qemu-user, a dead owner's lock likewise just stays taken.)
-        MIXER_LOG_W("Mixer_DataTrans:Init:robust locks unavailable,name=%s,error=%d:", name, rc);
-        pthread_mutexattr_setrobust(&mattr, PTHREAD_MUTEX_STALLED);
-        rc = pthread_mutex_init(&q->mutex, &mattr);
-    }
-    MIXER_INIT_STEP(rc, "mutexInitFailed")
+    MIXER_INIT_STEP(pthread_mutex_init(&q->mutex, &mattr), "mutexInitFailed")
     mutexDone = true;
     MIXER_INIT_STEP(pthread_mutex_init(&q->cmdMutex, &mattr), "cmdMutexInitFailed")
     cmdMutexDone = true;
@@ -447,7 +437,8 @@ int DataTrans::Acquire(pthread_mutex_t* m, const char* op) {
 
 int DataTrans::WaitOn(pthread_cond_t* cond, const timespec* deadline) {
     StreamQueue* q = queue_;
-    int rc = deadline == nullptr ? pthread_cond_wait(cond, &q->mutex) : pthread_cond_timedwait(cond, &q->mutex, deadline);
+    int rc = deadline == nullptr ? pthread_cond_wait(cond, &q->mutex)
+                                 : pthread_cond_timedwait(cond, &q->mutex, deadline);
     if (rc == EOWNERDEAD) {
         OwnerDied(&q->mutex);
         rc = 0;  // the caller's loop re-tests and finds the hang-up

@@ -80,15 +80,6 @@ int RunClient(const std::string& name, const LockingClient::Options& o, Pipe& in
 }  // namespace
 
 bool RobustLocksAvailable() {
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-    pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-    pthread_mutex_t m;
-    const int rc = pthread_mutex_init(&m, &attr);
-    if (rc == 0) pthread_mutex_destroy(&m);
-    pthread_mutexattr_destroy(&attr);
-    if (rc == ENOTSUP) return false;
     // The C library makes a robust lock even where nothing keeps the thread's robust
     // list (qemu-user answers the kernel call with ENOSYS): it is the kernel's walk of
     // that list at thread exit that marks a dead owner's locks.

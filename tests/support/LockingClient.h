@@ -9,10 +9,10 @@ namespace mixer {
 namespace test {
 
 // True when a process-shared lock of a thread that dies is marked as such for the next
-// taker (a robust lock, and a kernel that walks the thread's robust list). Without (the
-// C library refuses robust locks, or, as under qemu-user, makes them but nothing keeps
-// the list) a lock whose owner died stays taken for good, and only the lock bound of the
-// mixer's side catches that peer.
+// taker (a robust lock, and a kernel that walks the thread's robust list). Without (as
+// under qemu-user, where the C library makes robust locks but nothing keeps the list) a
+// lock whose owner died stays taken for good, and only the lock bound of the mixer's
+// side catches that peer.
 bool RobustLocksAvailable();
 
 // A client process for the tests of a peer that stalls or dies inside a queue's lock: a
