@@ -222,7 +222,9 @@ TEST_F(PlaybackLoopTest, OtherOutputsArePacedAtLeast40MsApart) {
     std::vector<FakeOutput::Clock::time_point> writes = out->WriteTimes();
     ASSERT_EQ(posts.size(), 4u);
     for (size_t i = 1; i < posts.size(); ++i) {
-        EXPECT_GE(posts[i] - posts[i - 1], std::chrono::microseconds(39999)) << i;
+        if (!EngineClockJumpsBetween(posts[i - 1], posts[i])) {
+            EXPECT_GE(posts[i] - posts[i - 1], std::chrono::microseconds(39999)) << i;
+        }
         EXPECT_GE(posts[i], writes[i]);  // PostWrite follows its own write
     }
 }
@@ -266,8 +268,7 @@ TEST_F(PlaybackLoopTest, TwentySecondsOfSilencePauseTheOutputOnceAndThenTheThrea
     const int periodsBefore = periods();
     EXPECT_EQ(periodsBefore, 1002);  // the sounding one, 1000 silent, the one that pauses
     const std::chrono::milliseconds window(200);
-    EXPECT_FALSE(in->WaitForOps("Process", 1002, window));  // settles into its wait, too
-    const long switchesBefore = ContextSwitches(in->tid);
+    const long switchesBefore = WaitUntilAsleep(in->tid, kWait);
     ASSERT_GE(switchesBefore, 0);
     EXPECT_FALSE(in->WaitForOps("Process", 1002, window));
     EXPECT_EQ(ContextSwitches(in->tid), switchesBefore);
@@ -281,8 +282,11 @@ TEST_F(PlaybackLoopTest, TwentySecondsOfSilencePauseTheOutputOnceAndThenTheThrea
     EXPECT_GT(ContextSwitches(in->tid), switchesBefore);
     pb.DeInit();
     std::vector<FakeOutput::Clock::time_point> ticks = out->IdleTickTimes();
-    for (size_t i = 1; i < ticks.size(); ++i)
-        ASSERT_GE(ticks[i] - ticks[i - 1], std::chrono::microseconds(19999)) << i;
+    for (size_t i = 1; i < ticks.size(); ++i) {
+        if (!EngineClockJumpsBetween(ticks[i - 1], ticks[i])) {
+            ASSERT_GE(ticks[i] - ticks[i - 1], std::chrono::microseconds(19999)) << i;
+        }
+    }
 }
 
 TEST_F(PlaybackLoopTest, DeInitStopsTheThreadWhileItWaitsOrBeforeItRuns) {

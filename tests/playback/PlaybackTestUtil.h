@@ -4,6 +4,7 @@
 // (so that expected values do not come from the code under test), and lookups of a
 // test input's stream and ramp gain inside an engine.
 
+#include <chrono>
 #include <cstdint>
 
 #include <boost/pointer_cast.hpp>
@@ -47,6 +48,21 @@ inline boost::shared_ptr<Stream> StreamOf(const Playback& pb, const boost::share
 inline boost::shared_ptr<AlgoRampGain> GainOf(const boost::shared_ptr<Stream>& s) {
     if (!s) return boost::shared_ptr<AlgoRampGain>();
     return boost::dynamic_pointer_cast<AlgoRampGain>(s->GetAlgoById(ALGO_ID_RAMP_GAIN));
+}
+
+// The engine's clock keeps its seconds' product in 32 bits, so once in about 4295 s it
+// jumps back, and the period that spans the jump is not slept on. True if the jump lies
+// between monotonic times a and b (a before b).
+inline bool EngineClockJumpsBetween(std::chrono::steady_clock::time_point a,
+                                    std::chrono::steady_clock::time_point b) {
+    using std::chrono::duration_cast;
+    using std::chrono::seconds;
+    auto secUs = [](int64_t s) { return static_cast<int32_t>(static_cast<uint32_t>(s) * 1000000u); };
+    const int64_t first = duration_cast<seconds>(a.time_since_epoch()).count();
+    const int64_t last = duration_cast<seconds>(b.time_since_epoch()).count();
+    for (int64_t s = first + 1; s <= last; ++s)
+        if (secUs(s) < secUs(s - 1)) return true;
+    return false;
 }
 
 }  // namespace test

@@ -178,8 +178,7 @@ TEST_F(RecordTest, WithoutListenerTheThreadSleepsUntilAMessage) {
     // Nothing is read and the thread is not woken at all, however briefly, over windows
     // that would hold a dozen passes each.
     const std::chrono::milliseconds window(200);
-    EXPECT_FALSE(mic->WaitForOps("Process", 1, window));  // settles into its wait, too
-    const long switchesBefore = test::ContextSwitches(noting->tid);
+    const long switchesBefore = test::WaitUntilAsleep(noting->tid, kWait);
     ASSERT_GE(switchesBefore, 0);
     EXPECT_FALSE(mic->WaitForOps("Process", 1, window));
     EXPECT_EQ(test::ContextSwitches(noting->tid), switchesBefore);

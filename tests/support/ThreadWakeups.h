@@ -9,8 +9,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "tests/support/ScriptedInput.h"
 
@@ -35,6 +37,34 @@ inline long ContextSwitches(pid_t tid) {
         }
     }
     return found == 2 ? total : -1;
+}
+
+// State letter of thread tid of this process ('R', 'S', ...), or 0 when unreadable.
+inline char ThreadState(pid_t tid) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    // The name in parentheses may hold spaces and ')': the state follows the last one.
+    std::string::size_type close = line.rfind(')');
+    if (close == std::string::npos || close + 2 >= line.size()) return 0;
+    return line[close + 2];
+}
+
+// Waits until thread tid is blocked and has stayed so, its switch count unchanged, over
+// a quiet spell of 50 ms; returns that count, or -1 if it never settled within limit.
+// A fixed pause is not enough on a loaded machine: a preempted thread still has to run
+// to its wait, and every switch on the way counts.
+inline long WaitUntilAsleep(pid_t tid, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const std::chrono::milliseconds quiet(50);
+    long last = -1;
+    while (std::chrono::steady_clock::now() < deadline) {
+        const long now = ThreadState(tid) == 'S' ? ContextSwitches(tid) : -1;
+        if (now >= 0 && now == last) return now;
+        last = now;
+        std::this_thread::sleep_for(quiet);
+    }
+    return -1;
 }
 
 // A scripted input that notes the thread of its latest Process or Pause: the engine's.
