@@ -158,9 +158,10 @@ uint64_t DaemonConnect::WatchClient(const std::string& name, int pid, const boos
     boost::weak_ptr<DataTrans> weak = queue;
     auto hangUp = [name, pid](DataTrans& q) {
         if (q.IsHungUp()) return;  // it closed before it ended, as it should
-        MIXER_LOG_W("Mixerd_Connect:ClientEnded:%s: process %d ended without closing its queue: hanging up:",
-                    name.c_str(), pid);
         q.HangUpPeer();
+        // Logged once done, so that whoever sees the line can count on the hang-up.
+        MIXER_LOG_W("Mixerd_Connect:ClientEnded:%s: process %d ended without closing its queue: hung up:",
+                    name.c_str(), pid);
     };
     uint64_t id = 0;
     // The action cannot outlive the queue (the token unwatches first), but a weak share

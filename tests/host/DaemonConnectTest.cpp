@@ -334,7 +334,7 @@ TEST_F(DaemonConnectTest, KilledClientLeavesNothingBehind) {
     for (const ClientProcess* c : {&player, &recorder})
         ASSERT_TRUE(log.WaitFor("W Mixerd_Connect:ClientEnded:" + c->info.name + ": process " +
                                 std::to_string(c == &player ? pi.id : ri.id) +
-                                " ended without closing its queue: hanging up:"))
+                                " ended without closing its queue: hung up:"))
             << log.Dump();
 
     // The engines' view: the input ends as for a client that closed (its last block,
