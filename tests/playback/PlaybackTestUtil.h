@@ -51,8 +51,9 @@ inline boost::shared_ptr<AlgoRampGain> GainOf(const boost::shared_ptr<Stream>& s
 }
 
 // The engine's clock keeps its seconds' product in 32 bits, so once in about 4295 s it
-// jumps back, and the period that spans the jump is not slept on. True if the jump lies
-// between monotonic times a and b (a before b).
+// jumps back, and a period whose two clock readings straddle the jump is not slept on
+// (rare: the readings are microseconds apart). True if the jump lies between monotonic
+// times a and b (a before b): a short gap between them is then no fault.
 inline bool EngineClockJumpsBetween(std::chrono::steady_clock::time_point a,
                                     std::chrono::steady_clock::time_point b) {
     using std::chrono::duration_cast;
