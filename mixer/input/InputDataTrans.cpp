@@ -114,10 +114,9 @@ int InputDataTrans::HandleCmd(tInOutCmd cmd) {
     return 0;
 }
 
-bool InputDataTrans::ReleaseUsedBlock() {
+void InputDataTrans::ReleaseUsedBlock() {
     int err = 0;
     releasePending = !dataTrans->ReleaseReadBuff(err) && err == EBUSY;
-    return !releasePending;
 }
 
 boost::shared_ptr<AudioFrame> InputDataTrans::Process() {

@@ -59,8 +59,8 @@ public:
 
 private:
     // Gives the used-up block back; when the lock is busy it stays pending, and no other
-    // block is read until it is given back. True when nothing is pending any more.
-    bool ReleaseUsedBlock();
+    // block is read until it is given back.
+    void ReleaseUsedBlock();
 };
 
 }  // namespace mixer

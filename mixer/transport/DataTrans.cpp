@@ -132,14 +132,13 @@ char* DataTrans::PosToPtr(const StreamQueue* q, unsigned pos) {
     const uint32_t memSize = own ? static_cast<uint32_t>(mapSize_) : q->memSize;
     const uint32_t blkSize = own ? blkSize_ : q->blkSize;
     const uint64_t offset = kHdr + static_cast<uint64_t>(pos) * blkSize;
-    const uint64_t limit = memSize;
-    if (offset >= limit) {
+    if (offset >= memSize) {
         // Kept so: the message prints byte offsets, not block indices.
         MIXER_LOG_E("Mixer_DataTrans:PosToPtr:pos %d >= memSize %d:", static_cast<int>(offset),
                     static_cast<int>(memSize));
         return nullptr;
     }
-    if (offset + blkSize > limit) {
+    if (offset + blkSize > memSize) {
         MIXER_LOG_E("Mixer_DataTrans:PosToPtr:pos2 %d > memSize %d:", static_cast<int>(offset + blkSize),
                     static_cast<int>(memSize));
         return nullptr;
@@ -152,15 +151,14 @@ char* DataTrans::TailPosToPtr(const StreamQueue* q, unsigned pos) {
     const uint32_t memSize = own ? static_cast<uint32_t>(mapSize_) : q->memSize;
     const uint32_t blkSize = own ? blkSize_ : q->blkSize;
     const uint64_t offset = blkSize + static_cast<uint64_t>(pos) * blkSize + (kHdr - kTail);
-    const uint64_t limit = memSize;
-    if (offset >= limit) {
+    if (offset >= memSize) {
         MIXER_LOG_E("Mixer_DataTrans:TailPosToPtr:pos %d >= memSize %d:", static_cast<int>(offset),
                     static_cast<int>(memSize));
         return nullptr;
     }
     // A header whose stride is shorter than a tail would put the tail's end past the
     // object; refuse it rather than touch bytes outside the mapping.
-    if (offset + kTail > limit) {
+    if (offset + kTail > memSize) {
         MIXER_LOG_E("Mixer_DataTrans:TailPosToPtr:pos2 %d > memSize %d:", static_cast<int>(offset + kTail),
                     static_cast<int>(memSize));
         return nullptr;
