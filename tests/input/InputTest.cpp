@@ -149,19 +149,16 @@ TEST(InputDataTransTest, StateOperationsFollowTheTable) {
     // Stop refuses the client's writes; Resume lets them in again.
     int err;
     in.Stop();
-    EXPECT_TRUE(q.writer.Queue()->GetWriteBuff(err, 0) == nullptr && err == EAGAIN);
+    EXPECT_TRUE(!q.writer.Queue()->GetWriteBuff(err, 0) && err == EAGAIN);
     in.Resume();
     // A drain plays what is queued, then pauses at the first empty period.
     q.Put(Pattern(kFrame, 1));
     in.Drain();
     EXPECT_TRUE(in.Process() && in.state == STATE_DRAINING);
-    EXPECT_FALSE(in.Process());
-    EXPECT_EQ(in.state, STATE_PAUSED);
-    EXPECT_EQ(in.eagainCount, 1u);
+    EXPECT_TRUE(!in.Process() && in.state == STATE_PAUSED && in.eagainCount == 1);
     // Paused, the input still notices that the client has gone.
     q.writer.Close();
-    EXPECT_FALSE(in.Process());
-    EXPECT_EQ(in.state, STATE_HANGUP);
+    EXPECT_TRUE(!in.Process() && in.state == STATE_HANGUP);
 }
 
 TEST(InputDataTransTest, FlushDropsTheHeldBlockAndTheQueue) {
@@ -169,8 +166,7 @@ TEST(InputDataTransTest, FlushDropsTheHeldBlockAndTheQueue) {
     for (unsigned k = 0; k < 3; ++k) q.Put(Pattern(6000, k + 1));
     ASSERT_TRUE(q.input->Process());
     q.input->Flush();
-    EXPECT_EQ(q.input->state, STATE_PAUSED);
-    EXPECT_TRUE(q.input->blockLeft == 0 && q.input->readPtr == nullptr);
+    EXPECT_TRUE(q.input->state == STATE_PAUSED && q.input->blockLeft == 0 && q.input->readPtr == nullptr);
     EXPECT_EQ(std::make_pair(q.queue->GetNumBlkFree(), q.queue->GetNumBlkReady()), std::make_pair(3u, 0u));
     EXPECT_EQ(q.queue->AddCount(0), 0u);
     EXPECT_FALSE(q.input->Process());
@@ -183,11 +179,9 @@ TEST(InputDataTransTest, CorruptBlockFaultsTheInputForGood) {
     ASSERT_TRUE(data && q.writer.Queue()->CommitWriteBuff(kFrame, nullptr));
     reinterpret_cast<BlockTail*>(data + kFrame)->check = 0;  // the tail follows the data; a client damages it
     LogCapture log;
-    EXPECT_FALSE(q.input->Process());
-    EXPECT_EQ(q.input->state, STATE_FAULT);
+    EXPECT_TRUE(!q.input->Process() && q.input->state == STATE_FAULT);
     EXPECT_EQ(Of(log, "Mixer_InputDataTrans"), Lines{"I Mixer_InputDataTrans:Process:EFAULT:"});
-    q.input->Resume();
-    q.input->Flush();
+    q.input->Resume(), q.input->Flush();
     EXPECT_EQ(q.input->state, STATE_FAULT);
 }
 
@@ -199,8 +193,7 @@ TEST(InputDataTransTest, UnknownCommandsAreNeitherHandledNorAcknowledged) {
     EXPECT_EQ(q.input->state, STATE_ACTIVE);
     EXPECT_EQ(Of(log, "def:Mixer_DataTrans"), Lines{"I def:Mixer_DataTrans:CmdExecuted:cmd = 1, signal = 0"});
     InputDataTrans without(boost::shared_ptr<DataTrans>(), 48000, 2, 2, "none");
-    EXPECT_EQ(without.HandleCmd(CMD_PAUSE), 1);
-    EXPECT_EQ(without.GetCmd(), CMD_NONE);
+    EXPECT_TRUE(without.HandleCmd(CMD_PAUSE) == 1 && without.GetCmd() == CMD_NONE);
 }
 
 // A client process sends its commands; the input carries them out and acknowledges each,
@@ -275,8 +268,7 @@ void BusyUntilFault(InputDataTrans& in, tInOutState state) {
         ASSERT_TRUE(in.state == state && in.eagainCount == 0) << i;
     }
     EXPECT_EQ(log.CountPrefix("E "), 0) << log.Dump();
-    EXPECT_FALSE(in.Process());
-    EXPECT_EQ(in.state, STATE_FAULT);
+    EXPECT_TRUE(!in.Process() && in.state == STATE_FAULT);
     EXPECT_EQ(Of(log, "Mixer_InputDataTrans"), Lines{"E Mixer_InputDataTrans:Process:queue lock held for 500 ms, input faulted:"});
 }
 
@@ -289,8 +281,7 @@ TEST(InputDataTransLockTest, ClientKilledInsideTheLockEndsTheInput) {
     // then the input ends as for a client that closed.
     LogCapture log;
     EXPECT_EQ(Bytes(h.input->Process()), Pattern(kFrame, 1));
-    EXPECT_FALSE(h.input->Process());
-    EXPECT_EQ(h.input->state, STATE_HANGUP);
+    EXPECT_TRUE(!h.input->Process() && h.input->state == STATE_HANGUP);
     EXPECT_TRUE(log.Has("E Mixer_DataTrans:Lock:reason=OwnerDied,name=" + h.name.str() + ":"));
     EXPECT_TRUE(log.Has("I Mixer_InputDataTrans:Process:EHOSTDOWN Last Frame:"));
 }
@@ -301,8 +292,7 @@ TEST(InputDataTransLockTest, ClientStoppedHoldingTheLockFaultsTheInputAfterHalfA
     ASSERT_TRUE(h.client.Lock() && h.client.Stop());
     BusyUntilFault(*h.input, STATE_DRAINING);
     EXPECT_EQ(h.input->GetCmd(), CMD_NONE);
-    EXPECT_FALSE(h.input->Process());
-    EXPECT_EQ(h.input->state, STATE_FAULT);  // final
+    EXPECT_TRUE(!h.input->Process() && h.input->state == STATE_FAULT);  // final
     ASSERT_TRUE(h.client.Continue() && h.client.Unlock());
     EXPECT_EQ(h.client.Finish(), 0);
 }
@@ -366,10 +356,8 @@ TEST(InputShmQTest, MissingQueueIsAFaultForGood) {
     ShmName name("none");
     LogCapture log;
     InputShmQ in(name.str(), 48000, 2, 2, "music");
-    in.Pause();
-    in.Resume();
-    EXPECT_EQ(in.state, STATE_FAULT);
-    EXPECT_FALSE(in.Process());
+    in.Pause(), in.Resume();
+    EXPECT_TRUE(in.state == STATE_FAULT && !in.Process());
     EXPECT_EQ(log.Lines(), (Lines{"I Input:Const:r 48000 n 2 music:", "E Mixer_InputShmQ:Contructor:Failed to open " + name.str() + ":"}));
 }
 
@@ -395,7 +383,6 @@ TEST(InputShmQTest, PartialFramesWaitSilenceIsDroppedAndHangUpEnds) {
     ASSERT_EQ(feeder.HangUp(), 0);
     EXPECT_TRUE(in.Process());
     EXPECT_FALSE(in.Process());  // 100 bytes are not a frame, and no more will come
-    EXPECT_EQ(in.state, STATE_HANGUP);
     in.Resume();
     EXPECT_EQ(in.state, STATE_HANGUP);
     EXPECT_EQ(log.Lines(), (Lines{"I Mixer_InputShmQ:Process:EAGAIN:Start", "I Mixer_InputShmQ:Process:EAGAIN:Stop 100 ms",
@@ -409,14 +396,12 @@ TEST(InputShmQTest, ThousandAndOneUnderflowsInARowHangUpDespitePauseAndResume) {
     LogCapture log;
     for (int i = 0; i < 500; ++i) in.Process();
     in.Pause();  // a paused input reads nothing and counts nothing; resuming keeps the count
-    EXPECT_EQ(in.state, STATE_PAUSED);
-    EXPECT_FALSE(in.Process());
+    EXPECT_TRUE(in.state == STATE_PAUSED && !in.Process());
     in.Resume();
     EXPECT_EQ(in.underflowCount, 500);
     for (int i = 0; i < 500; ++i) in.Process();
     EXPECT_EQ(in.state, STATE_ACTIVE);
-    EXPECT_FALSE(in.Process());
-    EXPECT_EQ(in.state, STATE_HANGUP);
+    EXPECT_TRUE(!in.Process() && in.state == STATE_HANGUP);
     EXPECT_EQ(log.Lines(), (Lines{"I Mixer_InputShmQ:Process:EAGAIN:Start", "I Mixer_InputShmQ:Process:Too many underflow frames in a row:"}));
     ASSERT_EQ(feeder.Write(kFrame, 1), int(kFrame));
     EXPECT_FALSE(in.Process());  // too late
@@ -427,8 +412,7 @@ TEST(InputShmBTest, MissingBufferIsAFaultForGood) {
     LogCapture log;
     InputShmB in(name.str(), 48000, 2, 2, "speech");
     in.Resume();
-    EXPECT_EQ(in.state, STATE_FAULT);
-    EXPECT_FALSE(in.Process());
+    EXPECT_TRUE(in.state == STATE_FAULT && !in.Process());
     EXPECT_EQ(log.Lines(), (Lines{"I Input:Const:r 48000 n 2 speech:", "E Mixer_InputShmB:Constructor:Failed to open " + name.str() + ":"}));
 }
 
@@ -520,9 +504,7 @@ TEST(InputTest, DefaultsAndStateNames) {
     EXPECT_EQ((std::vector<uint32_t>{in.rate, in.numCh, in.sampleSize, in.priority, bad.rate, bad.numCh}),
               (std::vector<uint32_t>{44100, 2, 2, 0, 48000, 1}));
     EXPECT_TRUE(in.state == STATE_PAUSED && !in.blocking && !in.Process() && in.GetCmd() == CMD_NONE && in.HandleCmd(CMD_PAUSE) == 0);
-    in.Resume();
-    in.Drain();
-    in.Flush();
+    in.Resume(), in.Drain(), in.Flush();
     EXPECT_TRUE(in.state == STATE_PAUSED && in.pauses == 0);
     in.PauseDelay(250);  // ignores the delay and pauses through the virtual slot
     EXPECT_EQ(in.pauses, 1);
