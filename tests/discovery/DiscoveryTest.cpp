@@ -1,3 +1,5 @@
+// Description files and the watcher. The binary replaces read() and the device-metric
+// call: read() turns armed calls on the watcher's inotify descriptor into EINTR.
 #include "mixer/discovery/Discovery.h"
 
 #include <dirent.h>
@@ -5,231 +7,312 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <fstream>
-#include <functional>
-#include <future>
+#include <mutex>
 #include <set>
-#include <string>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "mixer/discovery/StreamFiles.h"
-#include "tests/discovery/PrivateRun.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeConnect.h"
 #include "tests/support/LogCapture.h"
 
+namespace {
+std::mutex g_lock;
+std::condition_variable g_changed;
+int g_fd = -1, g_interruptsLeft = 0, g_kernelReads = 0;  // GUARDED_BY(g_lock)
+std::vector<std::string> g_metrics;                      // GUARDED_BY(g_lock)
+}  // namespace
+
+extern "C" ssize_t read(int fd, void* buf, size_t count) {
+    {
+        std::lock_guard<std::mutex> guard(g_lock);
+        if (fd >= 0 && fd == g_fd) {
+            g_changed.notify_all();
+            if (g_interruptsLeft > 0) {
+                --g_interruptsLeft;
+                errno = EINTR;
+                return -1;
+            }
+            ++g_kernelReads;
+        }
+    }
+    return syscall(SYS_read, fd, buf, count);
+}
+
+extern "C" int record_device_metric(const char* program, const char* source, const char* name, int count,
+                                    int r1, int r2, int r3) {
+    std::ostringstream m;
+    m << program << '|' << source << '|' << name << '|' << count << '|' << r1 << '|' << r2 << '|' << r3;
+    std::lock_guard<std::mutex> guard(g_lock);
+    g_metrics.push_back(m.str());
+    return 0;
+}
+
 namespace mixer {
 namespace {
 
-using test::ChildProcess;
-using test::DirEntries;
-using test::FakeConnect;
 using test::LogCapture;
-using test::PathExists;
-using test::PathIsDir;
+using Lines = std::vector<std::string>;
 
 const std::string kDir = "/var/run/mixer";
 const char kThreadExit[] = "I Mixer_Discovery:Discovery Thread:exiting!!:";
 const std::chrono::milliseconds kWait(20000);
 
+Lines Entries(const std::string& path) {  // sorted, without "." and ".."
+    Lines names;
+    DIR* dir = opendir(path.c_str());
+    while (const struct dirent* ent = dir ? readdir(dir) : nullptr)
+        if (ent->d_name[0] != '.') names.push_back(ent->d_name);
+    if (dir) closedir(dir);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+bool Exists(const std::string& path) { struct stat st; return lstat(path.c_str(), &st) == 0; }
+std::string ReadAll(const std::string& path) {
+    std::ifstream in(path.c_str(), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+bool WriteRaw(const std::string& name, const std::string& content) {
+    std::ofstream out((kDir + "/" + name).c_str(), std::ios::binary | std::ios::trunc);
+    return static_cast<bool>(out << content);
+}
+void SetRunReadOnly(bool ro) {
+    ASSERT_EQ(0, mount("tmpfs", "/run", nullptr, MS_REMOUNT | (ro ? MS_RDONLY : 0), nullptr));
+}
 sStreamInfo Info(const std::string& name) {
-    sStreamInfo info;
-    info.id = -5;
-    info.type = "shmQ";
-    info.name = name;
-    info.rate = 44100;
-    info.numCh = 2;
-    info.sampleSize = 2;
-    info.meta = "navigation prompt";
-    return info;
+    sStreamInfo i;
+    i.id = -5, i.type = "shmQ", i.name = name, i.rate = 44100, i.numCh = 2, i.sampleSize = 2, i.meta = "nav prompt";
+    return i;
+}
+std::string Fields(const sStreamInfo& i) {
+    std::ostringstream s;
+    s << i.name << '|' << i.type << '|' << i.id << '|' << i.rate << '|' << i.numCh << '|' << i.sampleSize << '|' << i.meta;
+    return s.str();
 }
 
-int OpenFdCount() { return static_cast<int>(DirEntries("/proc/self/fd").size()); }
-
-class DiscoveryTest : public ::testing::Test {
+class StreamFilesTest : public ::testing::Test {
 protected:
-    void SetUp() override { MIXER_REQUIRE_PRIVATE_RUN(); }
+    // The stream directory is a fixed path: touch it only in the private /run of ctest's wrapper.
+    void SetUp() override {
+        if (!std::getenv("MIXER_PRIVATE_RUN")) GTEST_SKIP() << "needs the private /run of the suite's wrapper";
+    }
+};
+
+TEST_F(StreamFilesTest, CheckDirMakesTheDirectoryOrSaysWhyNot) {
+    const std::string missing = "E Mixer_Utils:UtilCheckDir:mixer directory doesn't exist so create it:",
+                      remade = "I Mixer_Utils:UtilCheckDir:Deleted mixer directory and created back:";
+    const struct { bool plainFile, readOnly; Lines log; } cases[] = {
+        {false, true, {missing, "E Mixer_Utils:UtilCheckDir:failed to create mixer directory:"}},
+        {true, true, {"E Mixer_Utils:UtilCheckDir:failed to remove mixer directory:"}},
+        {true, false, {remade}},
+        {false, false, {missing, remade}},  // a new directory is made twice
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.log.back());
+        remove(kDir.c_str());
+        if (c.plainFile) std::ofstream(kDir.c_str()) << "x";
+        SetRunReadOnly(c.readOnly);
+        LogCapture log;
+        EXPECT_EQ(!c.readOnly, UtilCheckDir());
+        EXPECT_EQ(c.log, log.Lines());
+        SetRunReadOnly(false);
+        struct stat st;
+        EXPECT_EQ(!c.readOnly, stat(kDir.c_str(), &st) == 0 && S_ISDIR(st.st_mode));
+    }
+    const mode_t mask = umask(0);
+    umask(mask);
+    struct stat st;
+    ASSERT_EQ(0, stat(kDir.c_str(), &st));
+    EXPECT_EQ(0755u & ~mask, st.st_mode & 0777u);
+    LogCapture log;  // an existing directory is left alone, silently
+    EXPECT_TRUE(UtilCheckDir());
+    EXPECT_EQ(Lines{}, log.Lines());
+}
+
+TEST_F(StreamFilesTest, WriteThenReadGivesTheSameRecordAndPingAnEmptyFile) {
+    ASSERT_EQ(0, UtilWriteFile(Info("/music1")));  // a leading slash is not doubled
+    EXPECT_EQ("/music1\nshmQ\n-5\n44100\n2\n2\nnav prompt\n", ReadAll(kDir + "/music1"));
+    sStreamInfo in = Info("music1"), out;
+    in.meta.clear();  // an empty meta still ends in a line feed
+    ASSERT_EQ(0, UtilWriteFile(in));
+    EXPECT_EQ("music1\nshmQ\n-5\n44100\n2\n2\n\n", ReadAll(kDir + "/music1"));
+    LogCapture log;
+    ASSERT_EQ(0, UtilReadFile("music1", out));
+    EXPECT_EQ(Fields(in), Fields(out));
+    EXPECT_EQ(-1, UtilWriteFile(Info("no/such/dir")));  // silently
+    EXPECT_EQ(Lines{"D Mixer_Utils:ReadFile:music1:"}, log.Lines());
+    ASSERT_TRUE(WriteRaw("Ping", "stale"));
+    UtilPing();
+    EXPECT_EQ("", ReadAll(kDir + "/Ping"));
+    EXPECT_EQ(Lines({"Ping", "music1"}), Entries(kDir));
+}
+
+TEST_F(StreamFilesTest, ReadFileKeepsToTheLineRules) {
+    const std::string t199(199, 't'), t250(250, 't');
+    std::string junk(4096, '\0'), full;
+    for (size_t i = 0; i < junk.size(); ++i) junk[i] = static_cast<char>(i % 240 + 11);  // no line feed
+    junk[5] = '\0';
+    for (char c = 'a'; c < 'a' + 7; ++c) full += std::string(199, c) + "\n";
+    const struct { std::string content, fields; } cases[] = {
+        {"three\nshmB\n-7\n", "three|shmB|-7|0|0|0|"},  // missing lines read empty or 0
+        {"edge\n" + t199 + "\n5\n8000\n1\n2\nm\n", "edge|" + t199 + "|5|8000|1|2|m"},
+        // A longer line keeps 199 characters and fails the stream: the rest reads empty.
+        {"long\n" + t250 + "\n5\n8000\n1\n2\nmeta\n", "long|" + t199 + "|0|0|0|0|"},
+        {junk, junk.substr(0, 5) + "||0|0|0|0|"},
+        {"huge\nshmB\n9\n16000\n1\n2\nlast\n" + std::string(8 << 20, 'z'), "huge|shmB|9|16000|1|2|last"},
+        {full + "tail", std::string(199, 'a') + "|" + std::string(199, 'b') + "|0|0|0|0|" + std::string(199, 'g')},
+    };
+    ASSERT_TRUE(UtilCheckDir());
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fields.substr(0, 20));
+        ASSERT_TRUE(WriteRaw("f", c.content));
+        sStreamInfo out = Info("junk");  // every field must be overwritten
+        ASSERT_EQ(0, UtilReadFile("f", out));
+        EXPECT_EQ(c.fields, Fields(out));
+    }
+}
+
+TEST_F(StreamFilesTest, ReadFileRefusesWhatIsNotARegularFileInTheDirectory) {
+    // Clients share the directory: nothing there may lead the reader elsewhere or stall it.
+    ASSERT_TRUE(UtilCheckDir());
+    ASSERT_TRUE(WriteRaw("../outside", "outside\nshmQ\n1\n48000\n2\n2\nsecret\n"));
+    ASSERT_EQ(0, symlink("/run/outside", (kDir + "/link").c_str()));
+    ASSERT_EQ(0, mknod((kDir + "/zero").c_str(), S_IFCHR | 0600, makedev(1, 5)));
+    ASSERT_EQ(0, mkdir((kDir + "/sub").c_str(), 0755));
+    ASSERT_EQ(0, mkfifo((kDir + "/pipe").c_str(), 0600));
+    for (const std::string name : {"nope", "link", "zero", "sub", "pipe", "../outside", "", "."}) {
+        SCOPED_TRACE(name);
+        // In a child: an open that waited for the FIFO's writer would not return, and is killed.
+        test::ChildProcess child([name] {
+            LogCapture log;
+            sStreamInfo out = Info("keep");
+            CHILD_CHECK(UtilReadFile(name, out) == -1 && Fields(out) == Fields(Info("keep")));
+            CHILD_CHECK(log.Has("E Mixer_Utils:AddStream:Failed to open " + kDir + "/" + name + ":"));
+            return 0;
+        });
+        EXPECT_EQ(0, child.Wait(20000));
+    }
+    // Removal takes the link, never its target, and nothing outside by a crafted name.
+    LogCapture log;
+    for (const char* name : {"/link", "../outside", "gone"}) UtilRemoveFile(name);
+    EXPECT_EQ(Lines({"pipe", "sub", "zero"}), Entries(kDir));
+    EXPECT_EQ("outside\nshmQ\n1\n48000\n2\n2\nsecret\n", ReadAll("/run/outside"));
+    EXPECT_EQ(Lines({"D Mixer_Utils:file being removed /var/run/mixer/link::",
+                     "D Mixer_Utils:file being removed /var/run/mixer/../outside::",
+                     "D Mixer_Utils:file being removed /var/run/mixer/gone::"}),
+              log.Lines());
+}
+
+class DiscoveryTest : public StreamFilesTest {
+protected:
     bool WaitPings(int n) { return host.WaitForCalls("Ping", n, kWait); }
     bool WaitOffers(int n) { return host.WaitForCalls("AddNewStream", n, kWait); }
-    // Writes the file "first" and keeps the watcher inside its offer until the returned
-    // promise is set: whatever the test does meanwhile queues up behind it.
-    std::promise<void> HoldWatcherInFirstOffer() {
-        std::promise<void> release;
-        std::shared_future<void> released = release.get_future().share();
-        host.SetNewStreamHook([released](const std::string&, const sStreamInfo&) { released.wait(); });
-        EXPECT_EQ(0, UtilWriteFile(Info("first")));
-        EXPECT_TRUE(WaitOffers(1));
-        return release;
-    }
-    FakeConnect host;
-};
-
-// A client in a process of its own, forked before the test starts any thread: once let
-// go, it writes the description file of name (or runs body) and pings.
-class Client {
-public:
-    explicit Client(const std::string& name)
-        : Client([name] { return UtilWriteFile(Info(name)) == 0 ? 0 : __LINE__; }) {}
-    explicit Client(const std::function<int()>& body)
-        : child_([this, body] {
-              CHILD_CHECK(go_.Receive() == '.');
-              const int rc = body();
-              if (rc != 0) return rc;
-              UtilPing();  // processed after the files: marks the end of their handling
-              return 0;
-          }) {}
-    // Lets the child run and waits for it: 0, or the failing line.
-    int Run() { return go_.Send() ? child_.Wait() : -1; }
-
-private:
-    test::Pipe go_;
-    ChildProcess child_;
-};
-
-TEST_F(DiscoveryTest, InitLogsEachStepAndStartsTheWatcher) {
+    test::FakeConnect host;
     LogCapture log;
+};
+
+TEST_F(DiscoveryTest, InitLogsEachStepOrWhyItFailed) {
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
     ASSERT_TRUE(log.WaitFor("I Mixer_Discovery:Discovery Thread:started:"));
-    std::vector<std::string> lines = log.Lines();
-    lines.erase(std::remove(lines.begin(), lines.end(), "I Mixer_Discovery:Discovery Thread:started:"),
-                lines.end());
-    const std::vector<std::string> expected = {
-        "I Mixer_Discovery:DIscovery Init:Enter:",
-        "E Mixer_Utils:UtilCheckDir:mixer directory doesn't exist so create it:",
-        "I Mixer_Utils:UtilCheckDir:Deleted mixer directory and created back:",
-        "I Mixer_Discovery:Discovery Init:Inotify Init Succeeded:",
-        "I Mixer_Discovery:Discovery Init:Watch Added successfully on mixer directory:",
-        "I Mixer_Discovery:Discovery Init:opendir succeeded!:",
-        "I Mixer_Discovery:Discovery Init:Discovery Thread successfully created:",
-    };
-    EXPECT_EQ(expected, lines);
-    EXPECT_TRUE(PathIsDir(kDir));
+    Lines lines = log.Lines();
+    lines.erase(std::remove(lines.begin(), lines.end(), "I Mixer_Discovery:Discovery Thread:started:"), lines.end());
+    EXPECT_EQ(Lines({"I Mixer_Discovery:DIscovery Init:Enter:",
+                     "E Mixer_Utils:UtilCheckDir:mixer directory doesn't exist so create it:",
+                     "I Mixer_Utils:UtilCheckDir:Deleted mixer directory and created back:",
+                     "I Mixer_Discovery:Discovery Init:Inotify Init Succeeded:",
+                     "I Mixer_Discovery:Discovery Init:Watch Added successfully on mixer directory:",
+                     "I Mixer_Discovery:Discovery Init:opendir succeeded!:",
+                     "I Mixer_Discovery:Discovery Init:Discovery Thread successfully created:"}),
+              lines);
+    EXPECT_EQ(1, discovery.DeInit());
+
+    // Each failure ends with its reason: no host, no descriptor left (the limit lowered
+    // to the lowest free one), no directory.
+    const char* reasons[] = {"E Mixer_Discovery:Init Failed:no connection:",
+                             "E Mixer_Discovery:Init Failed:inotify_init1 failed:",
+                             "E Mixer_Utils:UtilCheckDir:failed to create mixer directory:"};
+    struct rlimit saved, tight;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+    tight = saved;
+    tight.rlim_cur = static_cast<rlim_t>(dup(0));
+    close(static_cast<int>(tight.rlim_cur));
+    for (int step = 0; step < 3; ++step) {
+        log.Clear();
+        Discovery failing;
+        if (step == 2) SetRunReadOnly(true);
+        const int limited = step == 1 ? setrlimit(RLIMIT_NOFILE, &tight) : 0;
+        const int result = failing.Init(step == 0 ? nullptr : &host);
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved) + limited);
+        EXPECT_EQ(0, result);
+        EXPECT_EQ(reasons[step], log.Lines().back());
+    }
 }
 
-TEST_F(DiscoveryTest, ClientFileIsOfferedOnceAndStaysWhenAccepted) {
-    Client client("nav1");
-    Discovery discovery;
-    ASSERT_EQ(1, discovery.Init(&host));
-    ASSERT_EQ(0, client.Run());
-    ASSERT_TRUE(WaitPings(1));
-
-    const std::vector<FakeConnect::NewStreamCall> offers = host.NewStreams();
-    ASSERT_EQ(1u, offers.size());
-    EXPECT_EQ("nav1", offers[0].fileName);
-    EXPECT_EQ("nav1", offers[0].info.name);
-    EXPECT_EQ("shmQ", offers[0].info.type);
-    EXPECT_EQ(-5, offers[0].info.id);
-    EXPECT_EQ(44100u, offers[0].info.rate);
-    EXPECT_EQ(2u, offers[0].info.numCh);
-    EXPECT_EQ(2u, offers[0].info.sampleSize);
-    EXPECT_EQ("navigation prompt", offers[0].info.meta);
-    // The accepted file stays, the ping file is gone.
-    EXPECT_EQ(std::vector<std::string>{"nav1"}, DirEntries(kDir));
-}
-
-TEST_F(DiscoveryTest, RefusedFileIsRemoved) {
-    Client client("refused");
-    host.SetAddNewStreamResult(-1);
-    Discovery discovery;
-    ASSERT_EQ(1, discovery.Init(&host));
-    ASSERT_EQ(0, client.Run());
-    ASSERT_TRUE(WaitPings(1));
-    EXPECT_EQ(1u, host.NewStreams().size());
-    EXPECT_TRUE(DirEntries(kDir).empty());
-}
-
-TEST_F(DiscoveryTest, FileGoneBeforeReadingIsDroppedWithoutOffer) {
-    LogCapture log;
-    Discovery discovery;
-    ASSERT_EQ(1, discovery.Init(&host));
-    std::promise<void> release = HoldWatcherInFirstOffer();
-    ASSERT_EQ(0, UtilWriteFile(Info("vanishing")));
-    ASSERT_EQ(0, unlink((kDir + "/vanishing").c_str()));
-    UtilPing();
-    release.set_value();
-    ASSERT_TRUE(WaitPings(1));
-    EXPECT_EQ(1u, host.NewStreams().size());
-    EXPECT_TRUE(log.Has("E Mixer_Utils:AddStream:Failed to open /var/run/mixer/vanishing:")) << log.Dump();
-}
-
-TEST_F(DiscoveryTest, PingIsAnsweredAndRemovedNotParsed) {
-    LogCapture log;
-    Discovery discovery;
-    ASSERT_EQ(1, discovery.Init(&host));
-    UtilPing();
-    ASSERT_TRUE(WaitPings(1));
-    EXPECT_TRUE(host.NewStreams().empty());
-    EXPECT_FALSE(PathExists(kDir + "/Ping"));
-    EXPECT_TRUE(log.Has("D Mixer_Discovery:AddStream:Ping:")) << log.Dump();
-    EXPECT_EQ(0, log.CountPrefix("D Mixer_Utils:ReadFile:"));
-}
-
-TEST_F(DiscoveryTest, FilesPresentBeforeInitAreOnlyLoggedAndReadingOneOffersNothing) {
+TEST_F(DiscoveryTest, FilesAreOfferedOnceAcceptedOnesStayAndPingIsOnlyAnswered) {
     ASSERT_EQ(0, UtilWriteFile(Info("early")));
     ASSERT_EQ(0, mkdir((kDir + "/subdir").c_str(), 0755));
-    LogCapture log;
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
-    EXPECT_TRUE(log.Has("D Mixer_Discovery:Discovered filename is early::")) << log.Dump();
+    // Files from before are only logged (directories not even that).
     EXPECT_EQ(1, log.CountPrefix("D Mixer_Discovery:Discovered filename is ")) << log.Dump();
-    // A read-only open and close of the file is no announcement either.
-    {
-        std::ifstream in((kDir + "/early").c_str());
-        std::string line;
-        ASSERT_TRUE(std::getline(in, line));
-    }
-
+    EXPECT_TRUE(log.Has("D Mixer_Discovery:Discovered filename is early::")) << log.Dump();
+    ReadAll(kDir + "/early");  // a close after reading is no announcement
+    ASSERT_EQ(0, UtilWriteFile(Info("nav1")));
+    ASSERT_TRUE(WaitOffers(1));
+    host.SetAddNewStreamResult(-1);  // nav1 is in: the next one is refused and removed
+    ASSERT_EQ(0, UtilWriteFile(Info("refused")));
     UtilPing();
     ASSERT_TRUE(WaitPings(1));
-    EXPECT_TRUE(host.NewStreams().empty());
-    EXPECT_TRUE(PathExists(kDir + "/early"));
+    const std::vector<test::FakeConnect::NewStreamCall> offers = host.NewStreams();
+    ASSERT_EQ(2u, offers.size());
+    EXPECT_EQ("nav1", offers[0].fileName);
+    EXPECT_EQ(Fields(Info("nav1")), Fields(offers[0].info));
+    EXPECT_EQ("refused", offers[1].fileName);
+    EXPECT_EQ(Lines({"early", "nav1", "subdir"}), Entries(kDir));
+    EXPECT_EQ(2, log.CountPrefix("D Mixer_Utils:ReadFile:"));  // the ping file is not parsed
+    EXPECT_TRUE(log.Has("D Mixer_Discovery:AddStream:Ping:")) << log.Dump();
 }
 
-TEST_F(DiscoveryTest, NameAtTheBufferLimitIsOfferedLongerEndsWatcher) {
-    LogCapture log;
+TEST_F(DiscoveryTest, NameAtTheBufferLimitIsOfferedALongerOneEndsTheWatcher) {
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
     // 140 characters and the terminator pad to 144: one event fills the 160 bytes.
-    const std::string fits(140, 'f');
-    ASSERT_EQ(0, UtilWriteFile(Info(fits)));
+    ASSERT_EQ(0, UtilWriteFile(Info(std::string(140, 'f'))));
     ASSERT_TRUE(WaitOffers(1));
-    EXPECT_EQ(fits, host.NewStreams()[0].fileName);
-
+    EXPECT_EQ(std::string(140, 'f'), host.NewStreams()[0].fileName);
     ASSERT_EQ(0, UtilWriteFile(Info(std::string(150, 'g'))));
-    ASSERT_TRUE(log.WaitFor("E Mixer_Discovery:Failed to read inotify:reason = Invalid argument:"))
-        << log.Dump();
+    ASSERT_TRUE(log.WaitFor("E Mixer_Discovery:Failed to read inotify:reason = Invalid argument:")) << log.Dump();
     ASSERT_TRUE(log.WaitFor(kThreadExit));
     EXPECT_EQ(1u, host.NewStreams().size());
-    EXPECT_EQ(1, discovery.DeInit());
 }
 
 TEST_F(DiscoveryTest, DeletingTheDirectoryEndsTheWatcher) {
-    LogCapture log;
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
     ASSERT_EQ(0, rmdir(kDir.c_str()));
     ASSERT_TRUE(log.WaitFor("E Mixer_Discovery:runLoop:IN_DELETE_SELF:Exiting")) << log.Dump();
     ASSERT_TRUE(log.WaitFor(kThreadExit));
-
-    // Nobody watches any more: a new directory and file reach no host.
-    ASSERT_EQ(0, UtilWriteFile(Info("late")));
+    ASSERT_EQ(0, UtilWriteFile(Info("late")));  // nobody watches the new directory
     log.Clear();
     EXPECT_EQ(1, discovery.DeInit());
     EXPECT_TRUE(host.NewStreams().empty());
     // The kernel dropped the watch with the directory, so removing it fails.
-    EXPECT_TRUE(log.Has("E Mixer_Discovery:Failed to remove watch:inotify_rm_watch failed with ret -1:"))
-        << log.Dump();
-    EXPECT_FALSE(PathExists(kDir));
+    EXPECT_EQ(Lines{"E Mixer_Discovery:Failed to remove watch:inotify_rm_watch failed with ret -1:"}, log.Lines());
+    EXPECT_FALSE(Exists(kDir));
 }
 
-TEST_F(DiscoveryTest, DeInitStopsWatcherAndLeavesNothingBehind) {
-    const int fdsBefore = OpenFdCount();
-    LogCapture log;
+TEST_F(DiscoveryTest, DeInitStopsTheWaitingWatcherAndLeavesNothingBehind) {
+    const Lines fdsBefore = Entries("/proc/self/fd");
     {
         Discovery discovery;
         ASSERT_EQ(1, discovery.Init(&host));
@@ -237,147 +320,71 @@ TEST_F(DiscoveryTest, DeInitStopsWatcherAndLeavesNothingBehind) {
         ASSERT_TRUE(WaitOffers(1));
         EXPECT_EQ(1, discovery.DeInit());
         EXPECT_EQ(1, log.Count(kThreadExit));
-        EXPECT_FALSE(PathExists(kDir));
-        EXPECT_EQ(fdsBefore, OpenFdCount());
+        EXPECT_FALSE(Exists(kDir));
+        EXPECT_EQ(fdsBefore, Entries("/proc/self/fd"));
     }  // the destructor's second DeInit must be harmless
     EXPECT_EQ(1, log.Count(kThreadExit));
     EXPECT_EQ(0, log.CountPrefix("E Mixer_Discovery:Failed to remove watch")) << log.Dump();
 }
 
-TEST_F(DiscoveryTest, InitFailsWhenDirectoryCannotBeMade) {
-    ASSERT_EQ(0, mount("tmpfs", "/run", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
-    LogCapture log;
-    Discovery discovery;
-    EXPECT_EQ(0, discovery.Init(&host));
-    EXPECT_TRUE(log.Has("E Mixer_Utils:UtilCheckDir:failed to create mixer directory:")) << log.Dump();
-    EXPECT_EQ(0, log.CountPrefix("I Mixer_Discovery:Discovery Init:Inotify"));
-}
-
-TEST_F(DiscoveryTest, InitFailsWithoutDescriptors) {
-    ASSERT_TRUE(UtilCheckDir());
-    // Lower the descriptor limit to the lowest free descriptor: no new one can open.
-    struct rlimit saved;
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
-    const int lowest = dup(0);
-    ASSERT_GE(lowest, 0);
-    close(lowest);
-    struct rlimit tight = saved;
-    tight.rlim_cur = static_cast<rlim_t>(lowest);
-    LogCapture log;
-    Discovery discovery;
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
-    const int result = discovery.Init(&host);
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
-    EXPECT_EQ(0, result);
-    EXPECT_TRUE(log.Has("E Mixer_Discovery:Init Failed:inotify_init1 failed:")) << log.Dump();
-}
-
-// Writes content under name in the stream directory, closing it after writing.
-bool WriteRaw(const std::string& name, const std::string& content) {
-    std::ofstream out((kDir + "/" + name).c_str(), std::ios::binary | std::ios::trunc);
-    out << content;
-    out.close();
-    return !out.fail();
-}
-
-// A FIFO under a stream file's name, "closed after writing" as the watcher sees it.
-bool MakeAnnouncedFifo(const std::string& name) {
-    const std::string path = kDir + "/" + name;
-    if (mkfifo(path.c_str(), 0600) != 0) return false;
-    const int fd = open(path.c_str(), O_RDWR | O_NONBLOCK);  // a FIFO's own reader: no wait
-    return fd >= 0 && close(fd) == 0;
-}
-
-TEST_F(DiscoveryTest, JunkAndHugeFilesAreHandledAndTheWatcherKeepsAnswering) {
+TEST_F(DiscoveryTest, FloodFromAClientIsEachOfferedOnceAndRefusedFilesRemoved) {
+    const int kFiles = 300, kFifos = 30;
+    test::Pipe go;
+    // Forked before the watcher starts; every third file is junk, and FIFOs are never read.
+    test::ChildProcess client([&go] {
+        CHILD_CHECK(go.Receive() == '.');
+        for (int i = 0; i < kFiles; ++i) {
+            const std::string name = "s" + std::to_string(i);
+            CHILD_CHECK(i % 3 ? UtilWriteFile(Info(name)) == 0 : WriteRaw(name, std::string(300, char(i))));
+        }
+        for (int i = 0; i < kFifos; ++i) {  // "closed after writing" as the watcher sees it
+            const std::string path = kDir + "/f" + std::to_string(i);
+            CHILD_CHECK(mkfifo(path.c_str(), 0600) == 0 && close(open(path.c_str(), O_RDWR | O_NONBLOCK)) == 0);
+        }
+        UtilPing();
+        return 0;
+    });
     host.SetAddNewStreamResult(-1);
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
-    ASSERT_TRUE(WriteRaw("junk", std::string("\0\x01\xff\0garbage\0", 12) + std::string(3000, '\x7f')));
-    ASSERT_TRUE(WriteRaw("huge", "huge\nshmQ\n1\n48000\n2\n2\nm\n" + std::string(16 << 20, '\n')));
-    ASSERT_TRUE(WriteRaw("long", std::string(1 << 20, 'L')));
-    ASSERT_TRUE(WriteRaw("short", "sh"));
-    UtilPing();
+    ASSERT_TRUE(go.Send());
+    ASSERT_EQ(0, client.Wait());
     ASSERT_TRUE(WaitPings(1));
-
-    const std::vector<FakeConnect::NewStreamCall> offers = host.NewStreams();
-    ASSERT_EQ(4u, offers.size());
-    EXPECT_EQ("junk", offers[0].fileName);
-    EXPECT_EQ("", offers[0].info.name);
-    EXPECT_EQ("huge", offers[1].info.name);
-    EXPECT_EQ(48000u, offers[1].info.rate);
-    EXPECT_EQ(std::string(199, 'L'), offers[2].info.name);
-    EXPECT_EQ("", offers[2].info.type);
-    EXPECT_EQ("sh", offers[3].info.name);
-    EXPECT_TRUE(DirEntries(kDir).empty());  // refused, so removed
-    UtilPing();
-    EXPECT_TRUE(WaitPings(2));
-}
-
-TEST_F(DiscoveryTest, SymlinkIsRemovedNotFollowed) {
-    const std::string outside = "/run/secret";
-    const std::string secret = "secret\nshmQ\n1\n48000\n2\n2\nkeep out\n";
-    { std::ofstream(outside.c_str()) << secret; }
-    LogCapture log;
-    Discovery discovery;
-    ASSERT_EQ(1, discovery.Init(&host));
-    // While the watcher is held in the first offer, a client writes "evil" and swaps it
-    // for a link to the outside file before the watcher gets to read it.
-    std::promise<void> release = HoldWatcherInFirstOffer();
-    ASSERT_EQ(0, UtilWriteFile(Info("evil")));
-    ASSERT_EQ(0, symlink(outside.c_str(), (kDir + "/evil.tmp").c_str()));
-    ASSERT_EQ(0, rename((kDir + "/evil.tmp").c_str(), (kDir + "/evil").c_str()));
-    UtilPing();
-    release.set_value();
-    ASSERT_TRUE(WaitPings(1));
-
-    EXPECT_EQ(1u, host.NewStreams().size());
-    EXPECT_TRUE(log.Has("E Mixer_Utils:AddStream:Failed to open /var/run/mixer/evil:")) << log.Dump();
-    EXPECT_EQ(std::vector<std::string>{"first"}, DirEntries(kDir));
-    EXPECT_EQ(secret, [&] {
-        std::ifstream in(outside.c_str());
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }());
-}
-
-TEST_F(DiscoveryTest, FifoDoesNotBlockTheWatcher) {
-    LogCapture log;
-    Discovery discovery;
-    ASSERT_EQ(1, discovery.Init(&host));
-    ASSERT_TRUE(MakeAnnouncedFifo("pipe"));
-    UtilPing();
-    ASSERT_TRUE(WaitPings(1)) << log.Dump();
-    EXPECT_TRUE(host.NewStreams().empty());
-    EXPECT_TRUE(log.Has("E Mixer_Utils:AddStream:Failed to open /var/run/mixer/pipe:")) << log.Dump();
-    EXPECT_TRUE(DirEntries(kDir).empty());
-}
-
-TEST_F(DiscoveryTest, FloodOfFilesFromAClientIsEachOfferedOrRemoved) {
-    const int kFiles = 300, kFifos = 30;
-    Client client([] {
-        for (int i = 0; i < kFiles; ++i) {
-            const std::string name = "s" + std::to_string(i);
-            // Every third a junk file, the others proper descriptions.
-            const bool ok = i % 3 == 0 ? WriteRaw(name, std::string(300, static_cast<char>(i)))
-                                       : UtilWriteFile(Info(name)) == 0;
-            CHILD_CHECK(ok);
-        }
-        for (int i = 0; i < kFifos; ++i) CHILD_CHECK(MakeAnnouncedFifo("f" + std::to_string(i)));
-        return 0;
-    });
-    Discovery discovery;
-    ASSERT_EQ(1, discovery.Init(&host));
-    ASSERT_EQ(0, client.Run());
-    ASSERT_TRUE(WaitPings(1));
-
     std::set<std::string> offered;
-    for (const FakeConnect::NewStreamCall& call : host.NewStreams()) offered.insert(call.fileName);
-    EXPECT_EQ(static_cast<size_t>(kFiles), offered.size());
-    EXPECT_EQ(static_cast<size_t>(kFiles), host.NewStreams().size());
-    // The accepted files stay; every FIFO was refused and removed.
-    const std::vector<std::string> left = DirEntries(kDir);
-    EXPECT_EQ(std::vector<std::string>(offered.begin(), offered.end()), left);
-    UtilPing();
-    EXPECT_TRUE(WaitPings(2));
+    for (const auto& call : host.NewStreams()) offered.insert(call.fileName);
+    EXPECT_EQ(size_t(kFiles), offered.size());
+    EXPECT_EQ(size_t(kFiles), host.NewStreams().size());
+    EXPECT_EQ(Lines{}, Entries(kDir));
+}
+
+TEST_F(DiscoveryTest, EveryTenthInterruptedReadInARowIsCountedAndLogged) {
+    {
+        std::lock_guard<std::mutex> guard(g_lock);
+        g_fd = dup(0);  // the lowest free descriptor: Init's inotify instance gets it
+        close(g_fd);
+    }
+    Discovery discovery;
+    ASSERT_EQ(1, discovery.Init(&host));
+    // Arms n interruptions, wakes the watcher with a ping and waits until it has used
+    // them all and is back in a kernel read; the ping's read restarts the count.
+    int pings = 0;
+    auto interrupt = [&](int n, size_t metrics) {
+        std::unique_lock<std::mutex> guard(g_lock);
+        g_interruptsLeft = n;
+        const int kernelReads = g_kernelReads;
+        guard.unlock();
+        UtilPing();
+        ASSERT_TRUE(WaitPings(++pings));
+        guard.lock();
+        ASSERT_TRUE(g_changed.wait_for(guard, kWait, [&] { return !g_interruptsLeft && g_kernelReads > kernelReads; }));
+        EXPECT_EQ(Lines(metrics, "Discovery|DiscoveryRunLoop|InotifyInterrupt|1|0|0|0"), g_metrics);
+    };
+    interrupt(15, 1);
+    interrupt(5, 1);  // without the restart, these would make twenty
+    interrupt(20, 3);
+    EXPECT_EQ(2, log.Count("E Mixer_Discovery:Read Retry count:10:")) << log.Dump();
+    EXPECT_EQ(1, log.Count("E Mixer_Discovery:Read Retry count:20:")) << log.Dump();
+    EXPECT_EQ(3, log.CountPrefix("E Mixer_Discovery:Read Retry count:"));
 }
 
 }  // namespace

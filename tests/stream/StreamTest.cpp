@@ -1,4 +1,4 @@
-#include "mixer/stream/Stream.h"
+#include "mixer/stream/StreamOut.h"
 
 #include <gtest/gtest.h>
 
@@ -6,184 +6,205 @@
 #include <vector>
 
 #include "mixer/algo/AlgoRampGain.h"
+#include "tests/support/FakeOutput.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ScriptedInput.h"
 
 namespace mixer {
 namespace {
 
-// An algorithm that notes each call in a shared trace and returns a chosen frame (the
-// one it was given, by default).
-class TraceAlgo : public Algo {
-public:
-    TraceAlgo(uint32_t id_, const std::string& tag, std::vector<std::string>* trace,
-              uint32_t latency = 0)
-        : Algo(static_cast<tAlgoID>(id_)), tag_(tag), trace_(trace), latency_(latency) {}
+using Frame = boost::shared_ptr<AudioFrame>;
+using Trace = std::vector<std::string>;
 
-    boost::shared_ptr<AudioFrame> Process(boost::shared_ptr<AudioFrame> frame) override {
-        trace_->push_back(tag_ + (frame ? "" : "(empty)"));
-        return replace_ ? *replace_ : frame;
+// Notes each call in a shared trace and returns the frame it was given, or `out` once
+// `replace` is set.
+struct TraceAlgo : Algo {
+    TraceAlgo(uint32_t id_, const std::string& tag_, Trace* trace_, uint32_t latency_ = 0)
+        : Algo(static_cast<tAlgoID>(id_)), tag(tag_), trace(trace_), latency(latency_) {}
+    Frame Process(Frame f) override {
+        trace->push_back(tag + (f ? "" : "(empty)"));
+        return replace ? out : f;
     }
-    uint32_t GetLatencyUs() override { return latency_; }
-    void ReturnInstead(boost::shared_ptr<AudioFrame> f) { replace_.reset(new boost::shared_ptr<AudioFrame>(f)); }
-
-private:
-    std::string tag_;
-    std::vector<std::string>* trace_;
-    uint32_t latency_;
-    std::unique_ptr<boost::shared_ptr<AudioFrame> > replace_;
+    uint32_t GetLatencyUs() override { return latency; }
+    std::string tag;
+    Trace* trace;
+    uint32_t latency;
+    bool replace = false;
+    Frame out;
 };
 
-boost::shared_ptr<AudioFrame> NewFrame() {
-    return boost::shared_ptr<AudioFrame>(new AudioFrame(SAMPLE_SIZE_16, 48000, 2));
+// Not a ramp gain, though it claims its id.
+struct Impostor : Algo {
+    Impostor() : Algo(ALGO_ID_RAMP_GAIN) {}
+    Frame Process(Frame f) override { return f; }
+};
+
+boost::shared_ptr<TraceAlgo> Traced(uint32_t id, const std::string& tag, Trace* trace, uint32_t latency = 0) {
+    return boost::shared_ptr<TraceAlgo>(new TraceAlgo(id, tag, trace, latency));
 }
+Frame NewFrame() { return Frame(new AudioFrame(SAMPLE_SIZE_16, 48000, 2)); }
 
 TEST(StreamTest, WithoutInputWarnsAndReportsDefaults) {
     test::LogCapture log;
     Stream s;
     EXPECT_FALSE(s.Process());
-    EXPECT_EQ(log.Count("W Mixer_Stream:Process:No Input:"), 1);
-    EXPECT_EQ(s.GetState(), STATE_ACTIVE);
-    EXPECT_EQ(s.GetPriority(), 0u);
-    EXPECT_EQ(log.Count("W Mixer_Stream:GetPriority:Cannot get the input stream priority:"), 1);
     s.SetPriority(4);
-    EXPECT_EQ(log.Count("W Mixer_Stream:SetPriority:Cannot set the input stream priority:"), 1);
+    EXPECT_EQ(s.GetPriority(), 0u);
+    EXPECT_EQ(s.GetState(), STATE_ACTIVE);
     EXPECT_EQ(s.GetName(), "");
     EXPECT_EQ(s.GetMeta(), "");
     EXPECT_EQ(s.GetLatencyUs(), 0u);
-    EXPECT_FALSE(s.GetInput());
+    EXPECT_EQ(log.Lines(), (Trace{"W Mixer_Stream:Process:No Input:",
+                                  "W Mixer_Stream:SetPriority:Cannot set the input stream priority:",
+                                  "W Mixer_Stream:GetPriority:Cannot get the input stream priority:"}));
+    EXPECT_EQ(s.SetVolume(10), 0);  // the base has no output
 }
 
 TEST(StreamTest, ChainRunsInOrderAndPassesEmptyFramesOn) {
-    std::vector<std::string> trace;
+    Trace trace;
     Stream s;
-    boost::shared_ptr<AudioFrame> f = NewFrame();
+    Frame f = NewFrame();
     EXPECT_EQ(s.Process(f), f);  // empty chain: the very frame
-
-    boost::shared_ptr<TraceAlgo> a(new TraceAlgo(1, "a", &trace));
-    boost::shared_ptr<TraceAlgo> b(new TraceAlgo(2, "b", &trace));
-    boost::shared_ptr<TraceAlgo> c(new TraceAlgo(3, "c", &trace));
-    s.AddAlgo(a);
+    boost::shared_ptr<TraceAlgo> b = Traced(2, "b", &trace);
+    s.AddAlgo(Traced(1, "a", &trace));
     s.AddAlgo(b);
-    s.AddAlgo(c);
-    boost::shared_ptr<AudioFrame> g = NewFrame();
-    b->ReturnInstead(g);
-    EXPECT_EQ(s.Process(f), g);  // b's new frame reaches c and comes out
-    EXPECT_EQ(trace, (std::vector<std::string>{"a", "b", "c"}));
-
-    trace.clear();
-    EXPECT_FALSE(s.Process(boost::shared_ptr<AudioFrame>()));
-    EXPECT_TRUE(trace.empty());  // an empty frame in: no algorithm runs
-
-    b->ReturnInstead(boost::shared_ptr<AudioFrame>());
+    s.AddAlgo(Traced(3, "c", &trace));
+    b->replace = true;
+    b->out = NewFrame();
+    EXPECT_EQ(s.Process(f), b->out);  // b's new frame reaches c and comes out
+    EXPECT_FALSE(s.Process(Frame()));  // an empty frame in: no algorithm runs
+    b->out.reset();
     EXPECT_FALSE(s.Process(f));
-    EXPECT_EQ(trace, (std::vector<std::string>{"a", "b", "c(empty)"}));
+    EXPECT_EQ(trace, (Trace{"a", "b", "c", "a", "b", "c(empty)"}));
 }
 
-TEST(StreamTest, ProcessPullsFromTheInput) {
-    std::vector<std::string> trace;
-    boost::shared_ptr<test::ScriptedInput> in(new test::ScriptedInput(48000, 2, "media"));
-    boost::shared_ptr<AudioFrame> f = in->MakeFrame(5);
-    in->Push(f);
-    Stream s;
-    s.SetInput(in);
-    s.AddAlgo(boost::shared_ptr<Algo>(new TraceAlgo(0, "x", &trace)));
-    EXPECT_EQ(s.Process(), f);
-    EXPECT_EQ(trace, std::vector<std::string>{"x"});
-    EXPECT_FALSE(s.Process());  // the script is spent: no frame, the chain is not run
-    EXPECT_EQ(trace.size(), 1u);
-    EXPECT_EQ(in->OpCount("Process"), 2);
-}
-
-TEST(StreamTest, ForwardsTheInputsStateNameMetaAndPriority) {
+TEST(StreamTest, PullsFromTheInputAndForwardsItsStateNameMetaAndPriority) {
+    Trace trace;
     boost::shared_ptr<test::ScriptedInput> in(new test::ScriptedInput(48000, 2, "alerts"));
     in->name = "shm-17";
-    in->PushWithState(boost::shared_ptr<AudioFrame>(), STATE_DRAINING);
+    Frame f = in->MakeFrame(5);
+    in->Push(f);
+    in->PushWithState(Frame(), STATE_DRAINING);
     Stream a, b;
     a.SetInput(in);
+    a.AddAlgo(Traced(0, "x", &trace));
     EXPECT_EQ(a.GetInput(), in);
     EXPECT_EQ(a.GetName(), "shm-17");
     EXPECT_EQ(a.GetMeta(), "alerts");
+    EXPECT_EQ(a.Process(), f);
     EXPECT_EQ(a.GetState(), STATE_ACTIVE);
-    a.Process();
+    EXPECT_FALSE(a.Process());  // no frame: the chain is not run
     EXPECT_EQ(a.GetState(), STATE_DRAINING);
+    EXPECT_EQ(trace, Trace{"x"});
+    EXPECT_EQ(in->OpCount("Process"), 2);
 
     a.SetPriority(9);
     EXPECT_EQ(in->priority, 9u);
-    // The priority travels with the input.
-    b.SetInput(in);
+    b.SetInput(in);  // the priority travels with the input
     a.SetInput(boost::shared_ptr<Input>());
     EXPECT_EQ(b.GetPriority(), 9u);
-    EXPECT_FALSE(a.GetInput());
     EXPECT_EQ(a.GetName(), "");
 }
 
 TEST(StreamTest, AlgorithmsAreFoundByIdAndPosition) {
     test::LogCapture log;
-    std::vector<std::string> trace;
+    Trace trace;
     Stream s;
     EXPECT_FALSE(s.GetAlgoById(ALGO_ID_NONE));
-    EXPECT_EQ(log.Count("D Mixer_Stream:GetAlgoByPos:Invalid pos -1:"), 1);
-
-    boost::shared_ptr<Algo> gain(new TraceAlgo(1, "gain", &trace));
-    boost::shared_ptr<Algo> odd(new TraceAlgo(9, "odd", &trace));
-    boost::shared_ptr<Algo> gain2(new TraceAlgo(1, "gain2", &trace));
     EXPECT_EQ(s.AddAlgo(boost::shared_ptr<Algo>()), -1);
-    EXPECT_EQ(log.Count("W Mixer_Stream:AddAlgo:Cannot add empty Algo:"), 1);
+    boost::shared_ptr<Algo> gain = Traced(1, "gain", &trace), odd = Traced(7, "odd", &trace),
+                            six = Traced(6, "six", &trace), gain2 = Traced(1, "gain2", &trace);
     EXPECT_EQ(s.AddAlgo(gain), 0);
     EXPECT_EQ(s.GetAlgoById(ALGO_ID_RAMP_GAIN), gain);
     EXPECT_EQ(s.AddAlgo(odd), 1);
-    EXPECT_EQ(log.Count("W Mixer_Stream:AddAlgo:Invalid ID 9:"), 1);
     EXPECT_EQ(s.GetAlgoByPos(1), odd);  // kept in the chain, not findable by id
-    EXPECT_FALSE(s.GetAlgoById(static_cast<tAlgoID>(9)));
-    EXPECT_EQ(log.Count("W Mixer_Stream:GetAlgoById:Invalid ID 9:"), 1);
     EXPECT_FALSE(s.GetAlgoById(static_cast<tAlgoID>(7)));
-    EXPECT_EQ(log.Count("W Mixer_Stream:GetAlgoById:Invalid ID 7:"), 1);
-    EXPECT_EQ(s.AddAlgo(gain2), 2);
+    EXPECT_EQ(s.AddAlgo(six), 2);
+    EXPECT_EQ(s.GetAlgoById(static_cast<tAlgoID>(6)), six);
+    EXPECT_EQ(s.AddAlgo(gain2), 3);
     EXPECT_EQ(s.GetAlgoById(ALGO_ID_RAMP_GAIN), gain2);  // the later one wins
-    EXPECT_FALSE(s.GetAlgoByPos(3));
-    EXPECT_EQ(log.Count("D Mixer_Stream:GetAlgoByPos:Invalid pos 3:"), 1);
+    EXPECT_FALSE(s.GetAlgoByPos(4));
     s.Process(NewFrame());
-    EXPECT_EQ(trace, (std::vector<std::string>{"gain", "odd", "gain2"}));
+    EXPECT_EQ(trace, (Trace{"gain", "odd", "six", "gain2"}));
+    EXPECT_EQ(log.Lines(), (Trace{"D Mixer_Stream:GetAlgoByPos:Invalid pos -1:",
+                                  "W Mixer_Stream:AddAlgo:Cannot add empty Algo:",
+                                  "W Mixer_Stream:AddAlgo:Invalid ID 7:",
+                                  "W Mixer_Stream:GetAlgoById:Invalid ID 7:",
+                                  "D Mixer_Stream:GetAlgoByPos:Invalid pos 4:"}));
 }
 
-TEST(StreamTest, ClearAlgosForgetsIdsZeroToFiveOnly) {
-    std::vector<std::string> trace;
+TEST(StreamTest, ClearAlgosForgetsIdsZeroToFiveOnlyAndLatencyWraps) {
+    Trace trace;
     Stream s;
-    s.AddAlgo(boost::shared_ptr<Algo>(new TraceAlgo(1, "gain", &trace, 1000)));
-    s.AddAlgo(boost::shared_ptr<Algo>(new TraceAlgo(6, "six", &trace, 250)));
-    EXPECT_EQ(s.GetLatencyUs(), 1250u);
+    s.AddAlgo(Traced(1, "gain", &trace, 0xFFFFFFF0u));
+    s.AddAlgo(Traced(6, "six", &trace, 0x20u));
+    s.AddAlgo(boost::shared_ptr<Algo>(new AlgoRampGain()));
+    EXPECT_EQ(s.GetLatencyUs(), 0x10u);
     s.ClearAlgos();
     EXPECT_FALSE(s.GetAlgoByPos(0));
     EXPECT_EQ(s.GetLatencyUs(), 0u);
     EXPECT_FALSE(s.GetAlgoById(ALGO_ID_RAMP_GAIN));
     EXPECT_FALSE(s.GetAlgoById(static_cast<tAlgoID>(6)));  // position 1 is gone for now
-
-    boost::shared_ptr<Algo> first(new TraceAlgo(2, "resample", &trace));
-    boost::shared_ptr<Algo> second(new TraceAlgo(4, "four", &trace));
+    boost::shared_ptr<Algo> first = Traced(2, "resample", &trace), second = Traced(5, "five", &trace);
     s.AddAlgo(first);
     s.AddAlgo(second);
-    // The id-6 entry still says position 1.
-    EXPECT_EQ(s.GetAlgoById(static_cast<tAlgoID>(6)), second);
+    EXPECT_EQ(s.GetAlgoById(static_cast<tAlgoID>(6)), second);  // the id-6 entry still says 1
+    EXPECT_EQ(s.GetAlgoById(static_cast<tAlgoID>(5)), second);
     EXPECT_FALSE(s.GetAlgoById(ALGO_ID_RAMP_GAIN));
 }
 
-TEST(StreamTest, LatencyIsTheWrappingSumOfTheChain) {
-    std::vector<std::string> trace;
-    Stream s;
-    s.AddAlgo(boost::shared_ptr<Algo>(new TraceAlgo(2, "a", &trace, 0xFFFFFFF0u)));
-    s.AddAlgo(boost::shared_ptr<Algo>(new TraceAlgo(3, "b", &trace, 0x20u)));
-    s.AddAlgo(boost::shared_ptr<Algo>(new AlgoRampGain()));
-    EXPECT_EQ(s.GetLatencyUs(), 0x10u);
+TEST(StreamOutTest, ProcessOutWritesACopyAndReturnsTheOutputsState) {
+    StreamOut s;
+    Frame f(new AudioFrame(SAMPLE_SIZE_16, 16000, 1));
+    for (uint32_t i = 0; i < f->len; ++i) f->Samples16()[i] = static_cast<int16_t>(i);
+    EXPECT_EQ(s.ProcessOut(f), STATE_FAULT);  // no output yet
+    boost::shared_ptr<test::FakeOutput> out(new test::FakeOutput("client", STATE_ACTIVE));
+    out->FailAtWrite(2, STATE_HANGUP);
+    s.SetOutput(out);
+    EXPECT_EQ(s.GetOutput(), out);
+    EXPECT_EQ(s.ProcessOut(f), STATE_ACTIVE);
+    EXPECT_EQ(s.ProcessOut(f), STATE_HANGUP);
+    const std::vector<Frame> frames = out->Frames();
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_NE(frames[0], f);
+    EXPECT_EQ(frames[0]->Samples16()[319], 319);
 }
 
-TEST(StreamTest, BaseSetVolumeDoesNothing) {
-    Stream s;
+TEST(StreamOutTest, SetVolumeRampsTheGainThenSetsTheOutput) {
+    test::LogCapture log;
+    StreamOut s;
     boost::shared_ptr<AlgoRampGain> gain(new AlgoRampGain());
     s.AddAlgo(gain);
-    EXPECT_EQ(s.SetVolume(10), 0);
-    EXPECT_EQ(gain->gainIndex, 127u);
+    EXPECT_EQ(s.SetVolume(0), -1);  // no output: the ramp is set, the call refused
+    boost::shared_ptr<test::FakeOutput> out(new test::FakeOutput("ALSA"));
+    out->SetVolumeResult(7);
+    s.SetOutput(out);
+
+    // No input counts as active: a 50-ms ramp at 48000 Hz, 75 + 1 steps.
+    EXPECT_EQ(s.SetVolume(30), 7);
+    EXPECT_EQ(gain->ramping, 1);
+    EXPECT_EQ(gain->stepsLeft, 76u);
+    EXPECT_EQ(log.Count("D Mixer_Stream:MsgSetSpeakerVol:30:"), 1) << log.Dump();
+    EXPECT_EQ(log.Count("E Mixer_Stream:SetVolume:No Output:"), 1) << log.Dump();
+    EXPECT_EQ(log.CountPrefix("I Mixer_AlgoRampGain:SetRamp:gain 30 Ramp 127 -> 99 dB steps 76 "), 1)
+        << log.Dump();
+
+    // A paused stream jumps at once.
+    boost::shared_ptr<test::ScriptedInput> in(new test::ScriptedInput(48000, 2, "mic"));
+    in->SetStateAtNextCall(STATE_PAUSED);
+    in->Drain();  // applies the pending state on this (the engine's) thread
+    s.SetInput(in);
+    EXPECT_EQ(s.SetVolume(100), 7);
     EXPECT_EQ(gain->ramping, 0);
+    EXPECT_EQ(gain->gainIndex, 175u);
+
+    // Without a ramp gain (an impostor of its id does not count) only the output is set.
+    log.Clear();
+    s.ClearAlgos();
+    s.AddAlgo(boost::shared_ptr<Algo>(new Impostor()));
+    EXPECT_EQ(s.SetVolume(46), 7);
+    EXPECT_EQ(out->Volumes(), (std::vector<int>{30, 100, 46}));
+    EXPECT_TRUE(log.Lines().empty()) << log.Dump();
 }
 
 }  // namespace
