@@ -1,136 +1,103 @@
 #pragma once
-
-#include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <map>
-#include <mutex>
-#include <string>
-#include <vector>
-
-#include <boost/shared_ptr.hpp>
-
+#include <optional>
 #include "mixer/algo/AlgoRampGain.h"
 #include "mixer/core/Connect.h"
 #include "mixer/core/MsgQ.h"
 #include "mixer/stream/Stream.h"
 #include "mixer/stream/StreamOut.h"
-
-namespace mixer {
-namespace test {
-
-// A host for the engines under test: records every call with its arguments and answers
-// with configurable results.
-//
-// Threading: the library calls it from its playback, record and discovery threads while
-// the test thread configures and reads it; every field is guarded by mutex_. Hooks and
-// the ChainMsgRecord forward run without mutex_ held, so they may call back into the
-// fake or post to an engine.
-class FakeConnect : public Connect {
+#include "tests/support/Fake.h"
+namespace mixer::test {
+// A host for the engines under test: records every call by name and answers with set results.
+class FakeConnect : public Connect, public Recorder {
 public:
-    struct InputAlgosCall {
-        boost::shared_ptr<Stream> stream;
-        boost::shared_ptr<MsgNewInput> msg;
-        boost::shared_ptr<AlgoRampGain> gain;  // the one attached, if any
-    };
-    struct OutputAlgosCall {
-        boost::shared_ptr<Output> output;
-        boost::shared_ptr<Stream> outStream;
-        tPlaybackModes mode;
-    };
-    struct RecordAlgosCall {
-        boost::shared_ptr<StreamOut> stream;
-        boost::shared_ptr<MsgNewOutput> msg;
-        boost::shared_ptr<AlgoRampGain> gain;  // the one attached, if any
-    };
-    struct NewStreamCall {
-        std::string fileName;
-        sStreamInfo info;
-    };
-
-    FakeConnect();
-    ~FakeConnect() override;
-
-    // Connect.
-    int AddNewStream(const std::string& fileName, sStreamInfo& info) override;
-    void Ping() override;
-    void AddPlaybackInputAlgos(boost::shared_ptr<Stream> stream,
-                               boost::shared_ptr<MsgNewInput> msg) override;
-    int AddPlaybackOutputAlgos(boost::shared_ptr<Output> output, boost::shared_ptr<Stream> outStream,
-                               tPlaybackModes mode) override;
-    void AddRecordAlgos(boost::shared_ptr<StreamOut> stream,
-                        boost::shared_ptr<MsgNewOutput> msg) override;
-    void ChainMsgRecord(boost::shared_ptr<MsgHead> msg) override;
-    boost::shared_ptr<Output> GetPlaybackDefaultOutput() override;
-    boost::shared_ptr<Input> GetRecordDefaultInput() override;
-    void GetSumParams(unsigned& rate, unsigned& numCh, tSampleSize& sampleSize) override;
-    void getAudioVolume(int* volume) override;
-
-    // Configuration (any thread).
-    void SetAddNewStreamResult(int result);
-    void SetAddPlaybackOutputAlgosResult(int result);
-    void SetSumParams(unsigned rate, unsigned numCh, tSampleSize sampleSize);
-    // The volume getAudioVolume writes; without one it writes nothing.
-    void SetAudioVolume(int volume);
-    void ClearAudioVolume();
-    // Handed out in order by GetPlaybackDefaultOutput; the last one repeats. Empty list:
-    // an empty pointer.
-    void SetDefaultOutputs(const std::vector<boost::shared_ptr<Output> >& outputs);
+    struct InputAlgosCall { boost::shared_ptr<Stream> stream; boost::shared_ptr<AlgoRampGain> gain; };
+    struct OutputAlgosCall { boost::shared_ptr<Output> output; boost::shared_ptr<Stream> outStream; tPlaybackModes mode; };
+    struct RecordAlgosCall { boost::shared_ptr<StreamOut> stream; };
+    struct NewStreamCall { std::string fileName; sStreamInfo info; };
+    int AddNewStream(const std::string& fileName, sStreamInfo& info) override {
+        return Call("AddNewStream", newStreams_, NewStreamCall{fileName, info}, addNewStreamResult_, newStreamHook_, fileName, info);
+    }
+    void Ping() override { Lock l(mutex_); RecordLocked("Ping"); }
+    void AddPlaybackInputAlgos(boost::shared_ptr<Stream> stream, boost::shared_ptr<MsgNewInput>) override {
+        Lock l(mutex_);
+        inputAlgos_.push_back({stream, inputRampGain_ && stream ? boost::make_shared<AlgoRampGain>() : nullptr});
+        if (inputAlgos_.back().gain) stream->AddAlgo(inputAlgos_.back().gain);
+        RecordLocked("AddPlaybackInputAlgos");
+    }
+    int AddPlaybackOutputAlgos(boost::shared_ptr<Output> output, boost::shared_ptr<Stream> outStream, tPlaybackModes mode) override {
+        return Call("AddPlaybackOutputAlgos", outputAlgos_, OutputAlgosCall{output, outStream, mode}, outputAlgosResult_, outputHook_,
+                    output, outStream);
+    }
+    void AddRecordAlgos(boost::shared_ptr<StreamOut> stream, boost::shared_ptr<MsgNewOutput>) override {
+        Call("AddRecordAlgos", recordAlgos_, RecordAlgosCall{stream}, 0, recordHook_, stream);
+    }
+    void ChainMsgRecord(boost::shared_ptr<MsgHead> msg) override { Call("ChainMsgRecord", chained_, msg, 0, chainHook_, msg); }
+    boost::shared_ptr<Output> GetPlaybackDefaultOutput() override { return Next("GetPlaybackDefaultOutput", outputs_, nextOutput_); }
+    boost::shared_ptr<Input> GetRecordDefaultInput() override { return Next("GetRecordDefaultInput", inputs_, nextInput_); }
+    void GetSumParams(unsigned& rate, unsigned& numCh, tSampleSize& sampleSize) override {
+        Lock l(mutex_); rate = rate_, numCh = numCh_, sampleSize = sampleSize_, RecordLocked("GetSumParams");
+    }
+    void getAudioVolume(int* volume) override {
+        Lock l(mutex_);
+        if (volume_ && volume) *volume = *volume_;
+        RecordLocked("getAudioVolume");
+    }
+    void SetAddNewStreamResult(int result) { Put(addNewStreamResult_, result); }
+    void SetAddPlaybackOutputAlgosResult(int result) { Put(outputAlgosResult_, result); }
+    void SetSumParams(unsigned rate, unsigned numCh, tSampleSize sampleSize) { Lock l(mutex_); rate_ = rate, numCh_ = numCh, sampleSize_ = sampleSize; }
+    void SetAudioVolume(int volume) { Put(volume_, volume); }
+    // Handed out in order, the last one repeating; none: an empty pointer.
+    void SetDefaultOutputs(const std::vector<boost::shared_ptr<Output> >& outputs) { Lock l(mutex_); outputs_ = outputs, nextOutput_ = 0; }
     void SetDefaultOutput(boost::shared_ptr<Output> output) { SetDefaultOutputs({output}); }
-    void SetDefaultInputs(const std::vector<boost::shared_ptr<Input> >& inputs);
+    void SetDefaultInputs(const std::vector<boost::shared_ptr<Input> >& inputs) { Lock l(mutex_); inputs_ = inputs, nextInput_ = 0; }
     void SetDefaultInput(boost::shared_ptr<Input> input) { SetDefaultInputs({input}); }
-    // Attach a fresh AlgoRampGain to every playback input stream / record stream.
-    void SetAttachInputRampGain(bool attach);
-    void SetAttachRecordRampGain(bool attach);
-    // Called after the recording (and after any ramp gain is attached); AddNewStream
-    // returns its configured result once its hook has returned.
-    void SetNewStreamHook(std::function<void(const std::string&, const sStreamInfo&)> hook);
-    void SetInputAlgosHook(std::function<void(boost::shared_ptr<Stream>)> hook);
-    void SetOutputAlgosHook(std::function<void(boost::shared_ptr<Output>, boost::shared_ptr<Stream>)> hook);
-    void SetRecordAlgosHook(std::function<void(boost::shared_ptr<StreamOut>)> hook);
+    // Attach a fresh AlgoRampGain to every playback input stream.
+    void SetAttachInputRampGain(bool attach) { Put(inputRampGain_, attach); }
+    void SetNewStreamHook(std::function<void(const std::string&, const sStreamInfo&)> hook) { Put(newStreamHook_, hook); }
+    void SetOutputAlgosHook(std::function<void(boost::shared_ptr<Output>, boost::shared_ptr<Stream>)> hook) { Put(outputHook_, hook); }
+    void SetRecordAlgosHook(std::function<void(boost::shared_ptr<StreamOut>)> hook) { Put(recordHook_, hook); }
     // ChainMsgRecord also posts its message here (the record engine's queue); null stops.
-    void SetChainTarget(MsgQ* queue);
-
-    // Records (any thread; copies).
-    std::vector<std::string> Calls() const;  // operation names, in call order
-    int CallCount(const std::string& op) const;
-    std::vector<NewStreamCall> NewStreams() const;
-    std::vector<InputAlgosCall> InputAlgos() const;
-    std::vector<OutputAlgosCall> OutputAlgos() const;
-    std::vector<RecordAlgosCall> RecordAlgos() const;
-    std::vector<boost::shared_ptr<MsgHead> > ChainedMsgs() const;
-    // Waits until op was called at least count times; false on time-out.
-    bool WaitForCalls(const std::string& op, int count, std::chrono::milliseconds timeout) const;
-
+    void SetChainTarget(MsgQ* q) { Put(chainHook_, q ? [q](boost::shared_ptr<MsgHead> m) { q->sendMsg(m); } : decltype(chainHook_)()); }
+    std::vector<std::string> Calls() const { return Get(names_); }
+    int CallCount(const std::string& op) const { return CountOf(op); }
+    std::vector<NewStreamCall> NewStreams() const { return Get(newStreams_); }
+    std::vector<InputAlgosCall> InputAlgos() const { return Get(inputAlgos_); }
+    std::vector<OutputAlgosCall> OutputAlgos() const { return Get(outputAlgos_); }
+    std::vector<RecordAlgosCall> RecordAlgos() const { return Get(recordAlgos_); }
+    std::vector<boost::shared_ptr<MsgHead> > ChainedMsgs() const { return Get(chained_); }
+    bool WaitForCalls(const std::string& op, int count, std::chrono::milliseconds timeout) const { return WaitForCount(op, count, timeout); }
 private:
-    void RecordLocked(const std::string& op);  // expects mutex_ held
-
-    mutable std::mutex mutex_;
-    mutable std::condition_variable called_;  // signalled after every recorded call
-    std::vector<std::string> calls_;                          // GUARDED_BY(mutex_)
-    std::map<std::string, int> counts_;                       // GUARDED_BY(mutex_)
-    std::vector<NewStreamCall> newStreams_;                   // GUARDED_BY(mutex_)
-    std::vector<InputAlgosCall> inputAlgos_;                  // GUARDED_BY(mutex_)
-    std::vector<OutputAlgosCall> outputAlgos_;                // GUARDED_BY(mutex_)
-    std::vector<RecordAlgosCall> recordAlgos_;                // GUARDED_BY(mutex_)
-    std::vector<boost::shared_ptr<MsgHead> > chained_;        // GUARDED_BY(mutex_)
-    int addNewStreamResult_;                                  // GUARDED_BY(mutex_)
-    int outputAlgosResult_;                                   // GUARDED_BY(mutex_)
-    unsigned rate_, numCh_;                                   // GUARDED_BY(mutex_)
-    tSampleSize sampleSize_;                                  // GUARDED_BY(mutex_)
-    bool hasVolume_;                                          // GUARDED_BY(mutex_)
-    int volume_;                                              // GUARDED_BY(mutex_)
-    std::vector<boost::shared_ptr<Output> > outputs_;         // GUARDED_BY(mutex_)
-    size_t nextOutput_;                                       // GUARDED_BY(mutex_)
-    std::vector<boost::shared_ptr<Input> > inputs_;           // GUARDED_BY(mutex_)
-    size_t nextInput_;                                        // GUARDED_BY(mutex_)
-    bool inputRampGain_, recordRampGain_;                     // GUARDED_BY(mutex_)
-    std::function<void(const std::string&, const sStreamInfo&)> newStreamHook_;          // GUARDED_BY(mutex_)
-    std::function<void(boost::shared_ptr<Stream>)> inputHook_;                            // GUARDED_BY(mutex_)
-    std::function<void(boost::shared_ptr<Output>, boost::shared_ptr<Stream>)> outputHook_;  // GUARDED_BY(mutex_)
-    std::function<void(boost::shared_ptr<StreamOut>)> recordHook_;                        // GUARDED_BY(mutex_)
-    MsgQ* chainTarget_;                                       // GUARDED_BY(mutex_)
+    // Records the call, then runs the hook without the lock; returns the result set before the call.
+    template <class V, class C, class H, class... A>
+    int Call(const char* op, V& calls, const C& call, const int& result, const H& hook, const A&... args) {
+        Lock l(mutex_);
+        calls.push_back(call), RecordLocked(op);
+        const int r = result; const H h = hook;
+        l.unlock();
+        if (h) h(args...);
+        return r;
+    }
+    template <class T> boost::shared_ptr<T> Next(const char* op, const std::vector<boost::shared_ptr<T> >& list, size_t& i) {
+        Lock l(mutex_); RecordLocked(op);
+        return list.empty() ? boost::shared_ptr<T>() : list[std::min(i++, list.size() - 1)];
+    }
+    std::vector<NewStreamCall> newStreams_;
+    std::vector<InputAlgosCall> inputAlgos_;
+    std::vector<OutputAlgosCall> outputAlgos_;
+    std::vector<RecordAlgosCall> recordAlgos_;
+    std::vector<boost::shared_ptr<MsgHead> > chained_;
+    std::vector<boost::shared_ptr<Output> > outputs_;
+    std::vector<boost::shared_ptr<Input> > inputs_;
+    size_t nextOutput_ = 0, nextInput_ = 0;
+    int addNewStreamResult_ = 0, outputAlgosResult_ = 0;
+    unsigned rate_ = 48000, numCh_ = 2;  // and sampleSize_: the mixer's sum format
+    tSampleSize sampleSize_ = SAMPLE_SIZE_16;
+    std::optional<int> volume_;  // without one getAudioVolume writes nothing
+    bool inputRampGain_ = false;
+    std::function<void(const std::string&, const sStreamInfo&)> newStreamHook_;
+    std::function<void(boost::shared_ptr<Output>, boost::shared_ptr<Stream>)> outputHook_;
+    std::function<void(boost::shared_ptr<StreamOut>)> recordHook_;
+    std::function<void(boost::shared_ptr<MsgHead>)> chainHook_;
 };
-
-}  // namespace test
-}  // namespace mixer
+}  // namespace mixer::test
