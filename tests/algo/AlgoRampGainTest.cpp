@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -13,10 +12,14 @@ namespace mixer {
 namespace {
 
 const unsigned kNoRef = AlgoRampGain::kNoRef;
+typedef boost::shared_ptr<AudioFrame> FramePtr;
 
-boost::shared_ptr<AudioFrame> Frame16(int value, unsigned numCh = 2, unsigned rate = 24000) {
-    // 24000 Hz and 20 ms: 480 samples per channel.
-    boost::shared_ptr<AudioFrame> f(new AudioFrame(SAMPLE_SIZE_16, rate, numCh));
+// "D Process:x" -> "D Mixer_AlgoRampGain:Process:x".
+std::string L(const std::string& s) { return s.substr(0, 2) + "Mixer_AlgoRampGain:" + s.substr(2); }
+
+// 24000 Hz and 20 ms: 480 samples per channel.
+FramePtr Frame16(int value, unsigned numCh = 2, unsigned rate = 24000) {
+    FramePtr f(new AudioFrame(SAMPLE_SIZE_16, rate, numCh));
     for (uint32_t i = 0; i < f->len * f->numCh; ++i) f->Samples16()[i] = static_cast<int16_t>(value);
     return f;
 }
@@ -27,327 +30,219 @@ int16_t Scaled16(int s, unsigned index) {
     return static_cast<int16_t>(p > 32767 ? 32767 : (p < -32768 ? -32768 : p));
 }
 
-TEST(AlgoRampGainTest, GainTableFollowsTheHalfDecibelLaw) {
+// Samples [from, to) of f are v scaled by row index (row 127 leaves v as it is).
+::testing::AssertionResult Scaled(const FramePtr& f, int from, int to, int v, unsigned index) {
+    for (int k = from; k < to; ++k)
+        if (f->Samples16()[k] != Scaled16(v, index))
+            return ::testing::AssertionFailure() << "sample " << k << " is " << f->Samples16()[k]
+                                                 << ", not " << v << " at row " << index;
+    return ::testing::AssertionSuccess();
+}
+
+TEST(AlgoRampGainTest, TablesFollowTheirLaws) {
     EXPECT_EQ(AlgoRampGain::kGainTable[0], 0u);
-    for (unsigned i = 1; i < AlgoRampGain::kGainTableSize; ++i) {
-        const double exact = 32768.0 * std::pow(10.0, (static_cast<double>(i) - 127.0) / 40.0);
-        EXPECT_EQ(AlgoRampGain::kGainTable[i], static_cast<uint32_t>(std::floor(exact))) << "row " << i;
-    }
-    const std::pair<unsigned, uint32_t> telling[] = {{1, 23},       {2, 24},       {7, 32},
-                                                     {87, 3276},    {126, 30934},  {127, 32768},
-                                                     {128, 34709},  {175, 519337}, {200, 2190029}};
-    for (const auto& row : telling) EXPECT_EQ(AlgoRampGain::kGainTable[row.first], row.second);
+    for (unsigned i = 1; i < AlgoRampGain::kGainTableSize; ++i)
+        EXPECT_EQ(AlgoRampGain::kGainTable[i],
+                  static_cast<uint32_t>(std::floor(32768.0 * std::pow(10.0, (i - 127.0) / 40.0))))
+            << "row " << i;
+    // 1 dB per percent, 0.5 dB from 36 %, with the seams at 17/18 and 34/35/36.
+    for (unsigned p = 0; p < AlgoRampGain::kPercentTableSize; ++p)
+        EXPECT_EQ(AlgoRampGain::kPercentTable[p],
+                  p == 0 ? 0 : p <= 17 ? 38 + 2 * p : p <= 34 ? 39 + 2 * p : p == 35 ? 110 : 75 + p)
+            << "percent " << p;
 }
 
-TEST(AlgoRampGainTest, PercentTableRunsWithTheirSeams) {
-    for (unsigned p = 0; p < AlgoRampGain::kPercentTableSize; ++p) {
-        unsigned expected;
-        if (p == 0) expected = 0;
-        else if (p <= 17) expected = 38 + 2 * p;
-        else if (p <= 34) expected = 39 + 2 * p;
-        else if (p == 35) expected = 110;
-        else expected = 75 + p;
-        EXPECT_EQ(AlgoRampGain::kPercentTable[p], expected) << "percent " << p;
-    }
-    EXPECT_EQ(AlgoRampGain::kPercentTable[52], 127u);
-    EXPECT_EQ(AlgoRampGain::kPercentTable[100], 175u);
-    EXPECT_EQ(AlgoRampGain::kPercentTable[1], 40u);
-}
-
-TEST(AlgoRampGainTest, StartsAtUnityAsRampGain) {
+TEST(AlgoRampGainTest, StartsAtUnityAndBypassLeavesFramesAndRateAlone) {
+    test::LogCapture log;
     AlgoRampGain g;
     EXPECT_EQ(g.id, ALGO_ID_RAMP_GAIN);
-    EXPECT_FALSE(g.bypass);
     EXPECT_EQ(g.gainIndex, 127u);
     EXPECT_EQ(g.ramping, 0);
     EXPECT_EQ(g.delayLeft, 0u);
-    EXPECT_EQ(g.sampleRate, 48000u);
     EXPECT_EQ(g.GetLatencyUs(), 0u);
-    EXPECT_FALSE(g.Process(boost::shared_ptr<AudioFrame>()));
-}
-
-TEST(AlgoRampGainTest, UnityAndSilence) {
-    test::LogCapture log;
-    AlgoRampGain g;
-    g.SetVolume(52, kNoRef);
-    EXPECT_EQ(g.gainIndex, 127u);
-    EXPECT_TRUE(log.Has("I Mixer_AlgoRampGain:SetRamp:gain 52 127dB:")) << log.Dump();
-    boost::shared_ptr<AudioFrame> f = Frame16(-1234);
-    f->Samples16()[5] = 32767;
-    EXPECT_EQ(g.Process(f), f);
-    EXPECT_EQ(f->Samples16()[0], -1234);
-    EXPECT_EQ(f->Samples16()[5], 32767);
-    EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:Process:Gain 100 960:")) << log.Dump();
-
+    EXPECT_FALSE(g.Process(FramePtr()));
+    EXPECT_FALSE(g.bypass);
     g.SetVolume(0, kNoRef);
-    EXPECT_EQ(g.gainIndex, 0u);
-    f = Frame16(-1234);
-    g.Process(f);
-    for (uint32_t i = 0; i < 960; ++i) ASSERT_EQ(f->Samples16()[i], 0) << i;
-    EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:Process:Gain 0 960:")) << log.Dump();
+    g.bypass = true;
+    FramePtr f = Frame16(777, 1, 8000);
+    EXPECT_EQ(g.Process(f), f);
+    EXPECT_EQ(f->Samples16()[0], 777);
+    EXPECT_EQ(g.sampleRate, 48000u);
+    EXPECT_EQ(log.Count(L("W Process:Bypassed:")), 1);
 }
 
-TEST(AlgoRampGainTest, FullVolumeIsPlusTwentyFourDecibelsAndSaturates) {
+// An immediate change, then one frame through it: the row reached, every sample against
+// the rule (rails included), and the lines logged, each once.
+struct VolumeCase {
+    unsigned gain, ref, index;
+    std::vector<std::string> lines;
+};
+class AlgoRampGainVolumeTest : public ::testing::TestWithParam<VolumeCase> {};
+
+TEST_P(AlgoRampGainVolumeTest, SetsTheRowAndScalesTheWholeFrame) {
+    const VolumeCase& c = GetParam();
     test::LogCapture log;
     AlgoRampGain g;
-    g.SetVolume(100, kNoRef);
-    EXPECT_EQ(g.gainIndex, 175u);
-    boost::shared_ptr<AudioFrame> f = Frame16(0);
-    f->Samples16()[0] = 2000;
-    f->Samples16()[1] = 3000;
-    f->Samples16()[2] = -3000;
-    f->Samples16()[959] = 2000;
-    g.Process(f);
-    EXPECT_EQ(f->Samples16()[0], 31698);
-    EXPECT_EQ(f->Samples16()[1], 32767);
-    EXPECT_EQ(f->Samples16()[2], -32768);
-    EXPECT_EQ(f->Samples16()[959], 31698);
-    EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:Process:Gain 175 dB:ns 960")) << log.Dump();
+    g.SetVolume(c.gain, c.ref);
+    EXPECT_EQ(g.gainIndex, c.index);
+    FramePtr f = Frame16(0);
+    std::vector<int16_t> in(960);
+    const int16_t edges[] = {2000, 3000, -3000, 32767, -32768, 1, -1};
+    for (int k = 0; k < 960; ++k) f->Samples16()[k] = in[k] = k < 7 ? edges[k] : static_cast<int16_t>(k * 2731);
+    EXPECT_EQ(g.Process(f), f);
+    for (int k = 0; k < 960; ++k) ASSERT_EQ(f->Samples16()[k], Scaled16(in[k], c.index)) << k;
+    for (const std::string& line : c.lines) EXPECT_EQ(log.Count(L(line)), 1) << line << "\n" << log.Dump();
 }
 
-TEST(AlgoRampGainTest, ReferenceSitsAtUnity) {
-    test::LogCapture log;
-    AlgoRampGain g;
-    g.SetVolume(20, 80);  // 79 + 127 - 155
-    EXPECT_EQ(g.gainIndex, 51u);
-    EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:SetRamp:gain 20 ref 80 51dB:")) << log.Dump();
-
-    g.SetVolume(60, 40);
-    EXPECT_EQ(log.Count("W Mixer_AlgoRampGain:SetRamp:Gain above ref 60 > 40 !!:"), 1);
-    EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:SetRamp:gain 40 ref 40 127dB:")) << log.Dump();
-    EXPECT_EQ(g.gainIndex, 127u);
-
-    g.SetVolume(1, 100);  // 40 + 127 - 175 < 0: silence
-    EXPECT_EQ(g.gainIndex, 0u);
-    g.SetVolume(30, 101);  // a reference above 100 is no reference
-    EXPECT_EQ(g.gainIndex, AlgoRampGain::kPercentTable[30]);
-}
-
-TEST(AlgoRampGainTest, GainAboveHundredIsClamped) {
-    test::LogCapture log;
-    AlgoRampGain g;
-    g.SetVolume(150, kNoRef);
-    EXPECT_EQ(log.Count("W Mixer_AlgoRampGain:SetRamp:Gain too high 150:Using 100"), 1);
-    EXPECT_EQ(g.gainIndex, 175u);
+INSTANTIATE_TEST_SUITE_P(Table, AlgoRampGainVolumeTest, ::testing::Values(
+    VolumeCase{52, kNoRef, 127, {"I SetRamp:gain 52 127dB:", "D Process:Gain 100 960:"}},
+    VolumeCase{0, kNoRef, 0, {"D Process:Gain 0 960:"}},
+    VolumeCase{100, kNoRef, 175, {"D Process:Gain 175 dB:ns 960"}},
+    VolumeCase{150, kNoRef, 175, {"W SetRamp:Gain too high 150:Using 100"}},
     // Above the no-reference value itself both clamps apply.
-    log.Clear();
-    g.SetVolume(0x100000, kNoRef);
-    EXPECT_EQ(log.Count("W Mixer_AlgoRampGain:SetRamp:Gain above ref 1048576 > 1048575 !!:"), 1);
-    EXPECT_EQ(log.Count("W Mixer_AlgoRampGain:SetRamp:Gain too high 1048575:Using 100"), 1);
-}
+    VolumeCase{0x100000, kNoRef, 175,
+               {"W SetRamp:Gain above ref 1048576 > 1048575 !!:", "W SetRamp:Gain too high 1048575:Using 100"}},
+    // The reference percent sits at unity: 79 + 127 - 155.
+    VolumeCase{20, 80, 51, {"D SetRamp:gain 20 ref 80 51dB:"}},
+    VolumeCase{60, 40, 127, {"W SetRamp:Gain above ref 60 > 40 !!:", "D SetRamp:gain 40 ref 40 127dB:"}},
+    VolumeCase{1, 100, 0, {}},      // 40 + 127 - 175 < 0: silence
+    VolumeCase{0, 20, 0, {}},       // silence is not lifted by a low reference
+    VolumeCase{30, 101, 99, {}}));  // a reference above 100 is no reference
 
-TEST(AlgoRampGainTest, RampShorterThanOneStepIsImmediate) {
+TEST(AlgoRampGainTest, RampLengthInStepsOfThirtyTwoSamples) {
+    test::LogCapture log;
     AlgoRampGain g;
-    g.SetRamp(30, 31, 0, kNoRef);
-    EXPECT_EQ(g.gainIndex, AlgoRampGain::kPercentTable[30]);
+    g.SetRamp(30, 31, 0, kNoRef);  // shorter than one step: immediate
+    EXPECT_EQ(g.gainIndex, 99u);
     EXPECT_EQ(g.ramping, 0);
     g.SetRamp(60, 32, 0, kNoRef);
     EXPECT_EQ(g.ramping, 1);
     EXPECT_EQ(g.stepsLeft, 2u);
-    // Asking for the gain already in force needs no ramp at all.
-    AlgoRampGain h;
+    AlgoRampGain h;  // the gain already in force needs neither ramp nor delay
     h.SetRamp(52, 4800, 100, kNoRef);
     EXPECT_EQ(h.ramping, 0);
     EXPECT_EQ(h.delayLeft, 0u);
-}
-
-TEST(AlgoRampGainTest, RampMsUsesTheRateOfTheLastFrame) {
-    test::LogCapture log;
-    AlgoRampGain g;
-    g.SetRampMs(0, 50, 0, kNoRef);  // 2400 samples at the default 48000 Hz: 75 + 1 steps
-    EXPECT_EQ(g.stepsLeft, 76u);
-    EXPECT_TRUE(log.Has("I Mixer_AlgoRampGain:SetRamp:gain 0 Ramp 127 -> 0 dB steps 76 start 0 dB "
-                        "-1.671053:"))
-        << log.Dump();
-    g.Process(Frame16(100, 1, 16000));
-    EXPECT_EQ(g.sampleRate, 16000u);
-    g.SetRampMs(52, 50, 20, 60);  // 800 samples: 25 + 1 steps, after 320 samples
-    EXPECT_EQ(g.stepsLeft, 26u);
-    EXPECT_EQ(g.delayLeft, 320u);
-    const std::string from = std::to_string(g.gainIndex);
-    EXPECT_EQ(log.CountPrefix("I Mixer_AlgoRampGain:SetRamp:gain 52 ref 60 Ramp " + from +
-                              " -> 119 dB steps 26 start 320 dB "),
-              1)
+    // Milliseconds at 48000 Hz before the first frame, then at the last frame's rate.
+    AlgoRampGain m;
+    m.SetRampMs(0, 50, 0, kNoRef);  // 2400 samples: 75 + 1 steps
+    EXPECT_EQ(m.stepsLeft, 76u);
+    EXPECT_EQ(log.Count(L("I SetRamp:gain 0 Ramp 127 -> 0 dB steps 76 start 0 dB -1.671053:")), 1);
+    m.Process(Frame16(100, 1, 16000));
+    m.SetRampMs(52, 50, 20, 60);  // 800 samples: 25 + 1 steps, after 320 samples
+    EXPECT_EQ(m.stepsLeft, 26u);
+    EXPECT_EQ(m.delayLeft, 320u);
+    EXPECT_EQ(log.Count(L("I SetRamp:gain 52 ref 60 Ramp 110 -> 119 dB steps 26 start 320 dB 0.346154:")), 1)
         << log.Dump();
 }
 
-TEST(AlgoRampGainTest, RampEndsInSixthFrame) {
+TEST(AlgoRampGainTest, RampStepsEveryThirtyTwoSamplesAndEndsInTheSixthFrame) {
     test::LogCapture log;
     AlgoRampGain g;
-    g.SetRamp(0, 2400, 0, kNoRef);  // 76 steps from 127 to 0
+    g.SetRamp(0, 2400, 0, kNoRef);  // 76 steps from 127 to 0, 15 per stereo frame
     int previous = 10000;
     for (int frame = 1; frame <= 7; ++frame) {
-        log.Clear();
-        boost::shared_ptr<AudioFrame> f = Frame16(10000);
+        FramePtr f = Frame16(10000);
         g.Process(f);
-        const int steps = log.CountPrefix("D Mixer_AlgoRampGain:Process:Ramp ") -
-                          log.CountPrefix("D Mixer_AlgoRampGain:Process:Ramp ns ") -
-                          log.CountPrefix("D Mixer_AlgoRampGain:Process:Ramp -- ") -
-                          log.CountPrefix("D Mixer_AlgoRampGain:Process:Ramp done ");
-        const int16_t* s = f->Samples16();
-        if (frame <= 6) {
-            // 15 chunks of 32 stereo samples per frame, each one step lower (or equal,
-            // the index is truncated) and flat inside.
-            EXPECT_EQ(steps, frame <= 5 ? 15 : 1) << "frame " << frame;
-            for (int chunk = 0; chunk < 15; ++chunk) {
-                for (int k = 1; k < 64; ++k) ASSERT_EQ(s[chunk * 64 + k], s[chunk * 64]);
-                ASSERT_LE(s[chunk * 64], previous) << "frame " << frame << " chunk " << chunk;
-                previous = s[chunk * 64];
-            }
-        } else {
-            EXPECT_EQ(steps, 0);
-            EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:Process:Gain 0 960:")) << log.Dump();
-        }
+        EXPECT_EQ(g.stepsLeft, frame <= 5 ? 76u - 15 * frame : 0u) << "frame " << frame;
         EXPECT_EQ(g.ramping, frame < 6 ? 1 : 0) << "frame " << frame;
-        if (frame == 6) {
-            EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:Process:Ramp done 0:")) << log.Dump();
-            EXPECT_EQ(s[0], Scaled16(10000, g.gainIndex));
-            for (int k = 64; k < 960; ++k) ASSERT_EQ(s[k], 0) << k;
+        if (frame >= 6) {  // the last step lands on row 0 at the sixth frame's start
+            EXPECT_TRUE(Scaled(f, 0, 960, 10000, 0)) << "frame " << frame;
+            continue;
+        }
+        // Chunks of 32 stereo samples, flat inside, never louder than the one before.
+        for (int k = 0; k < 960; ++k) {
+            const int16_t v = f->Samples16()[k];
+            ASSERT_TRUE(k % 64 == 0 ? v <= previous : v == previous) << "frame " << frame << " sample " << k;
+            previous = v;
         }
     }
-    EXPECT_EQ(g.gainIndex, 0u);
+    EXPECT_EQ(log.Count(L("D Process:Ramp done 0:")), 1) << log.Dump();
+    EXPECT_EQ(log.Count(L("D Process:Gain 0 960:")), 1) << log.Dump();
 }
 
-TEST(AlgoRampGainTest, RampWithDelayStartsMidFrame) {
+TEST(AlgoRampGainTest, DelayWithinAFrameThenStepsFromTheCurrentRow) {
     test::LogCapture log;
     AlgoRampGain g;
     g.SetVolume(100, kNoRef);
     g.SetRamp(52, 320, 100, kNoRef);  // 11 steps from 175 to 127 after 100 samples
     EXPECT_EQ(g.stepsLeft, 11u);
     EXPECT_EQ(g.gainIndex, 175u);
-    boost::shared_ptr<AudioFrame> f = Frame16(1000);
+    FramePtr f = Frame16(1000);
     g.Process(f);
-    const int16_t* s = f->Samples16();
-    for (int k = 0; k < 200; ++k) ASSERT_EQ(s[k], Scaled16(1000, 175)) << k;
-    EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:Process:Gain 175 dB:ns 200")) << log.Dump();
-    EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:Process:Ramp -- ns 200 nsr 760:")) << log.Dump();
-    // First step: 175 + (127 - 175) / 11, truncated.
-    const unsigned first = static_cast<unsigned>(175.0f + (-48.0f / 11.0f));
-    EXPECT_EQ(first, 170u);
-    for (int k = 200; k < 264; ++k) ASSERT_EQ(s[k], Scaled16(1000, first)) << k;
-    EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:Process:Ramp 10 170:")) << log.Dump();
-    EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:Process:Ramp ns 264 nsr 696:")) << log.Dump();
-    // 11 steps of 64 samples end at 904; the tail keeps the final gain.
-    for (int k = 840; k < 960; ++k) ASSERT_EQ(s[k], Scaled16(1000, g.gainIndex)) << k;
+    EXPECT_TRUE(Scaled(f, 0, 200, 1000, 175));
+    EXPECT_TRUE(Scaled(f, 200, 264, 1000, 170));  // 175 - 48 / 11, truncated, not rounded
+    EXPECT_TRUE(Scaled(f, 840, 960, 1000, 127));  // 11 steps of 64 samples end at 904
     EXPECT_EQ(g.ramping, 0);
-    EXPECT_GE(g.gainIndex, 126u);
-    EXPECT_LE(g.gainIndex, 127u);
-}
-
-TEST(AlgoRampGainTest, DelayLongerThanAFrameCarriesOver) {
-    AlgoRampGain g;
-    g.SetRamp(0, 64, 600, kNoRef);  // 3 steps after 600 samples per channel
-    boost::shared_ptr<AudioFrame> f = Frame16(1000);
-    g.Process(f);
-    EXPECT_EQ(g.delayLeft, 120u);
-    EXPECT_EQ(g.ramping, 1);
-    for (int k = 0; k < 960; ++k) ASSERT_EQ(f->Samples16()[k], 1000);
     f = Frame16(1000);
     g.Process(f);
-    for (int k = 0; k < 240; ++k) ASSERT_EQ(f->Samples16()[k], 1000);
-    EXPECT_LT(f->Samples16()[240], 1000);
-    EXPECT_EQ(f->Samples16()[240 + 3 * 64], 0);
-    EXPECT_EQ(g.ramping, 0);
+    EXPECT_TRUE(Scaled(f, 0, 960, 1000, 127));
+    for (const char* line : {"D Process:Gain 175 dB:ns 200", "D Process:Ramp -- ns 200 nsr 760:",
+                             "D Process:Ramp 10 170:", "D Process:Ramp ns 264 nsr 696:",
+                             "D Process:Ramp done 127:", "D Process:Gain 100 960:"})
+        EXPECT_EQ(log.Count(L(line)), 1) << line << "\n" << log.Dump();
+    g.SetRamp(0, 320, 0, kNoRef);  // a new ramp starts from the row in force
+    EXPECT_FLOAT_EQ(g.indexAcc, 127.0f);
+    EXPECT_FLOAT_EQ(g.step, -127.0f / 11.0f);
 }
 
-TEST(AlgoRampGainTest, ImmediateChangeLeavesPendingDelayInPlace) {
+TEST(AlgoRampGainTest, DelayCarriesOverFramesAndOutlivesAnImmediateChange) {
     AlgoRampGain g;
     g.SetRamp(0, 320, 600, kNoRef);
-    g.Process(Frame16(1000));  // 120 samples per channel of delay remain
+    FramePtr f = Frame16(1000);
+    g.Process(f);  // 600 - 480: 120 samples per channel of delay remain
+    EXPECT_TRUE(Scaled(f, 0, 960, 1000, 127));
+    EXPECT_EQ(g.ramping, 1);
+    EXPECT_EQ(g.delayLeft, 120u);
     g.SetVolume(100, kNoRef);
     EXPECT_EQ(g.gainIndex, 175u);
     EXPECT_EQ(g.ramping, 0);
     EXPECT_EQ(g.delayLeft, 120u);
-    boost::shared_ptr<AudioFrame> f = Frame16(1000);
-    g.Process(f);
-    for (int k = 0; k < 240; ++k) ASSERT_EQ(f->Samples16()[k], Scaled16(1000, 175)) << k;
-    for (int k = 240; k < 960; ++k) ASSERT_EQ(f->Samples16()[k], 1000) << k;
+    f = Frame16(1000);
+    g.Process(f);  // only the delayed part is scaled
+    EXPECT_TRUE(Scaled(f, 0, 240, 1000, 175));
+    EXPECT_TRUE(Scaled(f, 240, 960, 1000, 127));
     EXPECT_EQ(g.delayLeft, 0u);
     f = Frame16(1000);
     g.Process(f);
-    for (int k = 0; k < 960; ++k) ASSERT_EQ(f->Samples16()[k], Scaled16(1000, 175)) << k;
+    EXPECT_TRUE(Scaled(f, 0, 960, 1000, 175));
 }
 
-TEST(AlgoRampGainTest, NewRampStartsFromTheCurrentIndex) {
-    AlgoRampGain g;
-    g.SetRamp(0, 2400, 0, kNoRef);
-    g.Process(Frame16(1000));  // 15 steps down
-    const unsigned mid = g.gainIndex;
-    EXPECT_LT(mid, 127u);
-    EXPECT_GT(mid, 0u);
-    g.SetRamp(52, 320, 0, kNoRef);
-    EXPECT_FLOAT_EQ(g.indexAcc, static_cast<float>(mid));
-    EXPECT_FLOAT_EQ(g.step, (127.0f - mid) / 11.0f);
-    EXPECT_EQ(g.gainIndex, mid);
-}
-
-TEST(AlgoRampGainTest, RampMayEndOneRowShortAndStaysThere) {
-    test::LogCapture log;
-    AlgoRampGain g;
-    g.SetRamp(6, 64, 0, 100);  // 50 + 127 - 175: target row 2, in 3 steps of -125/3
-    EXPECT_TRUE(log.Has("I Mixer_AlgoRampGain:SetRamp:gain 6 ref 100 Ramp 127 -> 2 dB steps 3 "
-                        "start 0 dB -41.666668:"))
-        << log.Dump();
-    g.Process(Frame16(1000));
-    EXPECT_EQ(g.ramping, 0);
-    EXPECT_EQ(g.gainIndex, 1u);  // the float sum lands just under 2
-    EXPECT_TRUE(log.Has("D Mixer_AlgoRampGain:Process:Ramp done 1:")) << log.Dump();
-    boost::shared_ptr<AudioFrame> f = Frame16(30000);
-    g.Process(f);
-    EXPECT_EQ(g.gainIndex, 1u);
-    EXPECT_EQ(f->Samples16()[0], Scaled16(30000, 1));
-}
-
-TEST(AlgoRampGainTest, ThirtyTwoBitFramesAreNotClamped) {
+TEST(AlgoRampGainTest, ThirtyTwoBitFramesKeepTheLowBits) {
     AlgoRampGain g;
     g.SetVolume(100, kNoRef);
-    boost::shared_ptr<AudioFrame> f(new AudioFrame(SAMPLE_SIZE_32, 24000, 2));
-    for (uint32_t i = 0; i < 960; ++i) f->Samples32()[i] = 100000;
-    f->Samples32()[1] = 1 << 30;
-    f->Samples32()[2] = -(1 << 30);
+    FramePtr f(new AudioFrame(SAMPLE_SIZE_32, 24000, 2));
+    for (uint32_t i = 0; i < 960; ++i) f->Samples32()[i] = i == 1 ? 1 << 30 : 100000;
     g.Process(f);
-    EXPECT_EQ(f->Samples32()[0], (100000LL * 519337 + 16384) >> 15);
-    EXPECT_EQ(f->Samples32()[0], 1584891);
-    // Beyond 32 bits only the low 32 bits remain.
-    const int64_t big = ((int64_t(1) << 30) * 519337 + 16384) >> 15;
-    EXPECT_EQ(f->Samples32()[1], static_cast<int32_t>(static_cast<uint32_t>(big)));
-    EXPECT_EQ(f->Samples32()[1], -162234368);
-    EXPECT_EQ(f->Samples32()[2], 162234368);
+    EXPECT_EQ(f->Samples32()[0], 1584891);     // (100000 * 519337 + 16384) >> 15, not clamped
+    EXPECT_EQ(f->Samples32()[1], -162234368);  // beyond 32 bits only the low 32 remain
     EXPECT_EQ(f->Samples32()[959], 1584891);
 }
 
-TEST(AlgoRampGainTest, BypassLeavesFramesAlone) {
+TEST(AlgoRampGainTest, ApplyGainRoundsClampsAndRefusesBadRows) {
+    struct Case { int index, in, out16, out32; };
+    const Case cases[] = {
+        {175, 2000, 31698, 31698}, {175, -2000, -31698, -31698},
+        {175, 3000, 32767, 47547},     // 47547.46
+        {175, -3000, -32768, -47547},  // -47546.6: the arithmetic shift rounds toward minus infinity
+        {126, 1, 1, 1}, {126, -1, -1, -1},  // (30934 + 16384) >> 15
+        {0, 32767, 0, 0}, {200, 1, 67, 67},
+        {201, 5, 5, 5}, {-1, 5, 5, 5},  // outside the table: untouched, logged
+    };
     test::LogCapture log;
-    AlgoRampGain g;
-    g.SetVolume(0, kNoRef);
-    g.bypass = true;
-    boost::shared_ptr<AudioFrame> f = Frame16(777, 1, 8000);
-    EXPECT_EQ(g.Process(f), f);
-    EXPECT_EQ(f->Samples16()[0], 777);
-    EXPECT_EQ(g.sampleRate, 48000u);
-    EXPECT_EQ(log.Count("W Mixer_AlgoRampGain:Process:Bypassed:"), 1);
-}
-
-TEST(AlgoRampGainTest, ApplyGainBothWidths) {
-    short s16[3] = {2000, -2000, 3000};
-    AlgoRampGain::ApplyGain(s16, 175, 3);
-    EXPECT_EQ(s16[0], 31698);
-    EXPECT_EQ(s16[1], -31698);
-    EXPECT_EQ(s16[2], 32767);
-    short half[2] = {1, -1};
-    AlgoRampGain::ApplyGain(half, 126, 2);  // rounding: (30934 + 16384) >> 15 = 1
-    EXPECT_EQ(half[0], 1);
-    EXPECT_EQ(half[1], -1);
-    int s32[2] = {3000, -3000};
-    AlgoRampGain::ApplyGain(s32, 175, 2);
-    EXPECT_EQ(s32[0], 47547);  // 47547.46
-    EXPECT_EQ(s32[1], -47547);  // -47546.6: the arithmetic shift rounds toward minus infinity
-    test::LogCapture log;
-    short untouched[1] = {5};
-    AlgoRampGain::ApplyGain(untouched, 201, 1);
-    AlgoRampGain::ApplyGain(untouched, -1, 1);
-    EXPECT_EQ(untouched[0], 5);
-    EXPECT_EQ(log.CountPrefix("E Mixer_AlgoRampGain:ApplyGain:Bad index "), 2);
+    for (const Case& c : cases) {
+        short s16 = static_cast<short>(c.in);
+        int s32 = c.in;
+        AlgoRampGain::ApplyGain(&s16, c.index, 1);
+        AlgoRampGain::ApplyGain(&s32, c.index, 1);
+        EXPECT_EQ(s16, c.out16) << "row " << c.index << " sample " << c.in;
+        EXPECT_EQ(s32, c.out32) << "row " << c.index << " sample " << c.in;
+    }
+    short two[2] = {1000, 1000};
+    AlgoRampGain::ApplyGain(two, 175, -1);  // a negative count is refused too
+    AlgoRampGain::ApplyGain(two, 175, 1);
+    EXPECT_EQ(two[0], 15849);
+    EXPECT_EQ(two[1], 1000);
+    EXPECT_EQ(log.CountPrefix(L("E ApplyGain:Bad index ")), 5) << log.Dump();
 }
 
 }  // namespace
