@@ -2,7 +2,6 @@
 #include <sched.h>
 
 #include <cerrno>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -14,52 +13,92 @@
 namespace {
 
 using mixer::test::ChildProcess;
-using mixer::test::Pipe;
 using mixer::test::ShmName;
+
+// A writer process sends total units (bytes, or messages of unit bytes) in chunks of
+// varying size, at times more than fits, and hangs up by closing; this process reads in
+// varying sizes and checks every byte: in order, none lost, none repeated.
+struct Channel {
+    const char* name;
+    uint32_t unit, total, capacity, maxChunk, maxRead;
+    void* (*create)(const char* name, uint32_t unit, uint32_t capacity);
+    int32_t (*write)(void* w, const void* src, uint32_t count);  // without time limit
+    void (*close)(void* h);
+    void* (*open)(const char* name);
+    int32_t (*read)(void* r, void* dst, uint32_t count);  // -1 once hung up and drained
+};
+const Channel kChannels[] = {
+    // An odd capacity, so that copies wrap at every offset. The queue is polled, never
+    // waited on, as the mixer does.
+    {"ShmQ", 1, 300000, 4099, 4999, 2999,
+     [](const char* n, uint32_t, uint32_t cap) -> void* { return ShmQCreate(n, cap); },
+     [](void* w, const void* src, uint32_t count) { return ShmQWrite(static_cast<ShmQHandle*>(w), src, count, SHMQ_WAIT_FOREVER); },
+     [](void* h) { ShmQClose(static_cast<ShmQHandle*>(h)); },
+     [](const char* n) -> void* { return ShmQOpen(n); },
+     [](void* h, void* dst, uint32_t count) {
+         ShmQHandle* r = static_cast<ShmQHandle*>(h);
+         const int32_t n = ShmQRead(r, dst, count, 0);
+         if (n == 0 && ShmQIsHungUp(r) && ShmQDataAvail(r) == 0) return -1;
+         if (n == 0) sched_yield();
+         return n;
+     }},
+    // Waited on without limit: only the writer's hang-up ends a wait short.
+    {"Shmbuf", 12, 20000, 37, 50, 40,
+     [](const char* n, uint32_t unit, uint32_t cap) -> void* { return ShmbufCreate(n, unit, cap); },
+     [](void* w, const void* src, uint32_t count) { return ShmbufWrite(static_cast<ShmbufHandle*>(w), src, count, SHMBUF_WAIT_FOREVER); },
+     [](void* h) { ShmbufClose(static_cast<ShmbufHandle*>(h)); },
+     [](const char* n) -> void* { return ShmbufOpen(n, 0); },
+     [](void* h, void* dst, uint32_t count) {
+         const int32_t n = ShmbufReadWait(static_cast<ShmbufHandle*>(h), dst, count, SHMBUF_WAIT_FOREVER);
+         return n == 0 ? -1 : n;
+     }},
+};
 
 uint8_t StreamByte(uint32_t i) { return static_cast<uint8_t>(i * 131u + (i >> 8)); }
 
-TEST(ShmQTest, BytesCrossProcessesInOrderNoneLostNoneRepeatedThenHangUp) {
+class ShmStreamTest : public ::testing::TestWithParam<Channel> {};
+
+TEST_P(ShmStreamTest, UnitsCrossProcessesInOrderNoneLostNoneRepeatedThenHangUp) {
+    const Channel& c = GetParam();
     ShmName name("stream");
-    const uint32_t total = 300000;
-    Pipe created, opened;
+    mixer::test::Pipe created, opened;
     ChildProcess writer([&] {
-        // An odd capacity, so that copies wrap at every offset; the name without '/'.
-        ShmQHandle* w = ShmQCreate(name.c_str() + 1, 4099);
+        void* w = c.create(name.c_str() + 1, c.unit, c.capacity);  // the name without '/'
         created.Post(w != nullptr);
         if (w == nullptr || !opened.Wait()) return 2;
-        std::vector<uint8_t> chunk(5000);
-        for (uint32_t sent = 0, step = 1; sent < total; sent += step) {
-            step = std::min(step * 7 % 4999 + 1, total - sent);  // at times more than fits
-            for (uint32_t i = 0; i < step; ++i) chunk[i] = StreamByte(sent + i);
-            if (ShmQWrite(w, chunk.data(), step, SHMQ_WAIT_FOREVER) != int32_t(step)) return 3;
+        std::vector<uint8_t> chunk(c.unit * c.maxChunk);
+        for (uint32_t sent = 0, step = 1; sent < c.total; sent += step) {
+            step = std::min(step * 7 % c.maxChunk + 1, c.total - sent);
+            for (uint32_t i = 0; i < step * c.unit; ++i) chunk[i] = StreamByte(sent * c.unit + i);
+            if (c.write(w, chunk.data(), step) != int32_t(step)) return 3;
         }
-        ShmQClose(w);  // hangs up
+        c.close(w);
         return 0;
     });
     int ok = 0;
     ASSERT_TRUE(created.Wait(&ok) && ok);
-    ShmQHandle* r = ShmQOpen(name.c_str());
+    void* r = c.open(name.c_str());
     ASSERT_NE(r, nullptr);
-    EXPECT_EQ(ShmQOpen(name.c_str()), nullptr);  // one reader at a time
+    EXPECT_EQ(c.open(name.c_str()), nullptr);  // one reader at a time
     EXPECT_EQ(errno, EBUSY);
     opened.Post();
-    std::vector<uint8_t> buf(3000);
+    std::vector<uint8_t> buf(c.unit * c.maxRead);
     uint32_t got = 0;
-    for (int32_t want = 1;;) {  // polled, never waited on, as the mixer does
-        want = want * 5 % 2999 + 1;
-        const int32_t n = ShmQRead(r, buf.data(), want, 0);
-        ASSERT_GE(n, 0);
-        for (int32_t i = 0; i < n; ++i) ASSERT_EQ(buf[i], StreamByte(got + i)) << got + i;
+    for (uint32_t want = 1;;) {
+        want = want * 5 % c.maxRead + 1;  // at times more than the buffer holds
+        const int32_t n = c.read(r, buf.data(), want);
+        if (n < 0) break;
+        for (uint32_t i = 0; i < n * c.unit; ++i) ASSERT_EQ(buf[i], StreamByte(got * c.unit + i)) << got;
         got += n;
-        if (n == 0 && ShmQIsHungUp(r) && ShmQDataAvail(r) == 0) break;
-        if (n == 0) sched_yield();
     }
-    EXPECT_EQ(got, total);
+    EXPECT_EQ(got, c.total);
     EXPECT_EQ(writer.Wait(), 0);
     EXPECT_FALSE(name.Exists());  // the writer's close removed the name
-    ShmQClose(r);
+    c.close(r);
 }
+
+INSTANTIATE_TEST_SUITE_P(Stand, ShmStreamTest, ::testing::ValuesIn(kChannels),
+                         [](const ::testing::TestParamInfo<Channel>& p) { return std::string(p.param.name); });
 
 TEST(ShmQTest, MinimumMakesReadsAllOrNothingAndFullQueuesTakeWhatFits) {
     ShmName name;
@@ -87,75 +126,20 @@ TEST(ShmQTest, MinimumMakesReadsAllOrNothingAndFullQueuesTakeWhatFits) {
     ShmQClose(w);
 }
 
-const uint32_t kMsg = 12;
-
-// Message i: its number, then a filler that depends on it.
-void FillMsg(uint8_t* m, uint32_t i) {
-    std::memcpy(m, &i, 4);
-    for (uint32_t k = 4; k < kMsg; ++k) m[k] = static_cast<uint8_t>(i + k);
-}
-bool MsgIs(const uint8_t* m, uint32_t i) {
-    uint8_t want[kMsg];
-    FillMsg(want, i);
-    return std::memcmp(m, want, kMsg) == 0;
-}
-
-TEST(ShmbufTest, MessagesCrossProcessesInOrderNoneLostNoneRepeatedThenHangUp) {
-    ShmName name("stream");
-    const uint32_t total = 20000;
-    Pipe created, opened;
-    ChildProcess writer([&] {
-        ShmbufHandle* w = ShmbufCreate(name.c_str() + 1, kMsg, 37);  // the name without '/'
-        created.Post(w != nullptr);
-        if (w == nullptr || !opened.Wait()) return 2;
-        std::vector<uint8_t> chunk(kMsg * 50);
-        for (uint32_t sent = 0, step = 1; sent < total; sent += step) {
-            step = std::min(step * 7 % 50 + 1, total - sent);  // at times more than fits
-            for (uint32_t i = 0; i < step; ++i) FillMsg(&chunk[i * kMsg], sent + i);
-            if (ShmbufWrite(w, chunk.data(), step, SHMBUF_WAIT_FOREVER) != int32_t(step)) return 3;
-        }
-        ShmbufClose(w);  // hangs up
-        return 0;
-    });
-    int ok = 0;
-    ASSERT_TRUE(created.Wait(&ok) && ok);
-    ShmbufHandle* r = ShmbufOpen(name.c_str(), 0);
-    ASSERT_NE(r, nullptr);
-    EXPECT_EQ(ShmbufOpen(name.c_str(), 0), nullptr);  // one reader at a time
-    EXPECT_EQ(errno, EBUSY);
-    EXPECT_EQ(ShmbufGetMsgSize(r), int32_t(kMsg));
-    opened.Post();
-    std::vector<uint8_t> buf(kMsg * 40);
-    uint32_t got = 0;
-    for (uint32_t want = 1;;) {
-        want = want * 3 % 40 + 1;  // at times more than the buffer holds
-        // Without limit: only the writer's hang-up ends a wait short.
-        const int32_t n = ShmbufReadWait(r, buf.data(), want, SHMBUF_WAIT_FOREVER);
-        ASSERT_GE(n, 0);
-        for (int32_t i = 0; i < n; ++i) ASSERT_TRUE(MsgIs(&buf[i * kMsg], got + i)) << got + i;
-        got += n;
-        if (n == 0) break;
-    }
-    EXPECT_EQ(got, total);
-    EXPECT_EQ(writer.Wait(), 0);
-    EXPECT_FALSE(name.Exists());
-    ShmbufClose(r);
-}
-
 TEST(ShmbufTest, ReadStartKeepsTheNewestAndReadsHonourTheirMinimumAndTimeOut) {
     ShmName name;
-    ShmbufHandle* w = ShmbufCreate(name.c_str(), kMsg, 4);
+    ShmbufHandle* w = ShmbufCreate(name.c_str(), 4, 4);
     ShmbufHandle* r = ShmbufOpen(name.c_str(), 0);
     ASSERT_NE(r, nullptr);
-    uint8_t m[5 * kMsg], buf[5 * kMsg];
-    for (uint32_t i = 0; i < 5; ++i) FillMsg(m + i * kMsg, i);
-    EXPECT_EQ(ShmbufWrite(w, m, 5, 0), 4);   // full after four
-    EXPECT_EQ(ShmbufReadStart(r, 2), 2);     // 0 and 1 skipped
+    EXPECT_EQ(ShmbufGetMsgSize(r), 4);
+    char buf[21] = {};
+    EXPECT_EQ(ShmbufWrite(w, "m0__m1__m2__m3__m4__", 5, 0), 4);  // full after four
+    EXPECT_EQ(ShmbufReadStart(r, 2), 2);     // m0 and m1 skipped
     EXPECT_EQ(ShmbufRead(r, buf, 4, 3), 0);  // two waiting, three wanted at least
     EXPECT_EQ(ShmbufReadWait(r, buf, 5, 20), 2);
-    EXPECT_TRUE(MsgIs(buf, 2) && MsgIs(buf + kMsg, 3));
+    EXPECT_STREQ(buf, "m2__m3__");
     EXPECT_EQ(ShmbufHangUp(w), 0);
-    EXPECT_EQ(ShmbufWrite(w, m, 1, 0), -1);
+    EXPECT_EQ(ShmbufWrite(w, "m5__", 1, 0), -1);
     EXPECT_EQ(errno, EPIPE);
     ShmbufClose(r);
     ShmbufClose(w);
