@@ -80,6 +80,7 @@ TEST(AlgoRampGainTest, StartsAtUnityAndBypassLeavesFramesAndRateAlone) {
 // sample against the rule (16 bits clamped, rails included; 32 bits keep the low 32 bits)
 // and the lines logged, each once.
 struct VolumeCase { unsigned gain, ref, row; Lines lines; };
+void PrintTo(const VolumeCase& c, std::ostream* os) { *os << c.gain << " % ref " << c.ref; }
 class AlgoRampGainVolumeTest : public ::testing::TestWithParam<VolumeCase> {};
 
 TEST_P(AlgoRampGainVolumeTest, SetsTheRowAndScalesTheWholeFrame) {
@@ -305,6 +306,7 @@ struct KernelCase {
     bool (*same)(std::mt19937&, size_t, uint32_t);
     std::vector<uint32_t> gains;  // one round of every length per gain
 };
+void PrintTo(const KernelCase& c, std::ostream* os) { *os << c.name; }
 class MixKernelsTest : public ::testing::TestWithParam<KernelCase> {};
 
 TEST_P(MixKernelsTest, FastPathEqualsTheScalarReference) {

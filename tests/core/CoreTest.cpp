@@ -24,30 +24,26 @@ namespace {
 
 typedef std::vector<std::string> Lines;
 
+// Sample size, rate, channels and ms asked for and kept, then samples per channel and
+// bytes; out-of-range values are replaced with a warning each.
+std::vector<unsigned> Format(const AudioFrame& f) { return {f.sampleSize, f.rate, f.numCh, f.lenMs, f.len, f.size, f.allocSize}; }
+
 TEST(AudioFrameTest, SizesFollowTheFormatAndOutOfRangeValuesAreReplaced) {
-    struct Case {
-        unsigned sampleSize, rate, numCh, lenMs;  // asked for
-        unsigned gotSize, gotRate, gotCh, gotMs, len, bytes;
-        Lines warnings;
-    };
+    struct Case { std::vector<unsigned> asked, got; Lines warnings; };
     const Case cases[] = {
-        {2, 48000, 2, 20, 2, 48000, 2, 20, 960, 3840, {}},
-        {2, 11025, 1, 20, 2, 11025, 1, 20, 220, 441, {}},  // bytes divided once: above len * 2
-        {4, 96000, 10, 100, 4, 96000, 10, 100, 9600, 384000, {}},  // the largest legal format
-        {2, 0, 11, 0, 2, 48000, 1, 20, 960, 1920, {"rate 0 -> 48000:", "numCh 11 -> 1:", "Frame len in ms 0 -> 20:"}},
+        {{2, 48000, 2, 20}, {2, 48000, 2, 20, 960, 3840, 3840}, {}},
+        {{2, 11025, 1, 20}, {2, 11025, 1, 20, 220, 441, 441}, {}},  // bytes divided once: above len * 2
+        {{4, 96000, 10, 100}, {4, 96000, 10, 100, 9600, 384000, 384000}, {}},  // the largest legal format
+        {{2, 0, 11, 0}, {2, 48000, 1, 20, 960, 1920, 1920}, {"rate 0 -> 48000:", "numCh 11 -> 1:", "Frame len in ms 0 -> 20:"}},
         // The sample-size check reuses the rate message; only the numbers differ.
-        {5, 96001, 1, 101, 2, 48000, 1, 20, 960, 1920,
-         {"rate 96001 -> 48000:", "Frame len in ms 101 -> 20:", "rate 5 -> 2:"}},
-        {0, 0xFFFFFFFFu, 0, 1, 2, 48000, 1, 1, 48, 96, {"rate 4294967295 -> 48000:", "numCh 0 -> 1:", "rate 0 -> 2:"}},
+        {{5, 96001, 1, 101}, {2, 48000, 1, 20, 960, 1920, 1920}, {"rate 96001 -> 48000:", "Frame len in ms 101 -> 20:", "rate 5 -> 2:"}},
+        {{0, 0xFFFFFFFFu, 0, 1}, {2, 48000, 1, 1, 48, 96, 96}, {"rate 4294967295 -> 48000:", "numCh 0 -> 1:", "rate 0 -> 2:"}},
     };
     for (const Case& c : cases) {
         test::LogCapture log;
-        AudioFrame f(c.sampleSize, c.rate, c.numCh, c.lenMs);
-        EXPECT_EQ(std::vector<unsigned>({f.sampleSize, f.rate, f.numCh, f.lenMs, f.len, f.size, f.allocSize}),
-                  std::vector<unsigned>({c.gotSize, c.gotRate, c.gotCh, c.gotMs, c.len, c.bytes, c.bytes}))
-            << c.sampleSize << " bytes " << c.rate << " Hz " << c.numCh << " ch " << c.lenMs << " ms";
-        EXPECT_EQ(f.bufId[0], '\0');
-        EXPECT_EQ(f.bufId[kBufIdLen - 1], '\0');
+        AudioFrame f(c.asked[0], c.asked[1], c.asked[2], c.asked[3]);
+        EXPECT_EQ(Format(f), c.got) << c.asked[0] << " bytes " << c.asked[1] << " Hz";
+        EXPECT_EQ(f.bufId[0] | f.bufId[kBufIdLen - 1], '\0');
         Lines want;
         for (const std::string& w : c.warnings) want.push_back("W AudioFrame:AudioFrame:" + w);
         EXPECT_EQ(log.Lines(), want);
@@ -62,8 +58,7 @@ TEST(AudioFrameTest, CopyOwnsItsDataAndKeepsTheTrace) {
     ASSERT_NE(a.data, b.data);
     EXPECT_EQ(std::memcmp(a.data, b.data, a.size), 0);
     EXPECT_STREQ(b.bufId, "blk1 blk2");
-    EXPECT_EQ(std::vector<unsigned>({b.sampleSize, b.rate, b.numCh, b.lenMs, b.len, b.size, b.allocSize}),
-              std::vector<unsigned>({2, 44100, 2, 20, 882, 3528, 3528}));
+    EXPECT_EQ(Format(b), std::vector<unsigned>({2, 44100, 2, 20, 882, 3528, 3528}));
     b.Samples16()[5] = -1;
     EXPECT_EQ(a.Samples16()[5], 5);
 }

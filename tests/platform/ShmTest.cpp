@@ -54,6 +54,7 @@ const Channel kChannels[] = {
      }},
 };
 
+void PrintTo(const Channel& c, std::ostream* os) { *os << c.name; }
 uint8_t StreamByte(uint32_t i) { return static_cast<uint8_t>(i * 131u + (i >> 8)); }
 
 class ShmStreamTest : public ::testing::TestWithParam<Channel> {};
@@ -106,19 +107,16 @@ TEST(ShmQTest, MinimumMakesReadsAllOrNothingAndFullQueuesTakeWhatFits) {
     ShmQHandle* r = ShmQOpen(name.c_str());
     ASSERT_NE(r, nullptr);
     char buf[16] = {};
-    EXPECT_EQ(ShmQWrite(w, "abcdefghijkl", 12, 0), 8);
-    EXPECT_EQ(ShmQWrite(w, "m", 1, 20), 0);  // still full when the time runs out
-    EXPECT_EQ(ShmQRead(r, buf, 16, 9), 0);
-    EXPECT_EQ(ShmQRead(r, buf, 3, 3), 3);
-    EXPECT_EQ(ShmQWrite(w, "xyz", 3, 0), 3);
-    EXPECT_EQ(ShmQRead(r, buf, 16, 0), 8);
+    // In order: 8 of 12 fit; still full when 20 ms run out; fewer than 9 waiting: none read.
+    EXPECT_EQ(std::vector<int>({ShmQWrite(w, "abcdefghijkl", 12, 0), ShmQWrite(w, "m", 1, 20), ShmQRead(r, buf, 16, 9),
+                                ShmQRead(r, buf, 3, 3), ShmQWrite(w, "xyz", 3, 0), ShmQRead(r, buf, 16, 0)}),
+              std::vector<int>({8, 0, 0, 3, 3, 8}));
     EXPECT_EQ(std::string(buf, 8), "defghxyz");
     ShmQClose(r);
     // A reader that dies without closing leaves the queue to the next one.
     ChildProcess crashed([&] { return ShmQOpen(name.c_str()) != nullptr ? 0 : 1; });
     ASSERT_EQ(crashed.Wait(), 0);
-    r = ShmQOpen(name.c_str());
-    EXPECT_NE(r, nullptr);
+    EXPECT_NE(r = ShmQOpen(name.c_str()), nullptr);
     EXPECT_EQ(ShmQHangUp(w), 0);
     EXPECT_EQ(ShmQWrite(w, "x", 1, 0), -1);
     EXPECT_EQ(errno, EPIPE);
@@ -131,12 +129,12 @@ TEST(ShmbufTest, ReadStartKeepsTheNewestAndReadsHonourTheirMinimumAndTimeOut) {
     ShmbufHandle* w = ShmbufCreate(name.c_str(), 4, 4);
     ShmbufHandle* r = ShmbufOpen(name.c_str(), 0);
     ASSERT_NE(r, nullptr);
-    EXPECT_EQ(ShmbufGetMsgSize(r), 4);
     char buf[21] = {};
-    EXPECT_EQ(ShmbufWrite(w, "m0__m1__m2__m3__m4__", 5, 0), 4);  // full after four
-    EXPECT_EQ(ShmbufReadStart(r, 2), 2);     // m0 and m1 skipped
-    EXPECT_EQ(ShmbufRead(r, buf, 4, 3), 0);  // two waiting, three wanted at least
-    EXPECT_EQ(ShmbufReadWait(r, buf, 5, 20), 2);
+    // In order: full after four; m0 and m1 skipped; two waiting, three wanted at least;
+    // the two within 20 ms.
+    EXPECT_EQ(std::vector<int>({ShmbufGetMsgSize(r), ShmbufWrite(w, "m0__m1__m2__m3__m4__", 5, 0), ShmbufReadStart(r, 2),
+                                ShmbufRead(r, buf, 4, 3), ShmbufReadWait(r, buf, 5, 20)}),
+              std::vector<int>({4, 4, 2, 0, 2}));
     EXPECT_STREQ(buf, "m2__m3__");
     EXPECT_EQ(ShmbufHangUp(w), 0);
     EXPECT_EQ(ShmbufWrite(w, "m5__", 1, 0), -1);
