@@ -72,6 +72,7 @@ TEST(UtilConcatBufIdTest, JoinsIdsWithinTheArray) {
         {"A B", "", "A B"},  // nothing to add: null, unchanged
         {x140, std::string(20, 'y'), x140 + " " + std::string(7, 'y')},  // cut off at 148 characters
         {std::string(100, 'x'), std::string(48, 'y'), std::string(100, 'x') + " " + std::string(48, 'y')},
+        {std::string(100, 'x'), std::string(49, 'y'), std::string(100, 'x') + " " + std::string(47, 'y')},
         {x148, "zz", x148 + " "},  // room for the separator only
         {x149, "zz", x149},        // full: nothing more
         {"", std::string(300, 'q'), std::string(149, 'q')},
@@ -88,7 +89,10 @@ TEST(UtilConcatBufIdTest, JoinsIdsWithinTheArray) {
 }
 
 boost::shared_ptr<MsgHead> Vol(uint32_t v) { return boost::shared_ptr<MsgHead>(new MsgSetSpeakerVol(v)); }
-uint32_t VolOf(const boost::shared_ptr<MsgHead>& m) { return boost::dynamic_pointer_cast<MsgSetSpeakerVol>(m)->volume; }
+uint32_t VolOf(const boost::shared_ptr<MsgHead>& m) {  // 0 for an empty message
+    boost::shared_ptr<MsgSetSpeakerVol> v = boost::dynamic_pointer_cast<MsgSetSpeakerVol>(m);
+    return v ? v->volume : 0;
+}
 
 TEST(MsgQTest, EveryMessageClassCarriesItsCode) {
     EXPECT_EQ(std::vector<uint32_t>({MsgNewInput().type, MsgNewOutput().type, MsgSetStreamVol().type,
