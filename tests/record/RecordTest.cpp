@@ -1,5 +1,5 @@
-// The record engine's thread with a fake host, fake outputs and a microphone fed by the
-// test frame by frame (a read waits for the next frame, as a device's would).
+// The record engine's thread with a fake host, fake outputs and a microphone the test
+// feeds frame by frame (a read waits for the next frame, as a device's would).
 
 #include <stdlib.h>
 #include <unistd.h>
@@ -7,12 +7,10 @@
 #include <cstring>
 #include <fstream>
 #include <future>
-#include <map>
 #include <sstream>
 
 #include "mixer/core/MsgEnableMic.h"
 #include "mixer/core/MsgPing.h"
-#include "mixer/core/MsgSetStreamVol.h"
 #include "mixer/core/MsgWriteInfo.h"
 #include "mixer/record/Record.h"
 #include "tests/support/EngineFixture.h"
@@ -21,11 +19,10 @@ namespace mixer {
 namespace test {
 namespace {
 
-typedef std::vector<std::string> Lines;
 const char kNullPost[] = "I MsgQ:sendMsg:NULL:";
 
-// Negates every sample of its frame in place, then fails it: shows whether the frame
-// was another stream's too.
+// Negates every sample of its frame in place, then fails it: shows whether the frame was
+// another stream's too.
 struct FailingAlgo : Algo {
     FailingAlgo() : Algo(ALGO_ID_NONE) {}
     boost::shared_ptr<AudioFrame> Process(boost::shared_ptr<AudioFrame> f) override {
@@ -40,20 +37,18 @@ protected:
         mic->SetBlockWhenEmpty(true);
         mic2->SetBlockWhenEmpty(true);
         connect.SetDefaultInputs({mic, mic2});
-        // Each output's stream is named after the output, described as "meta-<name>", and
-        // gets the algorithm the test chose for that name.
-        connect.SetRecordAlgosHook([this](boost::shared_ptr<StreamOut> s) {
-            const std::string name = s->GetOutput()->name;
-            InputPtr tag = Scripted("meta-" + name);
-            tag->name = name;
+        // Each output's stream is named after the output and described as "meta-<name>";
+        // output F's gets a failing algorithm.
+        connect.SetRecordAlgosHook([](boost::shared_ptr<StreamOut> s) {
+            InputPtr tag = Scripted("meta-" + s->GetOutput()->name);
+            tag->name = s->GetOutput()->name;
             s->SetInput(tag);
-            if (algoFor.count(name)) s->AddAlgo(algoFor.at(name));
+            if (tag->name == "F") s->AddAlgo(boost::make_shared<FailingAlgo>());
         });
     }
     // DeInit wakes nobody: once it has cleared the flag (its empty post is logged), a ping
     // ends a wait on the queue and released microphones end a wait for a frame.
     ~RecordTest() override {
-        if (stopped) return;
         const int posts = log.Count(kNullPost);
         std::thread stopper([this] { engine.DeInit(); });
         log.WaitFor(kNullPost, posts + 1);
@@ -66,8 +61,8 @@ protected:
         ASSERT_EQ(0, engine.Init(&connect));
         ASSERT_TRUE(log.WaitFor("I Mixer_Record:Process:Start 0:")) << log.Dump();
     }
-    // Registers an output (keeping the written frames themselves, not copies) and waits
-    // until the engine has built its stream.
+    // Registers an output that keeps the written frames themselves and waits until the
+    // engine has built its stream.
     OutputPtr AddOutput(const std::string& name) {
         OutputPtr o = boost::make_shared<FakeOutput>(name);
         o->SetCopyFrames(false);
@@ -81,37 +76,28 @@ protected:
         mic->Push(f);
         return f;
     }
-    // Feeds a frame and waits until each listed output has had its number of writes.
-    void Pump(int16_t v, const std::vector<std::pair<OutputPtr, int> >& expect) {
-        Feed(v);
-        for (const auto& e : expect) ASSERT_TRUE(e.first->WaitForFrames(e.second, kWait)) << e.first->name;
-    }
 
     boost::shared_ptr<ThreadNotingInput> mic = boost::make_shared<ThreadNotingInput>(16000, 1, "microphone");
     InputPtr mic2 = Scripted("mic2", {2}, 16000, 1);  // the host's next input
-    std::map<std::string, boost::shared_ptr<Algo> > algoFor;  // set before Start
-    bool stopped = false;
 };
 
 TEST_F(RecordTest, WithoutListenerTheInputIsPausedAndTheThreadSleepsUntilAMessage) {
     EXPECT_EQ(-1, Record().Init(nullptr));
     Start();
-    EXPECT_TRUE(log.Has("I Mixer_Record:runLoop:Start:"));
     Post(new MsgPing());  // the first message handled with nobody listening pauses the input
     ASSERT_TRUE(mic->WaitForOps("Pause", 1, kWait));
-    EXPECT_EQ(Lines{"GetRecordDefaultInput"}, connect.Calls());
-    // Nothing is read and the thread is not woken at all, however briefly, over a window
-    // that would hold a dozen passes.
+    // Over a window that would hold a dozen passes nothing is read and the thread is not
+    // woken at all; a message wakes it, and it goes back to sleep with the input paused.
     const long switches = WaitUntilAsleep(mic->tid, kWait);
     ASSERT_GE(switches, 0);
     EXPECT_FALSE(mic->WaitForOps("Process", 1, std::chrono::milliseconds(200)));
     EXPECT_EQ(ContextSwitches(mic->tid), switches);
-    // A message wakes it: handled, and back to sleep with the input left paused.
     Post(new MsgEnableMic(1));
     ASSERT_TRUE(log.WaitFor("I Mixer_Record:handleMsg:MicEnable=1:"));
     EXPECT_GT(WaitUntilAsleep(mic->tid, kWait), switches);
     EXPECT_EQ(Lines{"Pause"}, mic->Ops());
-    EXPECT_EQ(1, log.Count("I Mixer_Record:Process:Pause:"));
+    EXPECT_EQ(Lines{"GetRecordDefaultInput"}, connect.Calls());
+    EXPECT_TRUE(log.Has("I Mixer_Record:runLoop:Start:") && log.Count("I Mixer_Record:Process:Pause:") == 1);
 }
 
 TEST_F(RecordTest, DeInitReturnsOnlyAfterAnotherMessage) {
@@ -123,7 +109,6 @@ TEST_F(RecordTest, DeInitReturnsOnlyAfterAnotherMessage) {
     Post(new MsgPing());
     done.get();
     EXPECT_TRUE(log.Has("W Mixer_Record:runLoop:Exiting!!!:"));
-    stopped = true;
 }
 
 TEST_F(RecordTest, FramesAreReadOneAPassWhileTheMicIsEnabledAndASingleOutputGetsThemAsTheyAre) {
@@ -134,35 +119,31 @@ TEST_F(RecordTest, FramesAreReadOneAPassWhileTheMicIsEnabledAndASingleOutputGets
     boost::shared_ptr<AudioFrame> frame = Feed(5);
     ASSERT_TRUE(a->WaitForFrames(1, kWait));
     EXPECT_EQ(frame, a->Frames()[0]);
-    EXPECT_TRUE(log.Has("I Mixer_Record:Process:Resume:"));
     const Lines ops = mic->Ops();
     EXPECT_EQ(Lines({"Pause", "Resume", "Process"}), Lines(ops.begin(), ops.begin() + 3));
-    // Switching the microphone off pauses the input after the frame in progress.
+    // Switched off, the microphone is paused after the frame in progress.
     ASSERT_TRUE(mic->WaitForOps("Process", 2, kWait));  // waiting for the next frame
     Post(new MsgEnableMic(0));
-    ASSERT_NO_FATAL_FAILURE(Pump(6, {{a, 2}}));
+    Feed(6);
     ASSERT_TRUE(mic->WaitForOps("Pause", 2, kWait));
-    EXPECT_TRUE(log.Has("I Mixer_Record:handleMsg:MicEnable=0:"));
     EXPECT_EQ(2, mic->OpCount("Process"));
     // Frames ready at once are still read one pass at a time, 15 ms apart.
     for (int16_t v = 7; v <= 9; ++v) Feed(v);
     Post(new MsgEnableMic(1));
     ASSERT_TRUE(a->WaitForFrames(5, kWait));
-    EXPECT_EQ(std::vector<int>({5, 6, 7, 8, 9}), Levels(a));
-    EXPECT_EQ(2, mic->OpCount("Resume"));
     EXPECT_GT(a->WriteTimes()[4] - a->WriteTimes()[2], std::chrono::microseconds(15000));
     // An input without a frame is replaced by the host's next one, read at once.
     mic->SetBlockWhenEmpty(false);
     ASSERT_TRUE(a->WaitForFrames(6, kWait));
-    EXPECT_EQ(2, Levels(a)[5]);
+    EXPECT_EQ(std::vector<int>({5, 6, 7, 8, 9, 2}), Levels(a));
     EXPECT_EQ(1, log.Count("W Mixer_Record:runLoop:Input Error:"));
     EXPECT_EQ(2, connect.CallCount("GetRecordDefaultInput"));
+    EXPECT_EQ(2, log.Count("I Mixer_Record:Process:Resume:"));
 }
 
 TEST_F(RecordTest, SeveralOutputsGetCopiesAndAFailedOneIsErasedSteppingOverItsFollower) {
-    algoFor["A"].reset(new FailingAlgo());
     Start();
-    OutputPtr a = AddOutput("A"), b = AddOutput("B"), c = AddOutput("C"), d = AddOutput("D");
+    OutputPtr f = AddOutput("F"), b = AddOutput("B"), c = AddOutput("C"), d = AddOutput("D");
     d->FailAtWrite(1, STATE_FAULT);
     c->FailAtWrite(4, STATE_HANGUP);
     b->FailAtWrite(5, STATE_HANGUP);
@@ -173,22 +154,22 @@ TEST_F(RecordTest, SeveralOutputsGetCopiesAndAFailedOneIsErasedSteppingOverItsFo
     frame->bufId[kBufIdLen - 1] = 'z';  // past the terminator: the whole field is copied
     const std::string samples(frame->data, frame->size);
     mic->Push(frame);
-    // A fails (B, its follower, is passed over) and D, the last, fails after its write:
+    // F fails (B, its follower, is passed over) and D, the last, fails after its write:
     // the walk goes round again from B with the same frame.
     ASSERT_TRUE(c->WaitForFrames(2, kWait));
-    auto head = [](const AudioFrame& f) {
-        return std::vector<uint32_t>({f.sampleSize, f.rate, f.numCh, f.lenMs, f.len, f.size, f.allocSize});
+    auto head = [](const AudioFrame& x) {
+        return std::vector<uint32_t>({x.sampleSize, x.rate, x.numCh, x.lenMs, x.len, x.size, x.allocSize});
     };
-    const boost::shared_ptr<AudioFrame> copies[] = {b->Frames()[0], c->Frames()[0], c->Frames()[1], d->Frames()[0]};
-    for (const auto& f : copies) {
-        EXPECT_NE(frame->data, f->data);
-        EXPECT_EQ(head(*frame), head(*f));
-        EXPECT_EQ(samples, std::string(f->data, f->size));
-        EXPECT_EQ(0, std::memcmp(frame->bufId, f->bufId, kBufIdLen));
+    for (const auto& copy : {b->Frames()[0], c->Frames()[0], c->Frames()[1], d->Frames()[0]}) {
+        EXPECT_NE(frame->data, copy->data);
+        EXPECT_EQ(head(*frame), head(*copy));
+        EXPECT_EQ(samples, std::string(copy->data, copy->size));
+        EXPECT_EQ(0, std::memcmp(frame->bufId, copy->bufId, kBufIdLen));
     }
     EXPECT_NE(c->Frames()[0]->data, c->Frames()[1]->data);
-    EXPECT_EQ(samples, std::string(frame->data, frame->size));  // A negated its own copy only
-    ASSERT_NO_FATAL_FAILURE(Pump(2, {{b, 2}, {c, 3}}));
+    EXPECT_EQ(samples, std::string(frame->data, frame->size));  // F negated its own copy only
+    Feed(2);
+    ASSERT_TRUE(b->WaitForFrames(2, kWait) && c->WaitForFrames(3, kWait));
     // C, the last now, goes too: B, alone in the repeated round, gets the frame itself.
     boost::shared_ptr<AudioFrame> third = Feed(3);
     ASSERT_TRUE(b->WaitForFrames(4, kWait));
@@ -200,14 +181,11 @@ TEST_F(RecordTest, SeveralOutputsGetCopiesAndAFailedOneIsErasedSteppingOverItsFo
     EXPECT_EQ(std::vector<int>({1, 2, 3, 3, 4}), Levels(b));
     EXPECT_EQ(std::vector<int>({1, 1, 2, 3}), Levels(c));
     EXPECT_EQ(std::vector<int>({1}), Levels(d));
-    EXPECT_TRUE(a->Frames().empty());
+    EXPECT_TRUE(f->Frames().empty());
     Lines warnings;
     for (const std::string& line : log.Lines())
-        if (line.compare(0, 2, "W ") == 0) warnings.push_back(line);
-    EXPECT_EQ(Lines({"W Mixer_Record:runLoop:Algo Error:", "W Mixer_Record:runLoop:Erasing A:",
-                     "W Mixer_Record:runLoop:Erasing D:", "W Mixer_Record:runLoop:Erasing C:",
-                     "W Mixer_Record:runLoop:Erasing B:"}),
-              warnings);
+        if (line.compare(0, 2, "W ") == 0) warnings.push_back(line.substr(23));
+    EXPECT_EQ(Lines({"Algo Error:", "Erasing F:", "Erasing D:", "Erasing C:", "Erasing B:"}), warnings);
     EXPECT_EQ(2, log.Count("I Mixer_Record:Process:Pause:"));
     EXPECT_EQ(4, mic->OpCount("Process"));
 }
@@ -216,8 +194,8 @@ TEST_F(RecordTest, ReportsAreAppendedAndCodesWithoutTheirClassDropped) {
     char dir[] = "/tmp/record-report-XXXXXX";
     ASSERT_TRUE(mkdtemp(dir));
     const std::string file = dir + std::string("/status.txt"), bad = dir + std::string("/missing/status.txt");
-    // Asks for reports and waits until they are written. While recording, the messages
-    // wait for the end of a pass: feed lets one frame through.
+    // Asks for reports and waits until they are written (the unknown code 99 marks the
+    // end). While recording, messages wait for the end of a pass: feed lets a frame through.
     auto report = [&](bool feed) {
         const std::string mark = "E Mixer_Record:handleMsg:Unsupported type 99:";
         const int marks = log.Count(mark);
@@ -232,20 +210,19 @@ TEST_F(RecordTest, ReportsAreAppendedAndCodesWithoutTheirClassDropped) {
     };
     Start();
     for (unsigned code = 0; code <= 9; ++code) Post(new MsgHead(code));  // bare, only a ping is valid
-    const std::string first = "State info Mixer_Record:\nInput: microphone\tPaused\nMic Enable: 0\n"
-                              "Number of streams: 0\n" + std::string(49, '=') + "\n";
+    const std::string rule = std::string(49, '=') + "\n", first = "State info Mixer_Record:\nInput: microphone\t"
+                                                                  "Paused\nMic Enable: 0\nNumber of streams: 0\n" + rule;
     EXPECT_EQ(first, report(false));
     for (unsigned code = 0; code <= 9; ++code)
         EXPECT_EQ(code != MSG_PING, log.Count("E Mixer_Record:handleMsg:Unsupported type " + std::to_string(code) + ":"));
-    EXPECT_TRUE(log.Has("W Mixer_Record:WriteInfo:Could not open " + bad + ":"));
+    EXPECT_EQ(1, log.Count("W Mixer_Record:WriteInfo:Could not open " + bad + ":"));
     AddOutput("A");
     AddOutput("B");
     Post(new MsgEnableMic(-3));
     ASSERT_TRUE(mic->WaitForOps("Process", 1, kWait));
     EXPECT_EQ(first + "State info Mixer_Record:\nInput: microphone\tActive\nMic Enable: -3\nNumber of streams: 2\n"
-                      "0\tmeta-A\tA\n1\tmeta-B\tB\n" + std::string(49, '=') + "\n",
-              report(true));
-    EXPECT_TRUE(connect.RecordAlgos().size() == 2 && unlink(file.c_str()) == 0 && rmdir(dir) == 0);
+                      "0\tmeta-A\tA\n1\tmeta-B\tB\n" + rule, report(true));
+    EXPECT_TRUE(unlink(file.c_str()) == 0 && rmdir(dir) == 0);
 }
 
 }  // namespace

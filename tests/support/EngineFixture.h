@@ -1,15 +1,13 @@
 #pragma once
 
 // One engine (Playback or Record) under test with a fake host and a fake output, and
-// what their tests share.
+// what the tests of both share.
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <climits>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <boost/make_shared.hpp>
 
@@ -24,9 +22,9 @@ namespace test {
 
 const std::chrono::milliseconds kWait(20000);  // only a failing test waits this long
 const int kHangUp = INT_MIN;                   // a level that hangs a scripted input up
-
 typedef boost::shared_ptr<ScriptedInput> InputPtr;
 typedef boost::shared_ptr<FakeOutput> OutputPtr;
+typedef std::vector<std::string> Lines;
 
 // An input of type (also its client's name) with a frame per level, every sample at it.
 inline InputPtr Scripted(const std::string& type, const std::vector<int>& levels = {}, unsigned rate = 48000,
@@ -44,8 +42,8 @@ inline std::vector<int> Levels(const OutputPtr& o) {
     return levels;
 }
 
-// Waits until thread tid has been switched out more than before times: a woken thread
-// is counted only once it leaves the CPU again, which may be well after it was seen awake.
+// Waits until thread tid has been switched out more than before times: a woken thread is
+// counted only once it leaves the CPU again, which may be well after it was seen awake.
 inline bool WaitForSwitchesAbove(pid_t tid, long before) {
     for (auto end = std::chrono::steady_clock::now() + kWait; ContextSwitches(tid) <= before;) {
         if (std::chrono::steady_clock::now() > end) return false;
@@ -58,7 +56,6 @@ template <class Engine>
 class EngineFixture : public ::testing::Test {
 protected:
     void Post(MsgHead* msg) { engine.GetMsgQ()->sendMsg(boost::shared_ptr<MsgHead>(msg)); }
-
     LogCapture log;       // outlives the thread
     FakeConnect connect;  // outlives the thread
     OutputPtr out = boost::make_shared<FakeOutput>("ALSA");
