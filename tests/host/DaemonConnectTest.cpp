@@ -7,10 +7,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstring>
-#include <string>
+#include <mutex>
 #include <thread>
-#include <vector>
 
 #include <boost/make_shared.hpp>
 #include <boost/pointer_cast.hpp>
@@ -36,8 +36,8 @@
 namespace mixer {
 namespace {
 
-using host::DaemonConnect;
-using host::EventQueue;
+using host::ClientWatcher;
+using host::kTypeDataTrans;
 
 sStreamInfo Info(const std::string& name, const std::string& type, const std::string& meta, unsigned rate = 48000,
                  unsigned numCh = 2) {
@@ -52,13 +52,15 @@ sStreamInfo Info(const std::string& name, const std::string& type, const std::st
     return info;
 }
 
+std::string Unique(const std::string& base) { return base + std::to_string(getpid()); }
+bool FileExists(const sStreamInfo& info) { return test::PathExists(std::string(kStreamDir) + "/" + info.name); }
+
 // The client's end of a stream: its block queue and its description file.
 struct Client {
     explicit Client(const sStreamInfo& info_) : info(info_) {
         created = queue.Init(host::StreamQueueName(info.name).c_str(), 4, 3840) == 0;
         UtilWriteFile(info);
     }
-    bool FileExists() const { return test::PathExists(std::string(kStreamDir) + "/" + info.name); }
     sStreamInfo info;
     DataTrans queue;
     bool created;
@@ -66,72 +68,73 @@ struct Client {
 
 class DaemonConnectTest : public testing::Test {
 protected:
-    DaemonConnectTest()
-        : playbackQ(boost::make_shared<MsgQ>()), recordQ(boost::make_shared<MsgQ>()),
-          probe(boost::make_shared<host::LatencyProbe>()) {}
-
     void SetUp() override {
         MIXER_REQUIRE_PRIVATE_RUN();
-        settings.rate = 48000;
+        settings.rate = settings.deviceRate = 48000;
         settings.numCh = 2;
-        settings.deviceRate = 48000;
         settings.micRate = 16000;
         settings.micNumCh = 1;
         Make();
     }
-
     void Make() {
-        connect.reset(new DaemonConnect(settings, outputs, mics, events, probe));
+        connect.reset(new host::DaemonConnect(settings, outputs, mics, events, probe));
         connect->SetQueues(playbackQ, recordQ);
     }
-
+    int Add(const sStreamInfo& info) {
+        sStreamInfo copy = info;
+        return connect->AddNewStream(info.name, copy);
+    }
     std::vector<std::string> Events() {
         std::vector<std::string> sent;
         events.Deliver([&](const std::string& e, const std::string& p) { sent.push_back(e + " " + p); });
         return sent;
     }
-
-    // Runs the stream's chain over one frame of the given format.
+    // Runs the stream's chain over one silent frame of the given format.
     static boost::shared_ptr<AudioFrame> Through(Stream& stream, unsigned rate, unsigned numCh) {
         boost::shared_ptr<AudioFrame> f = boost::make_shared<AudioFrame>(SAMPLE_SIZE_16, rate, numCh, 20);
         std::memset(f->data, 0, f->size);
         return stream.Process(f);
     }
+    template <class M>
+    static boost::shared_ptr<M> Take(const boost::shared_ptr<MsgQ>& q) {
+        return boost::dynamic_pointer_cast<M>(q->getMsg(false));
+    }
 
-    std::string Unique(const std::string& base) { return base + std::to_string(getpid()); }
-
-    DaemonConnect::Settings settings;
-    DaemonConnect::OutputSource outputs;
-    DaemonConnect::MicSource mics;
-    EventQueue events;
-    boost::shared_ptr<MsgQ> playbackQ, recordQ;
-    boost::shared_ptr<host::LatencyProbe> probe;
-    std::unique_ptr<DaemonConnect> connect;
+    host::DaemonConnect::Settings settings;
+    host::DaemonConnect::OutputSource outputs;
+    host::DaemonConnect::MicSource mics;
+    host::EventQueue events;
+    boost::shared_ptr<MsgQ> playbackQ = boost::make_shared<MsgQ>(), recordQ = boost::make_shared<MsgQ>();
+    boost::shared_ptr<host::LatencyProbe> probe = boost::make_shared<host::LatencyProbe>();
+    std::unique_ptr<host::DaemonConnect> connect;
 };
 
-TEST_F(DaemonConnectTest, PlaybackStreamBecomesAnInputWhoseDepartureRemovesItsFileAndIsAnnounced) {
-    Client music(Info(Unique("music"), host::kTypeDataTrans, "music", 22050, 1));
-    ASSERT_TRUE(music.created);
-    ASSERT_TRUE(music.FileExists());
-    sStreamInfo info = music.info;
-    ASSERT_EQ(connect->AddNewStream(info.name, info), 0);
-
-    boost::shared_ptr<MsgNewInput> msg = boost::dynamic_pointer_cast<MsgNewInput>(playbackQ->getMsg(false));
+TEST_F(DaemonConnectTest, PlaybackStreamBecomesAnInputFocusedByTypeWhoseDepartureIsAnnounced) {
+    connect->FocusChanged("prompt");
+    Client music(Info(Unique("music"), kTypeDataTrans, "music", 22050, 1));
+    Client prompt(Info(Unique("p"), kTypeDataTrans, "prompt"));
+    ASSERT_TRUE(music.created && FileExists(music.info));
+    ASSERT_EQ(Add(music.info), 0);
+    ASSERT_EQ(Add(prompt.info), 0);
+    ASSERT_EQ(Add(music.info), 0);  // announced again while live (the client rewrote its file): nothing new
+    boost::shared_ptr<MsgNewInput> msg = Take<MsgNewInput>(playbackQ);
     ASSERT_TRUE(msg);
-    EXPECT_FALSE(playbackQ->getMsg(false)) << "no focus was asked for";
-    EXPECT_FALSE(recordQ->getMsg(false));
-    EXPECT_EQ(msg->input->name, info.name);
+    EXPECT_EQ(msg->input->name, music.info.name);
     EXPECT_EQ(msg->input->desc, "music");
     EXPECT_EQ(msg->input->rate, 22050u);
-    EXPECT_EQ(Events(), std::vector<std::string>{"MixerStreamAdded " + info.name});
-    EXPECT_EQ(connect->LiveStreams().count(info.name), 1u);
-
-    // Announced again while live (the client rewrote its file): nothing new.
-    ASSERT_EQ(connect->AddNewStream(info.name, info), 0);
+    boost::shared_ptr<MsgNewInput> promptMsg = Take<MsgNewInput>(playbackQ);
+    EXPECT_EQ(promptMsg->input->desc, "prompt");
+    boost::shared_ptr<MsgSetFocus> focus = Take<MsgSetFocus>(playbackQ);
+    ASSERT_TRUE(focus) << "the focus follows its stream";
+    EXPECT_EQ(focus->streamType, "prompt");
     EXPECT_FALSE(playbackQ->getMsg(false));
+    EXPECT_FALSE(recordQ->getMsg(false));
+    EXPECT_EQ(connect->LiveStreams().size(), 2u);
+    EXPECT_EQ(Events(), (std::vector<std::string>{"MixerFocusChanged prompt", "MixerStreamAdded " + music.info.name,
+                                                  "MixerStreamAdded " + prompt.info.name}));
 
-    // The engine builds the stream: resampled to the mix rate, spread to both
-    // channels, then a ramp gain.
+    // The engine builds the stream: resampled to the mix rate, spread to both channels,
+    // then a ramp gain.
     boost::shared_ptr<Stream> stream = boost::make_shared<Stream>();
     stream->SetInput(msg->input);
     connect->AddPlaybackInputAlgos(stream, msg);
@@ -140,27 +143,30 @@ TEST_F(DaemonConnectTest, PlaybackStreamBecomesAnInputWhoseDepartureRemovesItsFi
     EXPECT_EQ(out->numCh, 2u);
     EXPECT_EQ(out->len, 960u);
     EXPECT_TRUE(boost::dynamic_pointer_cast<AlgoRampGain>(stream->GetAlgoByPos(2)));
-
     // The engine drops the stream: its token fires once the last holder lets go.
     msg.reset();
-    EXPECT_TRUE(music.FileExists());
+    EXPECT_TRUE(FileExists(music.info));
     stream.reset();
-    EXPECT_FALSE(music.FileExists());
-    EXPECT_EQ(Events(), std::vector<std::string>{"MixerStreamRemoved " + info.name});
-    EXPECT_TRUE(connect->LiveStreams().empty());
+    EXPECT_FALSE(FileExists(music.info));
+    EXPECT_EQ(Events(), std::vector<std::string>{"MixerStreamRemoved " + music.info.name});
+    EXPECT_EQ(connect->LiveStreams().count(music.info.name), 0u);
+
+    connect->FocusChanged("");  // "focus none": later prompts are not focused
+    Client prompt2(Info(Unique("q"), kTypeDataTrans, "prompt"));
+    ASSERT_EQ(Add(prompt2.info), 0);
+    EXPECT_TRUE(Take<MsgNewInput>(playbackQ));
+    EXPECT_FALSE(playbackQ->getMsg(false));
+    EXPECT_EQ(Events()[0], "MixerFocusChanged none");
 }
 
-TEST_F(DaemonConnectTest, RecordNamesBecomeOutputsInTheClientsFormatAndOnlyOverTheBlockQueue) {
-    Client rec(Info(kStreamMicRaw, host::kTypeDataTrans, "record", 48000, 2));
+TEST_F(DaemonConnectTest, RecordNamesBecomeOutputsInTheClientsFormatOverTheBlockQueue) {
+    Client rec(Info(kStreamMicRaw, kTypeDataTrans, "record", 48000, 2));
     ASSERT_TRUE(rec.created);
-    sStreamInfo info = rec.info;
-    ASSERT_EQ(connect->AddNewStream(info.name, info), 0);
-    boost::shared_ptr<host::MsgNewClientOutput> msg =
-        boost::dynamic_pointer_cast<host::MsgNewClientOutput>(recordQ->getMsg(false));
+    ASSERT_EQ(Add(rec.info), 0);
+    boost::shared_ptr<host::MsgNewClientOutput> msg = Take<host::MsgNewClientOutput>(recordQ);
     ASSERT_TRUE(msg);
     EXPECT_FALSE(playbackQ->getMsg(false));
     EXPECT_EQ(msg->output->name, "micRaw");
-
     boost::shared_ptr<StreamOut> stream = boost::make_shared<StreamOut>();
     stream->SetOutput(msg->output);
     connect->AddRecordAlgos(stream, msg);
@@ -168,114 +174,85 @@ TEST_F(DaemonConnectTest, RecordNamesBecomeOutputsInTheClientsFormatAndOnlyOverT
     EXPECT_EQ(out->rate, 48000u);
     EXPECT_EQ(out->numCh, 2u);
     EXPECT_EQ(out->len, 960u);
-    // The client reads what the daemon wrote.
     ASSERT_EQ(stream->ProcessOut(out), STATE_ACTIVE);
     int err = 0;
     unsigned len = 0;
-    ASSERT_TRUE(rec.queue.GetReadBuff(err, len, 0, nullptr)) << err;
+    ASSERT_TRUE(rec.queue.GetReadBuff(err, len, 0, nullptr)) << err;  // the client reads what the daemon wrote
     EXPECT_EQ(len, out->size);
     rec.queue.ReleaseReadBuff();
     msg.reset();
     stream.reset();
     EXPECT_EQ(Events(), (std::vector<std::string>{"MixerStreamAdded micRaw", "MixerStreamRemoved micRaw"}));
-
-    // A record name over another transport has nothing to write into.
-    sStreamInfo shm = Info(kStreamMicAsr, kTypeShmQ, "record");
-    EXPECT_NE(connect->AddNewStream(shm.name, shm), 0);
-    EXPECT_FALSE(recordQ->getMsg(false));
 }
 
 TEST_F(DaemonConnectTest, StreamsThatCannotPlayAreRefusedWithoutTraceOrAnnouncement) {
-    struct Case {
-        sStreamInfo info;
-        const char* why;
-    };
-    sStreamInfo wide = Info(Unique("wide"), host::kTypeDataTrans, "music");
+    sStreamInfo wide = Info(Unique("wide"), kTypeDataTrans, "music");
     wide.sampleSize = 4;
-    std::vector<Case> cases = {
-        {wide, "32-bit samples"},
-        {Info(Unique("odd"), host::kTypeDataTrans, "music", 11025, 2), "no whole 20-ms frames"},
-        {Info(Unique("file"), kTypeFile, "music"), "transport the daemon does not read"},
-        {Info(Unique("gone"), host::kTypeDataTrans, "music"), "no queue to open"},
-        {Info(Unique("noq"), kTypeShmQ, "music"), "no platform queue to open"},
-        {Info("", host::kTypeDataTrans, "music"), "no name"},
+    const struct {
+        sStreamInfo info;
+        const char* why;  // the refusal logged; none when the queue does not open
+    } cases[] = {
+        {Info("", kTypeDataTrans, "music"), "no usable stream name"},
+        {Info("a/b", kTypeDataTrans, "music"), "no usable stream name"},
+        {wide, "only 16-bit samples are mixed"},
+        {Info(Unique("c0"), kTypeDataTrans, "music", 48000, 0), "channel count out of range 1..8"},
+        {Info(Unique("c9"), kTypeDataTrans, "music", 48000, 9), "channel count out of range 1..8"},
+        {Info(Unique("low"), kTypeDataTrans, "music", 7950, 2), "rate out of range 8000..96000 Hz"},
+        {Info(Unique("high"), kTypeDataTrans, "music", 96050, 2), "rate out of range 8000..96000 Hz"},
+        {Info(Unique("odd"), kTypeDataTrans, "music", 11025, 2), "rate does not make whole 20-ms frames"},
+        {Info(kStreamMicAsr, kTypeShmQ, "record"), "record streams use the dataTrans transport"},
+        {Info(Unique("file"), kTypeFile, "music"), "unknown transport type"},
+        {Info(Unique("gone"), kTypeDataTrans, "music"), nullptr},
+        {Info(Unique("noq"), kTypeShmQ, "music"), nullptr},
+        {Info(kStreamMicHfp, kTypeDataTrans, "record"), nullptr},
     };
-    for (Case& c : cases) {
-        EXPECT_NE(connect->AddNewStream(c.info.name, c.info), 0) << c.why;
-        EXPECT_FALSE(playbackQ->getMsg(false)) << c.why;
+    for (const auto& c : cases) {
+        test::LogCapture log;
+        EXPECT_NE(Add(c.info), 0) << c.info.name;
+        EXPECT_EQ(log.CountPrefix("W Mixerd_Connect:AddNewStream:" + c.info.name + " refused: " + (c.why ? c.why : "")),
+                  c.why ? 1 : 0) << c.info.name << log.Dump();
     }
+    EXPECT_FALSE(playbackQ->getMsg(false));
+    EXPECT_FALSE(recordQ->getMsg(false));
     EXPECT_TRUE(Events().empty());
     EXPECT_TRUE(connect->LiveStreams().empty());
-}
-
-TEST_F(DaemonConnectTest, AFocusedTypeIsFocusedAgainForEveryStreamOfItThatArrives) {
-    connect->FocusChanged("prompt");
-    EXPECT_EQ(Events(), std::vector<std::string>{"MixerFocusChanged prompt"});
-    Client music(Info(Unique("m"), host::kTypeDataTrans, "music"));
-    Client prompt(Info(Unique("p"), host::kTypeDataTrans, "prompt"));
-    sStreamInfo mi = music.info, pi = prompt.info;
-    ASSERT_EQ(connect->AddNewStream(mi.name, mi), 0);
-    ASSERT_EQ(connect->AddNewStream(pi.name, pi), 0);
-    std::vector<boost::shared_ptr<MsgHead> > posted;
-    while (boost::shared_ptr<MsgHead> m = playbackQ->getMsg(false)) posted.push_back(m);
-    ASSERT_EQ(posted.size(), 3u);
-    EXPECT_EQ(posted[0]->type, MSG_NEW_INPUT);
-    EXPECT_EQ(posted[1]->type, MSG_NEW_INPUT);
-    boost::shared_ptr<MsgSetFocus> focus = boost::dynamic_pointer_cast<MsgSetFocus>(posted[2]);
-    ASSERT_TRUE(focus) << "the focus follows its stream";
-    EXPECT_EQ(focus->streamType, "prompt");
-    posted.clear();
-
-    connect->FocusChanged("");  // "focus none": later prompts are not focused
-    Client prompt2(Info(Unique("q"), host::kTypeDataTrans, "prompt"));
-    sStreamInfo qi = prompt2.info;
-    ASSERT_EQ(connect->AddNewStream(qi.name, qi), 0);
-    EXPECT_EQ(playbackQ->getMsg(false)->type, MSG_NEW_INPUT);
-    EXPECT_FALSE(playbackQ->getMsg(false));
 }
 
 TEST_F(DaemonConnectTest, StreamsComeAndGoOnSeveralThreadsWithEveryAdditionMatchedByARemoval) {
     // Discovery adds streams while the "playback thread" takes and drops them and the
     // "control thread" changes the focus: the shape of the daemon's own concurrency.
+    // The formats are the extremes a stream may have.
     const int kStreams = 20;
-    std::vector<std::unique_ptr<Client> > clients;
+    std::vector<std::unique_ptr<Client>> clients;
     for (int i = 0; i < kStreams; ++i)
-        clients.emplace_back(new Client(Info(Unique("s" + std::to_string(i) + "-"), host::kTypeDataTrans,
-                                             i % 2 ? "prompt" : "music")));
+        clients.emplace_back(new Client(Info(Unique("s" + std::to_string(i) + "-"), kTypeDataTrans,
+                                             i % 2 ? "prompt" : "music", i % 2 ? 8000 : 96000, i % 2 ? 1 : 8)));
     std::thread discovery([&] {
-        for (auto& c : clients) {
-            sStreamInfo info = c->info;
-            connect->AddNewStream(info.name, info);
-        }
+        for (auto& c : clients) EXPECT_EQ(Add(c->info), 0);
         playbackQ->sendMsg(boost::make_shared<MsgHead>(MSG_PING));  // the end
     });
     std::thread control([&] {
         for (int i = 0; i < kStreams; ++i) connect->FocusChanged(i % 2 ? "prompt" : "");
     });
     int inputs = 0;
-    for (;;) {
-        boost::shared_ptr<MsgHead> m = playbackQ->getMsg(true);
-        if (m->type == MSG_PING) break;
-        if (m->type == MSG_NEW_INPUT) ++inputs;
-    }
+    for (boost::shared_ptr<MsgHead> m; (m = playbackQ->getMsg(true))->type != MSG_PING;) inputs += m->type == MSG_NEW_INPUT;
     discovery.join();
     control.join();
     EXPECT_EQ(inputs, kStreams);
     EXPECT_TRUE(connect->LiveStreams().empty());
     int added = 0, removed = 0;
     for (const std::string& e : Events()) {
-        added += e.compare(0, 16, "MixerStreamAdded") == 0;
-        removed += e.compare(0, 18, "MixerStreamRemoved") == 0;
+        added += e.compare(0, 17, "MixerStreamAdded ") == 0;
+        removed += e.compare(0, 19, "MixerStreamRemoved ") == 0;
     }
     EXPECT_EQ(added, kStreams);
     EXPECT_EQ(removed, kStreams);
-    for (auto& c : clients) EXPECT_FALSE(c->FileExists()) << c->info.name;
+    for (auto& c : clients) EXPECT_FALSE(FileExists(c->info)) << c->info.name;
 }
 
 // A client in a process of its own: creates its queue with `blocks` blocks of 20 ms
-// queued, announces the stream with its pid, and then waits to be killed (stay) or
-// ends at once without closing its queue, as a crash would.
-// The queue's name is removed at the end, whatever the test left behind.
+// queued, announces the stream with its pid, then waits to be killed (stay) or ends at
+// once without closing its queue, as a crash would. The queue name goes at the end.
 struct ClientProcess {
     ClientProcess(const sStreamInfo& info_, int blocks, bool stay)
         : info(info_), queueName(host::StreamQueueName(info_.name)), child([this, blocks, stay] {
@@ -292,38 +269,38 @@ struct ClientProcess {
               mine.id = static_cast<int>(getpid());
               CHILD_CHECK(UtilWriteFile(mine) == 0);
               ready.Send();
-              if (stay)
-                  for (;;) pause();
+              while (stay) pause();
               _exit(0);  // without closing the queue (no result for Wait either)
           }) {}
     ~ClientProcess() { shm_unlink(queueName.c_str()); }
-    bool QueueExists() const { return test::PathExists("/dev/shm" + queueName); }
-    bool FileExists() const { return test::PathExists(std::string(kStreamDir) + "/" + info.name); }
+    bool Gone() const { return !test::PathExists("/dev/shm" + queueName) && !FileExists(info); }
     sStreamInfo info;
     std::string queueName;
     test::Pipe ready;
     test::ChildProcess child;
 };
 
-TEST_F(DaemonConnectTest, KilledClientLeavesNothingBehind) {
-    if (!host::ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: killed clients are not noticed";
+TEST_F(DaemonConnectTest, EndedClientsAreHungUpAndLeaveNothingBehind) {
+    if (!ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: ended clients are not noticed";
     test::LogCapture log;
-    // A playback client and a record client, both killed while their streams are live.
-    ClientProcess player(Info(Unique("killed"), host::kTypeDataTrans, "music"), 2, true);
-    ClientProcess recorder(Info(kStreamMicRaw, host::kTypeDataTrans, "record", 16000, 1), 0, true);
-    ASSERT_EQ(player.ready.Receive(), '.');
-    ASSERT_EQ(recorder.ready.Receive(), '.');
-    sStreamInfo pi, ri;  // as the discovery thread reads them
+    // A playback client and a record client killed while their streams are live, and a
+    // client that ended before its stream was accepted (its pid names no process now).
+    ClientProcess player(Info(Unique("killed"), kTypeDataTrans, "music"), 2, true);
+    ClientProcess recorder(Info(kStreamMicRaw, kTypeDataTrans, "record", 16000, 1), 0, true);
+    ClientProcess early(Info(Unique("early"), kTypeDataTrans, "music"), 1, false);
+    sStreamInfo pi, ri, ei;  // as the discovery thread reads them
+    for (ClientProcess* c : {&player, &recorder, &early}) ASSERT_EQ(c->ready.Receive(), '.');
+    EXPECT_EQ(early.child.Wait(), -1);
     ASSERT_EQ(UtilReadFile(player.info.name, pi), 0);
     ASSERT_EQ(UtilReadFile(recorder.info.name, ri), 0);
+    ASSERT_EQ(UtilReadFile(early.info.name, ei), 0);
     EXPECT_EQ(pi.id, player.child.pid());
-    ASSERT_EQ(connect->AddNewStream(pi.name, pi), 0);
-    ASSERT_EQ(connect->AddNewStream(ri.name, ri), 0);
-    boost::shared_ptr<MsgNewInput> in = boost::dynamic_pointer_cast<MsgNewInput>(playbackQ->getMsg(false));
-    boost::shared_ptr<MsgNewOutput> out = boost::dynamic_pointer_cast<MsgNewOutput>(recordQ->getMsg(false));
+    ASSERT_EQ(Add(pi), 0);
+    ASSERT_EQ(Add(ri), 0);
+    boost::shared_ptr<MsgNewInput> in = Take<MsgNewInput>(playbackQ);
+    boost::shared_ptr<MsgNewOutput> out = Take<MsgNewOutput>(recordQ);
     ASSERT_TRUE(in && out);
-    boost::shared_ptr<AudioFrame> frame = in->input->Process();
-    ASSERT_TRUE(frame) << "the queued block plays while the client lives";
+    ASSERT_TRUE(in->input->Process()) << "the queued block plays while the client lives";
     EXPECT_EQ(in->input->state, STATE_ACTIVE);
 
     // The kill, with one block still queued: it still plays.
@@ -331,15 +308,12 @@ TEST_F(DaemonConnectTest, KilledClientLeavesNothingBehind) {
     ASSERT_EQ(kill(recorder.child.pid(), SIGKILL), 0);
     EXPECT_EQ(player.child.Wait(), -1);
     EXPECT_EQ(recorder.child.Wait(), -1);
-    for (const ClientProcess* c : {&player, &recorder})
-        ASSERT_TRUE(log.WaitFor("W Mixerd_Connect:ClientEnded:" + c->info.name + ": process " +
-                                std::to_string(c == &player ? pi.id : ri.id) +
-                                " ended without closing its queue: hung up:"))
-            << log.Dump();
-
+    for (const sStreamInfo* i : {&pi, &ri})
+        ASSERT_TRUE(log.WaitFor("W Mixerd_Connect:ClientEnded:" + i->name + ": process " + std::to_string(i->id) +
+                                " ended without closing its queue: hung up:")) << log.Dump();
     // The engines' view: the input ends as for a client that closed (its last block,
     // its tail of silence, then nothing), the output turns Hangup at its next write.
-    frame = in->input->Process();
+    boost::shared_ptr<AudioFrame> frame = in->input->Process();
     ASSERT_TRUE(frame);
     EXPECT_EQ(frame->Samples16()[0], 0x1111);
     ASSERT_TRUE(in->input->Process());
@@ -347,67 +321,60 @@ TEST_F(DaemonConnectTest, KilledClientLeavesNothingBehind) {
     EXPECT_FALSE(in->input->Process());
     EXPECT_EQ(out->output->WriteFrame(boost::make_shared<AudioFrame>(SAMPLE_SIZE_16, 16000, 1, 20)), -1);
     EXPECT_EQ(out->output->state, STATE_HANGUP);
-    EXPECT_TRUE(player.QueueExists()) << "the daemon's share is still open";
-
+    EXPECT_FALSE(player.Gone()) << "the daemon's share is still open";
     // The engines drop them: the daemon's close, the last, removes everything.
     in.reset();
     out.reset();
-    for (const ClientProcess* c : {&player, &recorder}) {
-        EXPECT_FALSE(c->QueueExists()) << c->queueName;
-        EXPECT_FALSE(c->FileExists()) << c->info.name;
-    }
-    EXPECT_TRUE(connect->LiveStreams().empty());
+    EXPECT_TRUE(player.Gone());
+    EXPECT_TRUE(recorder.Gone());
     EXPECT_EQ(Events(), (std::vector<std::string>{"MixerStreamAdded " + pi.name, "MixerStreamAdded micRaw",
                                                   "MixerStreamRemoved " + pi.name, "MixerStreamRemoved micRaw"}));
-}
 
-TEST_F(DaemonConnectTest, AClientThatEndedBeforeItsStreamWasAcceptedIsHungUpAtOnce) {
-    if (!host::ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: ended clients are not noticed";
-    ClientProcess gone(Info(Unique("early"), host::kTypeDataTrans, "music"), 1, false);
-    ASSERT_EQ(gone.ready.Receive(), '.');
-    EXPECT_EQ(gone.child.Wait(), -1);  // reaped: its pid names no process now
-    sStreamInfo info;
-    ASSERT_EQ(UtilReadFile(gone.info.name, info), 0);
-    ASSERT_EQ(connect->AddNewStream(info.name, info), 0);
-    boost::shared_ptr<MsgNewInput> in = boost::dynamic_pointer_cast<MsgNewInput>(playbackQ->getMsg(false));
+    ASSERT_EQ(Add(ei), 0);  // hung up at once
+    in = Take<MsgNewInput>(playbackQ);
     ASSERT_TRUE(in);
     ASSERT_TRUE(in->input->Process()) << "its last block";
     ASSERT_TRUE(in->input->Process()) << "the tail";
     EXPECT_EQ(in->input->state, STATE_HANGUP);
     in.reset();
-    EXPECT_FALSE(gone.QueueExists());
-    EXPECT_FALSE(gone.FileExists());
+    EXPECT_TRUE(early.Gone());
+    EXPECT_TRUE(connect->LiveStreams().empty());
 }
 
 TEST_F(DaemonConnectTest, WithoutEnginesStreamsAreRefusedAndRequestsDropped) {
-    Client music(Info(Unique("late"), host::kTypeDataTrans, "music"));
+    Client music(Info(Unique("late"), kTypeDataTrans, "music"));
     playbackQ.reset();  // the engines are gone (shutdown)
     recordQ.reset();
-    sStreamInfo info = music.info;
-    EXPECT_NE(connect->AddNewStream(info.name, info), 0);
+    test::LogCapture log;
+    EXPECT_NE(Add(music.info), 0);
     connect->PostPlayback(boost::make_shared<MsgHead>(MSG_PING));
     connect->ChainMsgRecord(boost::make_shared<MsgHead>(MSG_PING));
+    EXPECT_EQ(log.CountPrefix("W Mixerd_Connect:PostPlayback:no playback engine:"), 1);
+    EXPECT_EQ(log.CountPrefix("W Mixerd_Connect:ChainMsgRecord:no record engine:"), 1);
     // The token of the unposted input announced its end after its start.
-    EXPECT_EQ(Events(), (std::vector<std::string>{"MixerStreamAdded " + info.name,
-                                                  "MixerStreamRemoved " + info.name}));
+    EXPECT_EQ(Events(), (std::vector<std::string>{"MixerStreamAdded " + music.info.name,
+                                                  "MixerStreamRemoved " + music.info.name}));
     EXPECT_TRUE(connect->LiveStreams().empty());
 }
 
 TEST_F(DaemonConnectTest, DevicesAndTheDeviceChain) {
-    // No device: the mix still goes somewhere that keeps time; no microphone: silence.
+    // No device: the mix still goes somewhere; no microphone: silence at the mic's format.
     boost::shared_ptr<Output> out = connect->GetPlaybackDefaultOutput();
     ASSERT_TRUE(out);
     EXPECT_NE(out->name, "ALSA");
     EXPECT_EQ(out->WriteFrame(boost::make_shared<AudioFrame>(SAMPLE_SIZE_16, 48000, 2, 20)), 0);
-    boost::shared_ptr<Input> mic = connect->GetRecordDefaultInput();
-    ASSERT_TRUE(mic);
-    EXPECT_EQ(mic->rate, 16000u);
-    boost::shared_ptr<AudioFrame> heard = mic->Process();
+    boost::shared_ptr<AudioFrame> heard = connect->GetRecordDefaultInput()->Process();
     ASSERT_TRUE(heard);
+    EXPECT_EQ(heard->rate, 16000u);
+    EXPECT_EQ(heard->numCh, 1u);
     for (uint32_t i = 0; i < heard->len; ++i) ASSERT_EQ(heard->Samples16()[i], 0);
+    unsigned rate = 0, numCh = 0;
+    tSampleSize ss;
+    connect->GetSumParams(rate, numCh, ss);
+    EXPECT_EQ(rate * 10 + numCh, 480002u);
 
     // A device at another rate than the mix: the chain converts, and a latency mark is
-    // written after the conversion.
+    // written after the conversion, on one frame only.
     boost::shared_ptr<test::FakeOutput> device = boost::make_shared<test::FakeOutput>("dev");
     outputs = [device] { return device; };
     settings.deviceRate = 44100;
@@ -415,8 +382,7 @@ TEST_F(DaemonConnectTest, DevicesAndTheDeviceChain) {
     EXPECT_EQ(connect->GetPlaybackDefaultOutput(), device);
     boost::shared_ptr<StreamOut> chain = boost::make_shared<StreamOut>();
     EXPECT_EQ(connect->AddPlaybackOutputAlgos(device, chain, PLAYBACK_MODE_DEFAULT), 0);
-    boost::shared_ptr<AlgoSilence> mark =
-        boost::dynamic_pointer_cast<AlgoSilence>(chain->GetAlgoById(ALGO_ID_SILENCE));
+    boost::shared_ptr<AlgoSilence> mark = boost::dynamic_pointer_cast<AlgoSilence>(chain->GetAlgoById(ALGO_ID_SILENCE));
     ASSERT_TRUE(mark);
     EXPECT_EQ(Through(*chain, 48000, 2)->rate, 44100u);
     probe->Arm();
@@ -427,7 +393,7 @@ TEST_F(DaemonConnectTest, DevicesAndTheDeviceChain) {
     EXPECT_EQ(mark->running, 0);
     EXPECT_EQ(mark->count, 1);
     EXPECT_FALSE(probe->WantsMark());
-    EXPECT_EQ(Through(*chain, 48000, 2)->Samples16()[0], 0) << "one frame only";
+    EXPECT_EQ(Through(*chain, 48000, 2)->Samples16()[0], 0);
 
     // The latency test's carrier stays out of volumes and ducking.
     boost::shared_ptr<Stream> carrier = boost::make_shared<Stream>();
@@ -441,13 +407,10 @@ TEST(TrailingSilenceTest, AHungUpInputGivesOneSilentFrameAndThenNothing) {
     in.Push(in.MakeFrame(1000));
     in.PushHangup();
     in.PushHangup();
+    EXPECT_EQ(in.Process()->Samples16()[0], 1000);
     boost::shared_ptr<AudioFrame> f = in.Process();
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->Samples16()[0], 1000);
-    f = in.Process();
     ASSERT_TRUE(f) << "the tail that flushes a resampler";
-    EXPECT_EQ(f->rate, 22050u);
-    EXPECT_EQ(f->len, 441u);
+    EXPECT_EQ(f->rate * 1000 + f->len, 22050441u);
     for (uint32_t i = 0; i < f->len; ++i) ASSERT_EQ(f->Samples16()[i], 0);
     EXPECT_FALSE(in.Process());
     EXPECT_EQ(in.state, STATE_HANGUP);

@@ -2,49 +2,115 @@
 #include <poll.h>
 #include <signal.h>
 
+#include <sstream>
 #include <thread>
 #include <vector>
 
+#include "host/DaemonOptions.h"
 #include "host/EventQueue.h"
 #include "host/ShutdownSignals.h"
+#include "host/StreamQueueName.h"
 
 namespace mixer {
 namespace {
 
-using host::EventQueue;
-using host::ShutdownSignals;
+using host::DaemonOptions;
+
+std::string Dump(const DaemonOptions& o) {
+    std::ostringstream s;
+    s << o.output << '|' << o.device << '|' << o.outFile << '|' << o.mic << '|' << o.micDevice << '|' << o.micFile
+      << '|' << o.rate << '|' << o.channels << '|' << o.deviceRate << '|' << o.micRate << '|' << o.micChannels << '|'
+      << o.volume << '|' << o.socketPath << '|' << o.statusFile << '|' << o.haveLogMask << ':' << std::hex
+      << o.logMask << std::dec << '|' << o.logStderr << '|' << o.readyFd << '|' << o.micOff;
+    return s.str();
+}
+
+TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
+    const DaemonOptions::Result kRun = DaemonOptions::kRun, kError = DaemonOptions::kError;
+    struct Case {
+        std::vector<std::string> args;
+        DaemonOptions::Result result;
+        std::string text;  // the options taken (kRun) or the error
+    };
+    const std::string run = "|/run/mixerd.sock|/run/mixerd.status|";
+    std::vector<Case> cases = {
+        {{}, kRun, "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run + "0:0|0|-1|0"},
+        {{"--output", "wav", "--out-file", "/o.wav", "--mic=wav", "--mic-file", "m.wav", "--rate", "8000", "--channels",
+          "8", "--device-rate", "16000", "--mic-rate", "8000", "--mic-channels", "1", "--volume", "0", "--socket", "/s",
+          "--status-file", "/st", "--log-mask", "EWIDP", "--log-stderr", "--ready-fd", "3", "--mic-off", "--device",
+          "hw:1,0", "--mic-device", "hw:2"},
+         kRun, "wav|hw:1,0|/o.wav|wav|hw:2|m.wav|8000|8|16000|8000|1|0|/s|/st|1:3808020|1|3|1"},
+        {{"--rate=96000", "--device-rate", "8000", "--mic-rate", "96000", "--mic-channels", "8", "--volume", "100",
+          "--ready-fd", "1023", "--log-mask", "4294967295", "--mic", "tone"},
+         kRun, "alsa|default|out.wav|tone|default||96000|2|8000|96000|8|100" + run + "1:ffffffff|0|1023|0"},
+        {{"--log-mask", "0x20"}, kRun, "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run + "1:20|0|-1|0"},
+        {{"--help"}, DaemonOptions::kHelp, ""},
+        {{"-h"}, DaemonOptions::kHelp, ""},
+        {{"-V"}, DaemonOptions::kVersion, ""},
+        {{"--version"}, DaemonOptions::kVersion, ""},
+        {{"--frobnicate"}, kError, "unknown option --frobnicate (see --help)"},
+        {{"--socket"}, kError, "option --socket needs a value"},
+        {{"stray"}, kError, "unexpected argument 'stray' (see --help)"},
+        {{"--mic", "wav"}, kError, "--mic wav needs --mic-file"},
+    };
+    // Values out of range or of the wrong form: "bad value 'V' for --OPTION (see --help)".
+    const std::vector<std::pair<std::string, std::string>> bad = {
+        {"volume", "101"}, {"rate", "-48000"}, {"rate", "+8000"}, {"rate", "7999"}, {"rate", "96001"},
+        {"rate", "48000x"}, {"device-rate", "7999"}, {"mic-rate", "96001"}, {"channels", "0"}, {"channels", "9"},
+        {"mic-channels", "9"}, {"output", "speaker"}, {"mic", "line"}, {"ready-fd", "2"}, {"ready-fd", "1024"},
+        {"log-mask", "EWX"}, {"log-mask", "ew"}, {"log-mask", "12ab"}, {"log-mask", "0x100000000"}, {"log-mask", ""},
+        {"socket", ""}, {"status-file", ""}, {"device", ""}, {"out-file", ""}, {"mic-device", ""}, {"mic-file", ""}};
+    for (const auto& b : bad)
+        cases.push_back({{"--" + b.first, b.second}, kError, "bad value '" + b.second + "' for --" + b.first + " (see --help)"});
+    for (Case& c : cases) {
+        SCOPED_TRACE(c.args.empty() ? "(none)" : c.args[0] + " " + (c.args.size() > 1 ? c.args[1] : ""));
+        c.args.insert(c.args.begin(), "mixerd");
+        std::vector<char*> argv;
+        for (std::string& a : c.args) argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        DaemonOptions o;
+        o.volume = 33;  // a refused list changes nothing
+        const std::string before = Dump(o);
+        std::string error;
+        EXPECT_EQ(DaemonOptions::Parse(static_cast<int>(c.args.size()), argv.data(), o, error), c.result);
+        EXPECT_EQ(c.result == kRun ? Dump(o) : c.result == kError ? error : "", c.text);
+        EXPECT_TRUE(c.result == kRun || Dump(o) == before) << Dump(o);
+    }
+}
 
 TEST(ShutdownSignalsTest, TermAndIntArriveOnTheDescriptorInsteadOfKilling) {
-    ShutdownSignals signals;
+    host::ShutdownSignals signals;
     ASSERT_TRUE(signals.Ok());
     EXPECT_EQ(signals.Take(), 0);
-    ASSERT_EQ(pthread_kill(pthread_self(), SIGTERM), 0);
     pollfd pfd = {signals.Fd(), POLLIN, 0};
-    ASSERT_EQ(poll(&pfd, 1, -1), 1);
-    EXPECT_EQ(signals.Take(), SIGTERM);
-    ASSERT_EQ(pthread_kill(pthread_self(), SIGINT), 0);
-    ASSERT_EQ(poll(&pfd, 1, -1), 1);
-    EXPECT_EQ(signals.Take(), SIGINT);
+    for (int sig : {SIGTERM, SIGINT}) {
+        ASSERT_EQ(pthread_kill(pthread_self(), sig), 0);
+        ASSERT_EQ(poll(&pfd, 1, 20000), 1);
+        EXPECT_EQ(signals.Take(), sig);
+    }
     EXPECT_EQ(signals.Take(), 0);
 }
 
 TEST(EventQueueTest, EventsFromOtherThreadsAreDeliveredInOrderOnTheOwnersThread) {
-    EventQueue events;
+    host::EventQueue events;
     ASSERT_TRUE(events.Ok());
     pollfd pfd = {events.Fd(), POLLIN, 0};
     EXPECT_EQ(poll(&pfd, 1, 0), 0);
-    std::thread engine([&events] {
+    std::thread([&events] {
         events.Push("MixerStreamAdded", "music");
         events.Push("MixerStreamRemoved", "music");
-    });
-    engine.join();
-    ASSERT_EQ(poll(&pfd, 1, -1), 1);
+    }).join();
+    ASSERT_EQ(poll(&pfd, 1, 20000), 1);
     std::vector<std::string> sent;
     auto send = [&sent](const std::string& e, const std::string& p) { sent.push_back(e + " " + p); };
     EXPECT_EQ(events.Deliver(send), 2u);
     EXPECT_EQ(sent, (std::vector<std::string>{"MixerStreamAdded music", "MixerStreamRemoved music"}));
     EXPECT_EQ(poll(&pfd, 1, 0), 0);  // nothing left: not readable
     EXPECT_EQ(events.Deliver(send), 0u);
+    // Queue names ignore leading slashes.
+    EXPECT_EQ(host::StreamQueueName("music1"), "/mixer-music1");
+    EXPECT_EQ(host::StreamQueueName("//micRaw"), "/mixer-micRaw");
+    EXPECT_STREQ(host::kTypeDataTrans, "dataTrans");
 }
 
 }  // namespace
