@@ -1,15 +1,13 @@
-// The daemon's connection to the engines, driven the way the library's threads drive
-// it but without the engines: the test takes the posted messages from the queues.
-// Runs in a private /run (see CMakeLists.txt): stream tokens remove description files.
+// The daemon's connection to the engines, driven as the library's threads drive it but
+// without the engines: the test takes the posted messages from the queues. Runs in a
+// private /run and /dev/shm (see CMakeLists.txt): stream tokens remove description files.
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <condition_variable>
-#include <cstring>
-#include <mutex>
 #include <thread>
 
 #include <boost/make_shared.hpp>
@@ -20,7 +18,6 @@
 #include "host/LatencyCarrierInput.h"
 #include "host/MsgNewClientOutput.h"
 #include "host/StreamQueueName.h"
-#include "host/TrailingSilence.h"
 #include "mixer/algo/AlgoRampGain.h"
 #include "mixer/core/MsgSetFocus.h"
 #include "mixer/discovery/StreamFiles.h"
@@ -31,39 +28,37 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeOutput.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/ScriptedInput.h"
 
 namespace mixer {
 namespace {
 
 using host::ClientWatcher;
-using host::kTypeDataTrans;
+using Strings = std::vector<std::string>;
+using Frame = boost::shared_ptr<AudioFrame>;
 
-sStreamInfo Info(const std::string& name, const std::string& type, const std::string& meta, unsigned rate = 48000,
-                 unsigned numCh = 2) {
-    sStreamInfo info;
-    info.id = 1;
-    info.name = name;
-    info.type = type;
-    info.rate = rate;
-    info.numCh = numCh;
-    info.sampleSize = 2;
-    info.meta = meta;
-    return info;
+sStreamInfo Info(const std::string& name, const std::string& meta, unsigned rate = 48000, unsigned numCh = 2,
+                 const std::string& type = host::kTypeDataTrans) {
+    sStreamInfo i;
+    i.id = 1;
+    i.name = name;
+    i.type = type;
+    i.rate = rate;
+    i.numCh = numCh;
+    i.sampleSize = 2;
+    i.meta = meta;
+    return i;
 }
 
-std::string Unique(const std::string& base) { return base + std::to_string(getpid()); }
-bool FileExists(const sStreamInfo& info) { return test::PathExists(std::string(kStreamDir) + "/" + info.name); }
+bool FileExists(const std::string& name) { return test::PathExists(std::string(kStreamDir) + "/" + name); }
+std::string Fmt(const Frame& f) { return std::to_string(f->rate) + "/" + std::to_string(f->numCh) + "/" + std::to_string(f->len); }
 
 // The client's end of a stream: its block queue and its description file.
 struct Client {
-    explicit Client(const sStreamInfo& info_) : info(info_) {
-        created = queue.Init(host::StreamQueueName(info.name).c_str(), 4, 3840) == 0;
-        UtilWriteFile(info);
-    }
+    explicit Client(const sStreamInfo& i)
+        : info(i), ok(queue.Init(host::StreamQueueName(i.name).c_str(), 4, 3840) == 0 && UtilWriteFile(i) == 0) {}
     sStreamInfo info;
     DataTrans queue;
-    bool created;
+    bool ok;
 };
 
 class DaemonConnectTest : public testing::Test {
@@ -77,134 +72,117 @@ protected:
         Make();
     }
     void Make() {
-        connect.reset(new host::DaemonConnect(settings, outputs, mics, events, probe));
+        connect.reset(new host::DaemonConnect(settings, outputs, nullptr, events, probe));
         connect->SetQueues(playbackQ, recordQ);
     }
-    int Add(const sStreamInfo& info) {
-        sStreamInfo copy = info;
-        return connect->AddNewStream(info.name, copy);
-    }
-    std::vector<std::string> Events() {
-        std::vector<std::string> sent;
-        events.Deliver([&](const std::string& e, const std::string& p) { sent.push_back(e + " " + p); });
+    int Add(sStreamInfo info) { return connect->AddNewStream(info.name, info); }
+    Strings Events() {
+        Strings sent;
+        const size_t n = events.Deliver([&](const std::string& e, const std::string& p) { sent.push_back(e + " " + p); });
+        EXPECT_EQ(n, sent.size());
         return sent;
     }
-    // Runs the stream's chain over one silent frame of the given format.
-    static boost::shared_ptr<AudioFrame> Through(Stream& stream, unsigned rate, unsigned numCh) {
-        boost::shared_ptr<AudioFrame> f = boost::make_shared<AudioFrame>(SAMPLE_SIZE_16, rate, numCh, 20);
-        std::memset(f->data, 0, f->size);
-        return stream.Process(f);
+    // Takes what was posted, the playback queue's first: one line a message, the
+    // messages kept in `taken` (the engines' hold on them).
+    Strings Posted() {
+        Strings lines;
+        for (const boost::shared_ptr<MsgQ>& q : {playbackQ, recordQ})
+            while (boost::shared_ptr<MsgHead> m = q->getMsg(false)) {
+                taken.push_back(m);
+                auto in = boost::dynamic_pointer_cast<MsgNewInput>(m);
+                auto out = boost::dynamic_pointer_cast<MsgNewOutput>(m);
+                auto focus = boost::dynamic_pointer_cast<MsgSetFocus>(m);
+                lines.push_back(in ? "input " + in->input->name + " " + in->input->desc + " " + std::to_string(in->input->rate)
+                                : out ? "output " + out->output->name : focus ? "focus " + focus->streamType : "?");
+            }
+        return lines;
     }
-    template <class M>
-    static boost::shared_ptr<M> Take(const boost::shared_ptr<MsgQ>& q) {
-        return boost::dynamic_pointer_cast<M>(q->getMsg(false));
+    // Runs a chain over one silent frame of the given format.
+    static Frame Through(Stream& stream, unsigned rate, unsigned numCh) {
+        Frame f = boost::make_shared<AudioFrame>(SAMPLE_SIZE_16, rate, numCh, 20);
+        std::fill(f->Samples16(), f->Samples16() + f->len * numCh, 0);
+        return stream.Process(f);
     }
 
     host::DaemonConnect::Settings settings;
     host::DaemonConnect::OutputSource outputs;
-    host::DaemonConnect::MicSource mics;
     host::EventQueue events;
     boost::shared_ptr<MsgQ> playbackQ = boost::make_shared<MsgQ>(), recordQ = boost::make_shared<MsgQ>();
     boost::shared_ptr<host::LatencyProbe> probe = boost::make_shared<host::LatencyProbe>();
     std::unique_ptr<host::DaemonConnect> connect;
+    std::vector<boost::shared_ptr<MsgHead>> taken;  // last: dropped while the connection lives
 };
 
 TEST_F(DaemonConnectTest, PlaybackStreamBecomesAnInputFocusedByTypeWhoseDepartureIsAnnounced) {
     connect->FocusChanged("prompt");
-    Client music(Info(Unique("music"), kTypeDataTrans, "music", 22050, 1));
-    Client prompt(Info(Unique("p"), kTypeDataTrans, "prompt"));
-    ASSERT_TRUE(music.created && FileExists(music.info));
+    Client music(Info("music", "music", 22050, 1)), prompt(Info("p", "prompt")), later(Info("q", "prompt"));
+    ASSERT_TRUE(music.ok && prompt.ok && later.ok && FileExists("music"));
     ASSERT_EQ(Add(music.info), 0);
     ASSERT_EQ(Add(prompt.info), 0);
-    ASSERT_EQ(Add(music.info), 0);  // announced again while live (the client rewrote its file): nothing new
-    boost::shared_ptr<MsgNewInput> msg = Take<MsgNewInput>(playbackQ);
-    ASSERT_TRUE(msg);
-    EXPECT_EQ(msg->input->name, music.info.name);
-    EXPECT_EQ(msg->input->desc, "music");
-    EXPECT_EQ(msg->input->rate, 22050u);
-    boost::shared_ptr<MsgNewInput> promptMsg = Take<MsgNewInput>(playbackQ);
-    EXPECT_EQ(promptMsg->input->desc, "prompt");
-    boost::shared_ptr<MsgSetFocus> focus = Take<MsgSetFocus>(playbackQ);
-    ASSERT_TRUE(focus) << "the focus follows its stream";
-    EXPECT_EQ(focus->streamType, "prompt");
-    EXPECT_FALSE(playbackQ->getMsg(false));
-    EXPECT_FALSE(recordQ->getMsg(false));
+    ASSERT_EQ(Add(music.info), 0);  // announced again while live (its file rewritten): nothing new
+    EXPECT_EQ(Posted(), (Strings{"input music music 22050", "input p prompt 48000", "focus prompt"}));
     EXPECT_EQ(connect->LiveStreams().size(), 2u);
-    EXPECT_EQ(Events(), (std::vector<std::string>{"MixerFocusChanged prompt", "MixerStreamAdded " + music.info.name,
-                                                  "MixerStreamAdded " + prompt.info.name}));
-
     // The engine builds the stream: resampled to the mix rate, spread to both channels,
     // then a ramp gain.
     boost::shared_ptr<Stream> stream = boost::make_shared<Stream>();
-    stream->SetInput(msg->input);
-    connect->AddPlaybackInputAlgos(stream, msg);
-    boost::shared_ptr<AudioFrame> out = Through(*stream, 22050, 1);
-    EXPECT_EQ(out->rate, 48000u);
-    EXPECT_EQ(out->numCh, 2u);
-    EXPECT_EQ(out->len, 960u);
+    stream->SetInput(boost::dynamic_pointer_cast<MsgNewInput>(taken[0])->input);
+    connect->AddPlaybackInputAlgos(stream, nullptr);
+    EXPECT_EQ(Fmt(Through(*stream, 22050, 1)), "48000/2/960");
     EXPECT_TRUE(boost::dynamic_pointer_cast<AlgoRampGain>(stream->GetAlgoByPos(2)));
     // The engine drops the stream: its token fires once the last holder lets go.
-    msg.reset();
-    EXPECT_TRUE(FileExists(music.info));
+    taken.erase(taken.begin());
+    EXPECT_TRUE(FileExists("music"));
     stream.reset();
-    EXPECT_FALSE(FileExists(music.info));
-    EXPECT_EQ(Events(), std::vector<std::string>{"MixerStreamRemoved " + music.info.name});
-    EXPECT_EQ(connect->LiveStreams().count(music.info.name), 0u);
-
+    EXPECT_FALSE(FileExists("music"));
+    EXPECT_EQ(connect->LiveStreams().count("music"), 0u);
     connect->FocusChanged("");  // "focus none": later prompts are not focused
-    Client prompt2(Info(Unique("q"), kTypeDataTrans, "prompt"));
-    ASSERT_EQ(Add(prompt2.info), 0);
-    EXPECT_TRUE(Take<MsgNewInput>(playbackQ));
-    EXPECT_FALSE(playbackQ->getMsg(false));
-    EXPECT_EQ(Events()[0], "MixerFocusChanged none");
+    ASSERT_EQ(Add(later.info), 0);
+    EXPECT_EQ(Posted(), Strings{"input q prompt 48000"});
+    EXPECT_EQ(Events(), (Strings{"MixerFocusChanged prompt", "MixerStreamAdded music", "MixerStreamAdded p",
+                                 "MixerStreamRemoved music", "MixerFocusChanged none", "MixerStreamAdded q"}));
 }
 
-TEST_F(DaemonConnectTest, RecordNamesBecomeOutputsInTheClientsFormatOverTheBlockQueue) {
-    Client rec(Info(kStreamMicRaw, kTypeDataTrans, "record", 48000, 2));
-    ASSERT_TRUE(rec.created);
+TEST_F(DaemonConnectTest, RecordNameBecomesAnOutputInTheClientsFormatOverTheBlockQueue) {
+    Client rec(Info(kStreamMicRaw, "record"));
+    ASSERT_TRUE(rec.ok);
     ASSERT_EQ(Add(rec.info), 0);
-    boost::shared_ptr<host::MsgNewClientOutput> msg = Take<host::MsgNewClientOutput>(recordQ);
-    ASSERT_TRUE(msg);
-    EXPECT_FALSE(playbackQ->getMsg(false));
-    EXPECT_EQ(msg->output->name, "micRaw");
+    EXPECT_EQ(Posted(), Strings{"output micRaw"});
     boost::shared_ptr<StreamOut> stream = boost::make_shared<StreamOut>();
-    stream->SetOutput(msg->output);
-    connect->AddRecordAlgos(stream, msg);
-    boost::shared_ptr<AudioFrame> out = Through(*stream, 16000, 1);  // the microphone's format
-    EXPECT_EQ(out->rate, 48000u);
-    EXPECT_EQ(out->numCh, 2u);
-    EXPECT_EQ(out->len, 960u);
+    stream->SetOutput(boost::dynamic_pointer_cast<MsgNewOutput>(taken[0])->output);
+    connect->AddRecordAlgos(stream, boost::dynamic_pointer_cast<MsgNewOutput>(taken[0]));
+    Frame out = Through(*stream, 16000, 1);  // the microphone's format
+    EXPECT_EQ(Fmt(out), "48000/2/960");
     ASSERT_EQ(stream->ProcessOut(out), STATE_ACTIVE);
     int err = 0;
     unsigned len = 0;
     ASSERT_TRUE(rec.queue.GetReadBuff(err, len, 0, nullptr)) << err;  // the client reads what the daemon wrote
     EXPECT_EQ(len, out->size);
     rec.queue.ReleaseReadBuff();
-    msg.reset();
+    taken.clear();
     stream.reset();
-    EXPECT_EQ(Events(), (std::vector<std::string>{"MixerStreamAdded micRaw", "MixerStreamRemoved micRaw"}));
+    EXPECT_EQ(Events(), (Strings{"MixerStreamAdded micRaw", "MixerStreamRemoved micRaw"}));
 }
 
 TEST_F(DaemonConnectTest, StreamsThatCannotPlayAreRefusedWithoutTraceOrAnnouncement) {
-    sStreamInfo wide = Info(Unique("wide"), kTypeDataTrans, "music");
+    sStreamInfo wide = Info("wide", "music");
     wide.sampleSize = 4;
     const struct {
         sStreamInfo info;
         const char* why;  // the refusal logged; none when the queue does not open
     } cases[] = {
-        {Info("", kTypeDataTrans, "music"), "no usable stream name"},
-        {Info("a/b", kTypeDataTrans, "music"), "no usable stream name"},
+        {Info("", "music"), "no usable stream name"},
+        {Info("a/b", "music"), "no usable stream name"},
         {wide, "only 16-bit samples are mixed"},
-        {Info(Unique("c0"), kTypeDataTrans, "music", 48000, 0), "channel count out of range 1..8"},
-        {Info(Unique("c9"), kTypeDataTrans, "music", 48000, 9), "channel count out of range 1..8"},
-        {Info(Unique("low"), kTypeDataTrans, "music", 7950, 2), "rate out of range 8000..96000 Hz"},
-        {Info(Unique("high"), kTypeDataTrans, "music", 96050, 2), "rate out of range 8000..96000 Hz"},
-        {Info(Unique("odd"), kTypeDataTrans, "music", 11025, 2), "rate does not make whole 20-ms frames"},
-        {Info(kStreamMicAsr, kTypeShmQ, "record"), "record streams use the dataTrans transport"},
-        {Info(Unique("file"), kTypeFile, "music"), "unknown transport type"},
-        {Info(Unique("gone"), kTypeDataTrans, "music"), nullptr},
-        {Info(Unique("noq"), kTypeShmQ, "music"), nullptr},
-        {Info(kStreamMicHfp, kTypeDataTrans, "record"), nullptr},
+        {Info("c0", "music", 48000, 0), "channel count out of range 1..8"},
+        {Info("c9", "music", 48000, 9), "channel count out of range 1..8"},
+        {Info("low", "music", 7950), "rate out of range 8000..96000 Hz"},
+        {Info("high", "music", 96050), "rate out of range 8000..96000 Hz"},
+        {Info("odd", "music", 11025), "rate does not make whole 20-ms frames"},
+        {Info(kStreamMicAsr, "record", 48000, 2, kTypeShmQ), "record streams use the dataTrans transport"},
+        {Info("file", "music", 48000, 2, kTypeFile), "unknown transport type"},
+        {Info("gone", "music"), nullptr},
+        {Info("noq", "music", 48000, 2, kTypeShmQ), nullptr},
+        {Info(kStreamMicHfp, "record"), nullptr},
     };
     for (const auto& c : cases) {
         test::LogCapture log;
@@ -212,70 +190,63 @@ TEST_F(DaemonConnectTest, StreamsThatCannotPlayAreRefusedWithoutTraceOrAnnouncem
         EXPECT_EQ(log.CountPrefix("W Mixerd_Connect:AddNewStream:" + c.info.name + " refused: " + (c.why ? c.why : "")),
                   c.why ? 1 : 0) << c.info.name << log.Dump();
     }
-    EXPECT_FALSE(playbackQ->getMsg(false));
-    EXPECT_FALSE(recordQ->getMsg(false));
-    EXPECT_TRUE(Events().empty());
+    EXPECT_EQ(Posted(), Strings{});
+    EXPECT_EQ(Events(), Strings{});
     EXPECT_TRUE(connect->LiveStreams().empty());
 }
 
 TEST_F(DaemonConnectTest, StreamsComeAndGoOnSeveralThreadsWithEveryAdditionMatchedByARemoval) {
     // Discovery adds streams while the "playback thread" takes and drops them and the
-    // "control thread" changes the focus: the shape of the daemon's own concurrency.
-    // The formats are the extremes a stream may have.
-    const int kStreams = 20;
+    // "control thread" changes the focus: the daemon's own concurrency. The formats are
+    // the extremes a stream may have.
     std::vector<std::unique_ptr<Client>> clients;
-    for (int i = 0; i < kStreams; ++i)
-        clients.emplace_back(new Client(Info(Unique("s" + std::to_string(i) + "-"), kTypeDataTrans,
-                                             i % 2 ? "prompt" : "music", i % 2 ? 8000 : 96000, i % 2 ? 1 : 8)));
+    for (int i = 0; i < 20; ++i)
+        clients.emplace_back(new Client(Info("s" + std::to_string(i), i % 2 ? "prompt" : "music", i % 2 ? 8000 : 96000,
+                                             i % 2 ? 1 : 8)));
     std::thread discovery([&] {
         for (auto& c : clients) EXPECT_EQ(Add(c->info), 0);
         playbackQ->sendMsg(boost::make_shared<MsgHead>(MSG_PING));  // the end
     });
     std::thread control([&] {
-        for (int i = 0; i < kStreams; ++i) connect->FocusChanged(i % 2 ? "prompt" : "");
+        for (int i = 0; i < 20; ++i) connect->FocusChanged(i % 2 ? "prompt" : "");
     });
     int inputs = 0;
     for (boost::shared_ptr<MsgHead> m; (m = playbackQ->getMsg(true))->type != MSG_PING;) inputs += m->type == MSG_NEW_INPUT;
     discovery.join();
     control.join();
-    EXPECT_EQ(inputs, kStreams);
+    EXPECT_EQ(inputs, 20);
     EXPECT_TRUE(connect->LiveStreams().empty());
-    int added = 0, removed = 0;
-    for (const std::string& e : Events()) {
-        added += e.compare(0, 17, "MixerStreamAdded ") == 0;
-        removed += e.compare(0, 19, "MixerStreamRemoved ") == 0;
-    }
-    EXPECT_EQ(added, kStreams);
-    EXPECT_EQ(removed, kStreams);
-    for (auto& c : clients) EXPECT_FALSE(FileExists(c->info)) << c->info.name;
+    pollfd pfd = {events.Fd(), POLLIN, 0};
+    EXPECT_EQ(poll(&pfd, 1, 0), 1);  // the daemon's loop is woken for the events
+    Strings e = Events();
+    EXPECT_EQ(e.size(), 60u);  // 20 focus changes
+    EXPECT_EQ(std::count_if(e.begin(), e.end(), [](const std::string& s) { return s.find("Removed") != s.npos; }), 20);
+    EXPECT_EQ(poll(&pfd, 1, 0), 0);
+    for (auto& c : clients) EXPECT_FALSE(FileExists(c->info.name)) << c->info.name;
 }
 
 // A client in a process of its own: creates its queue with `blocks` blocks of 20 ms
 // queued, announces the stream with its pid, then waits to be killed (stay) or ends at
-// once without closing its queue, as a crash would. The queue name goes at the end.
+// once without closing its queue, as a crash would.
 struct ClientProcess {
     ClientProcess(const sStreamInfo& info_, int blocks, bool stay)
-        : info(info_), queueName(host::StreamQueueName(info_.name)), child([this, blocks, stay] {
+        : info(info_), child([this, blocks, stay] {
               DataTrans queue;
-              CHILD_CHECK(queue.Init(queueName.c_str(), 4, 3840) == 0);
-              for (int i = 0; i < blocks; ++i) {
-                  int err = 0;
+              CHILD_CHECK(queue.Init(host::StreamQueueName(info.name).c_str(), 4, 3840) == 0);
+              for (int i = 0, err = 0; i < blocks; ++i) {
                   char* block = queue.GetWriteBuff(err, 0);
                   CHILD_CHECK(block != nullptr);
                   std::memset(block, 0x11, 3840);
                   CHILD_CHECK(queue.CommitWriteBuff(3840, nullptr));
               }
-              sStreamInfo mine = info;
-              mine.id = static_cast<int>(getpid());
-              CHILD_CHECK(UtilWriteFile(mine) == 0);
+              info.id = static_cast<int>(getpid());
+              CHILD_CHECK(UtilWriteFile(info) == 0);
               ready.Send();
               while (stay) pause();
               _exit(0);  // without closing the queue (no result for Wait either)
           }) {}
-    ~ClientProcess() { shm_unlink(queueName.c_str()); }
-    bool Gone() const { return !test::PathExists("/dev/shm" + queueName) && !FileExists(info); }
+    bool Gone() const { return !test::PathExists("/dev/shm" + host::StreamQueueName(info.name)) && !FileExists(info.name); }
     sStreamInfo info;
-    std::string queueName;
     test::Pipe ready;
     test::ChildProcess child;
 };
@@ -283,96 +254,81 @@ struct ClientProcess {
 TEST_F(DaemonConnectTest, EndedClientsAreHungUpAndLeaveNothingBehind) {
     if (!ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: ended clients are not noticed";
     test::LogCapture log;
-    // A playback client and a record client killed while their streams are live, and a
-    // client that ended before its stream was accepted (its pid names no process now).
-    ClientProcess player(Info(Unique("killed"), kTypeDataTrans, "music"), 2, true);
-    ClientProcess recorder(Info(kStreamMicRaw, kTypeDataTrans, "record", 16000, 1), 0, true);
-    ClientProcess early(Info(Unique("early"), kTypeDataTrans, "music"), 1, false);
+    // A playback and a record client killed while their streams are live, and a client
+    // that ended before its stream was accepted (its pid names no process now).
+    ClientProcess player(Info("killed", "music"), 2, true), recorder(Info(kStreamMicRaw, "record", 16000, 1), 0, true),
+        early(Info("early", "music"), 1, false);
     sStreamInfo pi, ri, ei;  // as the discovery thread reads them
     for (ClientProcess* c : {&player, &recorder, &early}) ASSERT_EQ(c->ready.Receive(), '.');
     EXPECT_EQ(early.child.Wait(), -1);
-    ASSERT_EQ(UtilReadFile(player.info.name, pi), 0);
-    ASSERT_EQ(UtilReadFile(recorder.info.name, ri), 0);
-    ASSERT_EQ(UtilReadFile(early.info.name, ei), 0);
+    ASSERT_EQ(UtilReadFile("killed", pi) + UtilReadFile(kStreamMicRaw, ri) + UtilReadFile("early", ei), 0);
     EXPECT_EQ(pi.id, player.child.pid());
-    ASSERT_EQ(Add(pi), 0);
-    ASSERT_EQ(Add(ri), 0);
-    boost::shared_ptr<MsgNewInput> in = Take<MsgNewInput>(playbackQ);
-    boost::shared_ptr<MsgNewOutput> out = Take<MsgNewOutput>(recordQ);
-    ASSERT_TRUE(in && out);
-    ASSERT_TRUE(in->input->Process()) << "the queued block plays while the client lives";
-    EXPECT_EQ(in->input->state, STATE_ACTIVE);
-
-    // The kill, with one block still queued: it still plays.
-    ASSERT_EQ(kill(player.child.pid(), SIGKILL), 0);
-    ASSERT_EQ(kill(recorder.child.pid(), SIGKILL), 0);
-    EXPECT_EQ(player.child.Wait(), -1);
-    EXPECT_EQ(recorder.child.Wait(), -1);
+    ASSERT_EQ(Add(pi) + Add(ri), 0);
+    ASSERT_EQ(Posted(), (Strings{"input killed music 48000", "output micRaw"}));
+    boost::shared_ptr<Input> in = boost::dynamic_pointer_cast<MsgNewInput>(taken[0])->input;
+    boost::shared_ptr<Output> out = boost::dynamic_pointer_cast<MsgNewOutput>(taken[1])->output;
+    ASSERT_TRUE(in->Process()) << "the queued block plays while the client lives";
+    EXPECT_EQ(in->state, STATE_ACTIVE);
+    // Killed with one block still queued: it still plays.
+    for (ClientProcess* c : {&player, &recorder}) {
+        ASSERT_EQ(kill(c->child.pid(), SIGKILL), 0);
+        EXPECT_EQ(c->child.Wait(), -1);
+    }
     for (const sStreamInfo* i : {&pi, &ri})
         ASSERT_TRUE(log.WaitFor("W Mixerd_Connect:ClientEnded:" + i->name + ": process " + std::to_string(i->id) +
                                 " ended without closing its queue: hung up:")) << log.Dump();
-    // The engines' view: the input ends as for a client that closed (its last block,
-    // its tail of silence, then nothing), the output turns Hangup at its next write.
-    boost::shared_ptr<AudioFrame> frame = in->input->Process();
-    ASSERT_TRUE(frame);
-    EXPECT_EQ(frame->Samples16()[0], 0x1111);
-    ASSERT_TRUE(in->input->Process());
-    EXPECT_EQ(in->input->state, STATE_HANGUP);
-    EXPECT_FALSE(in->input->Process());
-    EXPECT_EQ(out->output->WriteFrame(boost::make_shared<AudioFrame>(SAMPLE_SIZE_16, 16000, 1, 20)), -1);
-    EXPECT_EQ(out->output->state, STATE_HANGUP);
+    // The engines' view: the input ends as for a client that closed (its last block, a
+    // period of silence that flushes the resampler, then nothing); the output turns
+    // Hangup at its next write.
+    EXPECT_EQ(in->Process()->Samples16()[0], 0x1111);
+    Frame tail = in->Process();
+    ASSERT_TRUE(tail);
+    EXPECT_EQ(std::vector<int16_t>(tail->Samples16(), tail->Samples16() + 1920), std::vector<int16_t>(1920, 0));
+    EXPECT_EQ(in->state, STATE_HANGUP);
+    EXPECT_FALSE(in->Process());
+    EXPECT_EQ(out->WriteFrame(boost::make_shared<AudioFrame>(SAMPLE_SIZE_16, 16000, 1, 20)), -1);
+    EXPECT_EQ(out->state, STATE_HANGUP);
     EXPECT_FALSE(player.Gone()) << "the daemon's share is still open";
     // The engines drop them: the daemon's close, the last, removes everything.
+    taken.clear();
     in.reset();
     out.reset();
-    EXPECT_TRUE(player.Gone());
-    EXPECT_TRUE(recorder.Gone());
-    EXPECT_EQ(Events(), (std::vector<std::string>{"MixerStreamAdded " + pi.name, "MixerStreamAdded micRaw",
-                                                  "MixerStreamRemoved " + pi.name, "MixerStreamRemoved micRaw"}));
-
-    ASSERT_EQ(Add(ei), 0);  // hung up at once
-    in = Take<MsgNewInput>(playbackQ);
-    ASSERT_TRUE(in);
-    ASSERT_TRUE(in->input->Process()) << "its last block";
-    ASSERT_TRUE(in->input->Process()) << "the tail";
-    EXPECT_EQ(in->input->state, STATE_HANGUP);
+    EXPECT_TRUE(player.Gone() && recorder.Gone());
+    EXPECT_EQ(Events(), (Strings{"MixerStreamAdded killed", "MixerStreamAdded micRaw", "MixerStreamRemoved killed",
+                                 "MixerStreamRemoved micRaw"}));
+    ASSERT_EQ(Add(ei), 0);  // hung up at once: its last block and the tail, then nothing
+    ASSERT_EQ(Posted(), Strings{"input early music 48000"});
+    in = boost::dynamic_pointer_cast<MsgNewInput>(taken[0])->input;
+    EXPECT_TRUE(in->Process() && in->Process() && !in->Process());
+    taken.clear();
     in.reset();
     EXPECT_TRUE(early.Gone());
     EXPECT_TRUE(connect->LiveStreams().empty());
 }
 
 TEST_F(DaemonConnectTest, WithoutEnginesStreamsAreRefusedAndRequestsDropped) {
-    Client music(Info(Unique("late"), kTypeDataTrans, "music"));
+    Client music(Info("late", "music"));
     playbackQ.reset();  // the engines are gone (shutdown)
     recordQ.reset();
     test::LogCapture log;
     EXPECT_NE(Add(music.info), 0);
     connect->PostPlayback(boost::make_shared<MsgHead>(MSG_PING));
     connect->ChainMsgRecord(boost::make_shared<MsgHead>(MSG_PING));
-    EXPECT_EQ(log.CountPrefix("W Mixerd_Connect:PostPlayback:no playback engine:"), 1);
-    EXPECT_EQ(log.CountPrefix("W Mixerd_Connect:ChainMsgRecord:no record engine:"), 1);
+    EXPECT_EQ(log.CountPrefix("W Mixerd_Connect:PostPlayback:no playback engine:") +
+                  log.CountPrefix("W Mixerd_Connect:ChainMsgRecord:no record engine:"), 2);
     // The token of the unposted input announced its end after its start.
-    EXPECT_EQ(Events(), (std::vector<std::string>{"MixerStreamAdded " + music.info.name,
-                                                  "MixerStreamRemoved " + music.info.name}));
+    EXPECT_EQ(Events(), (Strings{"MixerStreamAdded late", "MixerStreamRemoved late"}));
     EXPECT_TRUE(connect->LiveStreams().empty());
 }
 
 TEST_F(DaemonConnectTest, DevicesAndTheDeviceChain) {
-    // No device: the mix still goes somewhere; no microphone: silence at the mic's format.
-    boost::shared_ptr<Output> out = connect->GetPlaybackDefaultOutput();
-    ASSERT_TRUE(out);
-    EXPECT_NE(out->name, "ALSA");
-    EXPECT_EQ(out->WriteFrame(boost::make_shared<AudioFrame>(SAMPLE_SIZE_16, 48000, 2, 20)), 0);
-    boost::shared_ptr<AudioFrame> heard = connect->GetRecordDefaultInput()->Process();
-    ASSERT_TRUE(heard);
-    EXPECT_EQ(heard->rate, 16000u);
-    EXPECT_EQ(heard->numCh, 1u);
-    for (uint32_t i = 0; i < heard->len; ++i) ASSERT_EQ(heard->Samples16()[i], 0);
-    unsigned rate = 0, numCh = 0;
-    tSampleSize ss;
-    connect->GetSumParams(rate, numCh, ss);
-    EXPECT_EQ(rate * 10 + numCh, 480002u);
-
+    // No device: the mix still goes somewhere; no microphone: silence in the mic's format.
+    boost::shared_ptr<Output> none = connect->GetPlaybackDefaultOutput();
+    EXPECT_NE(none->name, "ALSA");
+    EXPECT_EQ(none->WriteFrame(boost::make_shared<AudioFrame>(SAMPLE_SIZE_16, 48000, 2, 20)), 0);
+    Frame heard = connect->GetRecordDefaultInput()->Process();
+    EXPECT_EQ(Fmt(heard), "16000/1/320");
+    EXPECT_EQ(std::vector<int16_t>(heard->Samples16(), heard->Samples16() + 320), std::vector<int16_t>(320, 0));
     // A device at another rate than the mix: the chain converts, and a latency mark is
     // written after the conversion, on one frame only.
     boost::shared_ptr<test::FakeOutput> device = boost::make_shared<test::FakeOutput>("dev");
@@ -382,38 +338,77 @@ TEST_F(DaemonConnectTest, DevicesAndTheDeviceChain) {
     EXPECT_EQ(connect->GetPlaybackDefaultOutput(), device);
     boost::shared_ptr<StreamOut> chain = boost::make_shared<StreamOut>();
     EXPECT_EQ(connect->AddPlaybackOutputAlgos(device, chain, PLAYBACK_MODE_DEFAULT), 0);
-    boost::shared_ptr<AlgoSilence> mark = boost::dynamic_pointer_cast<AlgoSilence>(chain->GetAlgoById(ALGO_ID_SILENCE));
+    auto mark = boost::dynamic_pointer_cast<AlgoSilence>(chain->GetAlgoById(ALGO_ID_SILENCE));
     ASSERT_TRUE(mark);
-    EXPECT_EQ(Through(*chain, 48000, 2)->rate, 44100u);
+    EXPECT_EQ(Fmt(Through(*chain, 48000, 2)), "44100/2/882");
     probe->Arm();
     mark->running = 1;
-    boost::shared_ptr<AudioFrame> marked = Through(*chain, 48000, 2);
-    EXPECT_EQ(marked->rate, 44100u);
-    EXPECT_EQ(marked->Samples16()[0], host::LatencyProbe::kMarkLevel) << "the mark is written as is";
-    EXPECT_EQ(mark->running, 0);
-    EXPECT_EQ(mark->count, 1);
+    EXPECT_EQ(Through(*chain, 48000, 2)->Samples16()[0], host::LatencyProbe::kMarkLevel) << "the mark as written";
+    EXPECT_EQ(mark->running * 10 + mark->count, 1);
     EXPECT_FALSE(probe->WantsMark());
     EXPECT_EQ(Through(*chain, 48000, 2)->Samples16()[0], 0);
-
     // The latency test's carrier stays out of volumes and ducking.
     boost::shared_ptr<Stream> carrier = boost::make_shared<Stream>();
     carrier->SetInput(boost::make_shared<host::LatencyCarrierInput>(probe, 48000, 2, 5));
-    connect->AddPlaybackInputAlgos(carrier, boost::shared_ptr<MsgNewInput>());
+    connect->AddPlaybackInputAlgos(carrier, nullptr);
     EXPECT_FALSE(carrier->GetAlgoById(ALGO_ID_RAMP_GAIN));
 }
 
-TEST(TrailingSilenceTest, AHungUpInputGivesOneSilentFrameAndThenNothing) {
-    host::TrailingSilence<test::ScriptedInput> in(22050, 1);
-    in.Push(in.MakeFrame(1000));
-    in.PushHangup();
-    in.PushHangup();
-    EXPECT_EQ(in.Process()->Samples16()[0], 1000);
-    boost::shared_ptr<AudioFrame> f = in.Process();
-    ASSERT_TRUE(f) << "the tail that flushes a resampler";
-    EXPECT_EQ(f->rate * 1000 + f->len, 22050441u);
-    for (uint32_t i = 0; i < f->len; ++i) ASSERT_EQ(f->Samples16()[i], 0);
-    EXPECT_FALSE(in.Process());
-    EXPECT_EQ(in.state, STATE_HANGUP);
+#define REQUIRE_PIDFD() \
+    if (!ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: the daemon falls back to the clients' own close"
+
+int Forever() {
+    for (;;) pause();
+}
+
+TEST(ClientWatcherTest, ActionsRunOnceWhenAWatchedProcessEndsAndNeverAfterUnwatch) {
+    REQUIRE_PIDFD();
+    ClientWatcher watcher;
+    test::Pipe ran;
+    test::ChildProcess unwatched(Forever), first(Forever), second(Forever), ended([] { return 0; });
+    uint64_t idU = 0, id1 = 0, id2 = 0, id = 7;
+    ASSERT_EQ(watcher.Watch(unwatched.pid(), [&ran] { ran.Send('u'); }, idU), ClientWatcher::kWatching);
+    ASSERT_EQ(watcher.Watch(first.pid(), [&ran] { ran.Send('1'); }, id1), ClientWatcher::kWatching);
+    ASSERT_EQ(watcher.Watch(second.pid(), [&ran] { ran.Send('2'); }, id2), ClientWatcher::kWatching);
+    EXPECT_EQ(watcher.Count(), 3u);
+    // Unwatched and killed first: had its watch been kept, its action would run first.
+    watcher.Unwatch(idU);
+    for (test::ChildProcess* c : {&unwatched, &first, &second}) {
+        ASSERT_EQ(kill(c->pid(), SIGKILL), 0);
+        EXPECT_EQ(c->Wait(), -1);
+    }
+    EXPECT_EQ(ran.Receive(), '1');
+    EXPECT_EQ(ran.Receive(), '2');
+    EXPECT_EQ(watcher.Count(), 0u);
+    watcher.Unwatch(id1);  // fired already: nothing
+    // An ended (reaped) process and pids that name none are not watched.
+    const pid_t gone = ended.pid();
+    EXPECT_EQ(ended.Wait(), 0);
+    EXPECT_EQ(watcher.Watch(gone, [] {}, id), ClientWatcher::kGone);
+    EXPECT_EQ(id, 0u);
+    EXPECT_EQ(watcher.Watch(0, [] {}, id), ClientWatcher::kUnwatched);
+    EXPECT_EQ(watcher.Watch(-5, [] {}, id), ClientWatcher::kUnwatched);
+    EXPECT_EQ(watcher.Count(), 0u);
+}
+
+TEST(ClientWatcherTest, UnwatchWaitsForARunningAction) {
+    REQUIRE_PIDFD();
+    ClientWatcher watcher;
+    test::Pipe started, release;
+    bool finished = false;  // set on the watcher's thread; read once Unwatch has returned
+    test::ChildProcess child(Forever);
+    uint64_t id = 0;
+    ASSERT_EQ(watcher.Watch(child.pid(), [&] {
+        started.Send();
+        release.Receive();
+        finished = true;
+    }, id), ClientWatcher::kWatching);
+    ASSERT_EQ(kill(child.pid(), SIGKILL), 0);
+    ASSERT_EQ(started.Receive(), '.');
+    std::thread releaser([&release] { release.Send(); });
+    watcher.Unwatch(id);  // returns only after the action
+    EXPECT_TRUE(finished);
+    releaser.join();
 }
 
 }  // namespace

@@ -3,11 +3,8 @@
 #include <signal.h>
 
 #include <sstream>
-#include <thread>
-#include <vector>
 
 #include "host/DaemonOptions.h"
-#include "host/EventQueue.h"
 #include "host/ShutdownSignals.h"
 #include "host/StreamQueueName.h"
 
@@ -26,13 +23,14 @@ std::string Dump(const DaemonOptions& o) {
 }
 
 TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
-    const DaemonOptions::Result kRun = DaemonOptions::kRun, kError = DaemonOptions::kError;
+    const auto kRun = DaemonOptions::kRun, kError = DaemonOptions::kError, kHelp = DaemonOptions::kHelp,
+               kVersion = DaemonOptions::kVersion;
+    const std::string run = "|/run/mixerd.sock|/run/mixerd.status|";
     struct Case {
         std::vector<std::string> args;
         DaemonOptions::Result result;
         std::string text;  // the options taken (kRun) or the error
     };
-    const std::string run = "|/run/mixerd.sock|/run/mixerd.status|";
     std::vector<Case> cases = {
         {{}, kRun, "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run + "0:0|0|-1|0"},
         {{"--output", "wav", "--out-file", "/o.wav", "--mic=wav", "--mic-file", "m.wav", "--rate", "8000", "--channels",
@@ -44,26 +42,23 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
           "--ready-fd", "1023", "--log-mask", "4294967295", "--mic", "tone"},
          kRun, "alsa|default|out.wav|tone|default||96000|2|8000|96000|8|100" + run + "1:ffffffff|0|1023|0"},
         {{"--log-mask", "0x20"}, kRun, "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run + "1:20|0|-1|0"},
-        {{"--help"}, DaemonOptions::kHelp, ""},
-        {{"-h"}, DaemonOptions::kHelp, ""},
-        {{"-V"}, DaemonOptions::kVersion, ""},
-        {{"--version"}, DaemonOptions::kVersion, ""},
+        {{"--help"}, kHelp, ""}, {{"-h"}, kHelp, ""}, {{"-V"}, kVersion, ""}, {{"--version"}, kVersion, ""},
         {{"--frobnicate"}, kError, "unknown option --frobnicate (see --help)"},
         {{"--socket"}, kError, "option --socket needs a value"},
         {{"stray"}, kError, "unexpected argument 'stray' (see --help)"},
         {{"--mic", "wav"}, kError, "--mic wav needs --mic-file"},
     };
-    // Values out of range or of the wrong form: "bad value 'V' for --OPTION (see --help)".
-    const std::vector<std::pair<std::string, std::string>> bad = {
-        {"volume", "101"}, {"rate", "-48000"}, {"rate", "+8000"}, {"rate", "7999"}, {"rate", "96001"},
-        {"rate", "48000x"}, {"device-rate", "7999"}, {"mic-rate", "96001"}, {"channels", "0"}, {"channels", "9"},
-        {"mic-channels", "9"}, {"output", "speaker"}, {"mic", "line"}, {"ready-fd", "2"}, {"ready-fd", "1024"},
-        {"log-mask", "EWX"}, {"log-mask", "ew"}, {"log-mask", "12ab"}, {"log-mask", "0x100000000"}, {"log-mask", ""},
-        {"socket", ""}, {"status-file", ""}, {"device", ""}, {"out-file", ""}, {"mic-device", ""}, {"mic-file", ""}};
-    for (const auto& b : bad)
+    // Values out of range or of the wrong form.
+    for (const auto& b : std::vector<std::pair<std::string, std::string>>{
+             {"volume", "101"}, {"rate", "-48000"}, {"rate", "+8000"}, {"rate", "7999"}, {"rate", "96001"},
+             {"rate", "48000x"}, {"device-rate", "7999"}, {"mic-rate", "96001"}, {"channels", "0"}, {"channels", "9"},
+             {"mic-channels", "9"}, {"output", "speaker"}, {"mic", "line"}, {"ready-fd", "2"}, {"ready-fd", "1024"},
+             {"log-mask", "EWX"}, {"log-mask", "ew"}, {"log-mask", "12ab"}, {"log-mask", "0x100000000"},
+             {"log-mask", ""}, {"socket", ""}, {"status-file", ""}, {"device", ""}, {"out-file", ""},
+             {"mic-device", ""}, {"mic-file", ""}})
         cases.push_back({{"--" + b.first, b.second}, kError, "bad value '" + b.second + "' for --" + b.first + " (see --help)"});
     for (Case& c : cases) {
-        SCOPED_TRACE(c.args.empty() ? "(none)" : c.args[0] + " " + (c.args.size() > 1 ? c.args[1] : ""));
+        SCOPED_TRACE(testing::PrintToString(c.args));
         c.args.insert(c.args.begin(), "mixerd");
         std::vector<char*> argv;
         for (std::string& a : c.args) argv.push_back(&a[0]);
@@ -76,6 +71,7 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
         EXPECT_EQ(c.result == kRun ? Dump(o) : c.result == kError ? error : "", c.text);
         EXPECT_TRUE(c.result == kRun || Dump(o) == before) << Dump(o);
     }
+    EXPECT_EQ(host::StreamQueueName("//micRaw"), "/mixer-micRaw");  // the client's queue, named as it does
 }
 
 TEST(ShutdownSignalsTest, TermAndIntArriveOnTheDescriptorInsteadOfKilling) {
@@ -89,28 +85,6 @@ TEST(ShutdownSignalsTest, TermAndIntArriveOnTheDescriptorInsteadOfKilling) {
         EXPECT_EQ(signals.Take(), sig);
     }
     EXPECT_EQ(signals.Take(), 0);
-}
-
-TEST(EventQueueTest, EventsFromOtherThreadsAreDeliveredInOrderOnTheOwnersThread) {
-    host::EventQueue events;
-    ASSERT_TRUE(events.Ok());
-    pollfd pfd = {events.Fd(), POLLIN, 0};
-    EXPECT_EQ(poll(&pfd, 1, 0), 0);
-    std::thread([&events] {
-        events.Push("MixerStreamAdded", "music");
-        events.Push("MixerStreamRemoved", "music");
-    }).join();
-    ASSERT_EQ(poll(&pfd, 1, 20000), 1);
-    std::vector<std::string> sent;
-    auto send = [&sent](const std::string& e, const std::string& p) { sent.push_back(e + " " + p); };
-    EXPECT_EQ(events.Deliver(send), 2u);
-    EXPECT_EQ(sent, (std::vector<std::string>{"MixerStreamAdded music", "MixerStreamRemoved music"}));
-    EXPECT_EQ(poll(&pfd, 1, 0), 0);  // nothing left: not readable
-    EXPECT_EQ(events.Deliver(send), 0u);
-    // Queue names ignore leading slashes.
-    EXPECT_EQ(host::StreamQueueName("music1"), "/mixer-music1");
-    EXPECT_EQ(host::StreamQueueName("//micRaw"), "/mixer-micRaw");
-    EXPECT_STREQ(host::kTypeDataTrans, "dataTrans");
 }
 
 }  // namespace
