@@ -1,6 +1,3 @@
-// The daemon's own inputs, outputs and algorithms: devices, files, the record client's
-// queue, the pacing clock, the channel map and the latency probe.
-
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
@@ -25,7 +22,7 @@ namespace {
 
 using host::LatencyProbe;
 using Frame = boost::shared_ptr<AudioFrame>;
-using V = std::vector<int>;
+using V = std::vector<int64_t>;
 
 // A clock that moves only when slept on or moved by the test; it records every deadline.
 struct FakeClock : host::RealTimePacer::Clock {
@@ -43,7 +40,7 @@ Frame Ramp(unsigned ss, unsigned rate, unsigned numCh, int start = 0) {
     return f;
 }
 
-// n samples of a frame from sample index `from`, whatever their width.
+// n samples of a frame (or of a file's samples) from index `from`, whatever their width.
 V S(AudioFrame& f, size_t from, size_t n) {
     V v;
     for (size_t i = from; i < from + n; ++i) v.push_back(f.sampleSize == 4 ? f.Samples32()[i] : f.Samples16()[i]);
@@ -63,10 +60,6 @@ TEST(RealTimePacerTest, PeriodsAreDueOnTheTimelineLessTheLeadAndAStalledCallerIs
     EXPECT_EQ(slept, (std::vector<int64_t>{20000, 5000, 0, 0, 20000}));
     EXPECT_EQ(clock.sleeps, (std::vector<int64_t>{1020000, 1040000, 1680000}));
     EXPECT_EQ(capture.Reanchors(), 1u);
-    capture.Reset();  // paused for ten seconds: a new timeline, not a re-anchor
-    clock.now += 10000000;
-    EXPECT_EQ(capture.Advance(20000), 20000);
-    EXPECT_EQ(capture.Reanchors() * 100000 + capture.PositionUs(), 120000u);
     // A playback timeline runs ahead of the clock by up to its lead.
     EXPECT_EQ(V({int(playback.Advance(20000)), int(playback.Advance(20000)), int(playback.Advance(20000))}),
               (V{0, 0, 20000}));
@@ -75,15 +68,11 @@ TEST(RealTimePacerTest, PeriodsAreDueOnTheTimelineLessTheLeadAndAStalledCallerIs
 
 TEST(AlgoChannelMapTest, ChannelsAreRepeatedInTurnOrAveragedIntoMono) {
     host::AlgoChannelMap up(1, 2), down(2, 1);
-    EXPECT_EQ(up.id, static_cast<tAlgoID>(4));
     Frame mono = Ramp(SAMPLE_SIZE_16, 8000, 1), loud(new AudioFrame(SAMPLE_SIZE_16, 8000, 2, 20));
     std::strcpy(mono->bufId, "7");
     Frame out = up.Process(mono);
     EXPECT_EQ(S(*out, 0, 4), (V{0, 0, 1, 1}));
-    EXPECT_EQ(S(*out, 318, 2), (V{159, 159}));
-    EXPECT_EQ(out->numCh * 10000 + out->size, 20640u);
-    EXPECT_STREQ(out->bufId, "7");
-    EXPECT_EQ(S(*host::AlgoChannelMap(2, 4).Process(Ramp(SAMPLE_SIZE_16, 8000, 2)), 4, 4), (V{2, 3, 2, 3}));
+    EXPECT_EQ(V({out->Samples16()[319], int(out->numCh), int(out->size), out->bufId[0]}), (V{159, 2, 640, '7'}));
     EXPECT_EQ(S(*down.Process(Ramp(SAMPLE_SIZE_32, 8000, 2, 1000)), 0, 2), (V{1000, 1002}));
     for (uint32_t i = 0; i < loud->len * 2; ++i) loud->Samples16()[i] = i % 4 == 1 ? -32767 : 32767;
     EXPECT_EQ(S(*down.Process(loud), 0, 2), (V{0, 32767}));  // no overflow
@@ -94,8 +83,8 @@ TEST(AlgoChannelMapTest, ChannelsAreRepeatedInTurnOrAveragedIntoMono) {
     EXPECT_EQ(up.Process(mono), mono);
 }
 
-std::vector<int16_t> ReadWav(const std::string& path, SF_INFO& info) {
-    info = SF_INFO();
+std::vector<int16_t> ReadWav(const std::string& path) {
+    SF_INFO info = SF_INFO();
     SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
     std::vector<int16_t> out(f ? static_cast<size_t>(info.frames * info.channels) : 0);
     if (f) sf_readf_short(f, out.data(), info.frames), sf_close(f);
@@ -104,9 +93,7 @@ std::vector<int16_t> ReadWav(const std::string& path, SF_INFO& info) {
 
 std::string WriteWav(const std::string& path, int rate, int channels, const std::vector<int16_t>& s) {
     SF_INFO info = SF_INFO();
-    info.samplerate = rate;
-    info.channels = channels;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    info.samplerate = rate, info.channels = channels, info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
     SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
     if (f) sf_writef_short(f, s.data(), static_cast<sf_count_t>(s.size() / channels)), sf_close(f);
     return path;
@@ -121,20 +108,15 @@ TEST(WavOutputTest, FramesAndIdleTicksLandInTheFileInOrderPacedByTheClock) {
     EXPECT_EQ(out.name, "WAV");  // never "ALSA": the engine must pace it
     ASSERT_EQ(out.Open(), 0);
     ASSERT_EQ(out.WriteFrame(Ramp(SAMPLE_SIZE_16, 16000, 2, 100)), 0);
-    out.PostWrite();
     out.IdleTick();
     Frame wide(new AudioFrame(SAMPLE_SIZE_32, 16000, 2, 20));
     for (uint32_t i = 0; i < 640; ++i) wide->Samples32()[i] = i % 3 == 0 ? 100000 : i % 3 == 1 ? -100000 : 5;
     ASSERT_EQ(out.WriteFrame(wide), 0);  // clamped
     EXPECT_EQ(out.WriteFrame(Ramp(SAMPLE_SIZE_16, 8000, 2)) + out.WriteFrame(Ramp(SAMPLE_SIZE_16, 16000, 1)), -2);
     EXPECT_EQ(log.CountPrefix("W Mixerd_WavOutput:WriteFrame:format"), 2);
-    EXPECT_EQ(out.state, STATE_ACTIVE);
-    EXPECT_EQ(out.FramesWritten() * 1000 + out.SilenceWritten(), 960320u);
+    EXPECT_EQ(V({out.state, int(out.FramesWritten()), int(out.SilenceWritten())}), (V{STATE_ACTIVE, 960, 320}));
     EXPECT_EQ(clock.now, 1000000 + 60000 - host::WavOutput::kLeadUs);
-    // Readable before Close: the header follows every write.
-    SF_INFO info;
-    std::vector<int16_t> s = ReadWav(path, info);
-    EXPECT_EQ(info.samplerate * 10 + info.channels, 160002);
+    std::vector<int16_t> s = ReadWav(path);  // readable before Close: the header follows every write
     ASSERT_EQ(s.size(), 3u * 640);
     EXPECT_EQ(V({s[0], s[639], s[640], s[1279], s[1280], s[1281], s[1282]}), (V{100, 739, 0, 0, 32767, -32768, 5}));
     // Resumed after a pause: a new timeline, on which the third period sleeps again.
@@ -142,17 +124,13 @@ TEST(WavOutputTest, FramesAndIdleTicksLandInTheFileInOrderPacedByTheClock) {
     EXPECT_EQ(out.state, STATE_PAUSED);
     clock.now += 5000000;
     out.Resume();
-    EXPECT_EQ(out.state, STATE_ACTIVE);
     for (int i = 0; i < 3; ++i) out.IdleTick();
-    EXPECT_EQ(clock.sleeps.back(), clock.now);
-    EXPECT_EQ(clock.now, 1020000 + 5000000 + 20000);
+    EXPECT_EQ(V({out.state, int(clock.now - 6000000)}), (V{STATE_ACTIVE, 40000}));
     out.Close();
-    EXPECT_EQ(ReadWav(path, info).size(), 6u * 640);
-
-    EXPECT_EQ(bad.Open(), -1);
-    EXPECT_EQ(log.CountPrefix("E Mixerd_WavOutput:Open:/nonexistent-dir/out.wav:"), 1);
-    EXPECT_EQ(bad.WriteFrame(Ramp(SAMPLE_SIZE_16, 48000, 2)), -1);
+    EXPECT_EQ(ReadWav(path).size(), 6u * 640);
+    EXPECT_EQ(bad.Open() + bad.WriteFrame(Ramp(SAMPLE_SIZE_16, 48000, 2)), -2);
     EXPECT_EQ(bad.state, STATE_FAULT);
+    EXPECT_EQ(log.CountPrefix("E Mixerd_WavOutput:Open:/nonexistent-dir/out.wav:"), 1);
 }
 
 TEST(AlsaDeviceTest, UnknownDevicesFaultWithALogLineAndTheNullDeviceTakesAndGivesPeriods) {
@@ -161,33 +139,26 @@ TEST(AlsaDeviceTest, UnknownDevicesFaultWithALogLineAndTheNullDeviceTakesAndGive
     host::AlsaMicInput mic("mixerd_no_such_pcm", 16000, 1), nullMic("null", 16000, 1);
     EXPECT_EQ(out.name + mic.desc, "ALSAmic");  // the engine lets an "ALSA" output's blocking writes pace it
     testing::internal::CaptureStderr();
-    EXPECT_EQ(out.Open() + mic.Open(), -2);
+    EXPECT_EQ(out.Open() + mic.Open() + out.WriteFrame(Ramp(SAMPLE_SIZE_16, 48000, 2)) + int(out.GetDelayUs()), -3);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // alsa-lib's complaints go to the log instead
     EXPECT_EQ(log.CountPrefix("E Mixerd_AlsaOutput:Open:mixerd_no_such_pcm:") +
                   log.CountPrefix("E Mixerd_AlsaMicInput:Open:mixerd_no_such_pcm:"), 2) << log.Dump();
-    EXPECT_EQ(out.WriteFrame(Ramp(SAMPLE_SIZE_16, 48000, 2)), -1);
     EXPECT_FALSE(mic.Process());
-    EXPECT_EQ(out.state * 10 + mic.state, STATE_FAULT * 11);
-    EXPECT_EQ(out.GetDelayUs(), 0u);
+    EXPECT_EQ(V({out.state, mic.state}), V(2, STATE_FAULT));
 
     ASSERT_EQ(null.Open() + nullMic.Open(), 0);
     EXPECT_EQ(null.WriteFrame(Ramp(SAMPLE_SIZE_32, 48000, 2)), 0);
     null.IdleTick();
     EXPECT_EQ(null.WriteFrame(Ramp(SAMPLE_SIZE_16, 48000, 1)), -1);  // wrong channel count: refused, not fatal
     EXPECT_EQ(log.CountPrefix("W Mixerd_AlsaOutput:WriteFrame:format 1 ch"), 1);
-    Frame f = nullMic.Process();
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->len * 100000 + f->rate, 32016000u);
-    for (host::AlsaOutput* o : {&null}) o->Pause(), nullMic.Pause();
-    EXPECT_EQ(null.state * 10 + nullMic.state, STATE_PAUSED * 11);
-    null.Resume();
-    nullMic.Resume();
-    EXPECT_EQ(null.state * 10 + nullMic.state, STATE_ACTIVE * 11);
-    EXPECT_EQ(null.WriteFrame(Ramp(SAMPLE_SIZE_16, 48000, 2)), 0);
+    EXPECT_EQ(V({int(nullMic.Process()->len), null.state}), (V{320, STATE_ACTIVE}));
+    null.Pause(), nullMic.Pause();
+    EXPECT_EQ(V({null.state, nullMic.state}), V(2, STATE_PAUSED));
+    null.Resume(), nullMic.Resume();
+    EXPECT_EQ(V({null.state, nullMic.state}), V(2, STATE_ACTIVE));
     EXPECT_TRUE(nullMic.Process());
     null.Close();
-    EXPECT_EQ(null.WriteFrame(Ramp(SAMPLE_SIZE_16, 48000, 2)), -1);
-    EXPECT_EQ(null.state, STATE_FAULT);
+    EXPECT_EQ(V({null.WriteFrame(Ramp(SAMPLE_SIZE_16, 48000, 2)), null.state}), (V{-1, STATE_FAULT}));
 }
 
 TEST(MicInputTest, ToneAndFileMicsGiveExactSamplesAtCaptureSpeed) {
@@ -195,10 +166,9 @@ TEST(MicInputTest, ToneAndFileMicsGiveExactSamplesAtCaptureSpeed) {
     test::LogCapture log;
     FakeClock clock;
     host::ToneMicInput tone(16000, 2, 1010.0, 0.5, &clock), full(8000, 1, 2000.0, 2.0, &clock);
-    EXPECT_EQ(tone.desc, "mic");
     for (int n = 0; n < 3; ++n) {  // 1010 Hz: no whole number of periods in a frame
         Frame f = tone.Process();
-        ASSERT_EQ(f->len * 10 + f->numCh, 3202u);
+        ASSERT_EQ(V({int(f->len), int(f->numCh)}), (V{320, 2}));
         for (uint32_t k = 0; k < f->len; ++k) {
             ASSERT_NEAR(f->Samples16()[2 * k], 16383.5 * std::sin(2 * M_PI * 1010 * (n * 320 + k) / 16000), 1.0) << k;
             ASSERT_EQ(f->Samples16()[2 * k], f->Samples16()[2 * k + 1]);
@@ -210,9 +180,8 @@ TEST(MicInputTest, ToneAndFileMicsGiveExactSamplesAtCaptureSpeed) {
     EXPECT_EQ(full.state, STATE_PAUSED);
     clock.now += 3000000;
     full.Resume();
-    EXPECT_EQ(full.state, STATE_ACTIVE);
     full.Process();
-    EXPECT_EQ(clock.now, 4100000);  // the clock restarted: no re-anchor, no burst
+    EXPECT_EQ(V({full.state, int(clock.now)}), (V{STATE_ACTIVE, 4100000}));  // the clock restarted, no burst
 
     std::vector<int16_t> ramp(240), stereo(200);  // 30 ms at 8 kHz, then 12.5 ms of 7|-9
     for (size_t i = 0; i < ramp.size(); ++i) ramp[i] = static_cast<int16_t>(i + 1);
@@ -220,19 +189,18 @@ TEST(MicInputTest, ToneAndFileMicsGiveExactSamplesAtCaptureSpeed) {
     auto looping = host::WavMicInput::Open(WriteWav(dir.File("m.wav"), 8000, 1, ramp), 2, true, &clock);
     auto once = host::WavMicInput::Open(WriteWav(dir.File("s.wav"), 8000, 2, stereo), 1, false, &clock);
     ASSERT_TRUE(looping && once);
-    EXPECT_EQ(looping->rate * 10 + looping->numCh, 80002u);
     Frame a = looping->Process(), b = looping->Process(), c = once->Process();
-    EXPECT_EQ(S(*a, 0, 2), (V{1, 1}));  // mono heard on every channel
-    EXPECT_EQ(S(*a, 318, 2), (V{160, 160}));
-    EXPECT_EQ(S(*b, 158, 4), (V{240, 240, 1, 1}));  // the end of the file and round again
-    EXPECT_EQ(S(*c, 98, 4), (V{7, 7, 0, 0}));        // channel 0 of the file, then silence
-    EXPECT_EQ(int(looping->AtEnd()) * 10 + once->AtEnd(), 1);
+    EXPECT_EQ(V({int(looping->rate), int(looping->numCh), a->Samples16()[0], a->Samples16()[1], a->Samples16()[319]}),
+              (V{8000, 2, 1, 1, 160}));                      // mono heard on every channel
+    EXPECT_EQ(S(*b, 158, 4), (V{240, 240, 1, 1}));          // the end of the file and round again
+    EXPECT_EQ(S(*c, 98, 4), (V{7, 7, 0, 0}));                // channel 0 of the file, then silence
+    EXPECT_EQ(V({looping->AtEnd(), once->AtEnd()}), (V{0, 1}));
     EXPECT_EQ(S(*once->Process(), 0, 160), V(160, 0));
-
     EXPECT_FALSE(host::WavMicInput::Open(dir.File("none.wav"), 1, true));
     EXPECT_FALSE(host::WavMicInput::Open(WriteWav(dir.File("empty.wav"), 8000, 1, {}), 1, true));
-    EXPECT_EQ(log.CountPrefix("E Mixerd_WavMicInput:Open:" + dir.File("none.wav") + ": "), 1);
-    EXPECT_EQ(log.Count("E Mixerd_WavMicInput:Open:" + dir.File("empty.wav") + ": unusable (8000 Hz, 1 ch, 0 frames):"), 1);
+    EXPECT_EQ(log.CountPrefix("E Mixerd_WavMicInput:Open:" + dir.File("none.wav") + ": ") +
+                  log.Count("E Mixerd_WavMicInput:Open:" + dir.File("empty.wav") + ": unusable (8000 Hz, 1 ch, 0 frames):"),
+              2);
 }
 
 // Reads every ready block as the record client would.
@@ -254,9 +222,8 @@ TEST(DataTransOutputTest, FramesAreSplitOverBlocksASlowClientLosesAudioAndALeftO
     test::ShmName name;
     test::LogCapture log;
     DataTrans client;
-    ASSERT_EQ(client.Init(name.c_str(), 4, 256), 0);
     boost::shared_ptr<DataTrans> mine(new DataTrans);
-    ASSERT_EQ(mine->Init(name.c_str()), 0);
+    ASSERT_EQ(client.Init(name.c_str(), 4, 256) + mine->Init(name.c_str()), 0);
     host::DataTransOutput out(mine, "micRaw");
     Frame f = Ramp(SAMPLE_SIZE_16, 16000, 1);  // 640 bytes: three blocks of the four
     std::strcpy(f->bufId, "mic");
@@ -264,14 +231,11 @@ TEST(DataTransOutputTest, FramesAreSplitOverBlocksASlowClientLosesAudioAndALeftO
     EXPECT_EQ(Drain(client), S(*f, 0, 320));
     // Full: the rest of a frame is dropped without waiting, and said once.
     EXPECT_EQ(out.WriteFrame(f) + out.WriteFrame(f) + out.WriteFrame(f), -2);
-    EXPECT_EQ(out.BytesWritten() * 10000 + out.BytesDropped(), 15361024u);
+    EXPECT_EQ(V({int(out.BytesWritten()), int(out.BytesDropped()), int(Drain(client).size())}), (V{1536, 1024, 448}));
     EXPECT_EQ(log.Count("W Mixerd_DataTransOutput:WriteFrame:micRaw: client behind, dropping audio:"), 1);
-    EXPECT_EQ(Drain(client).size(), 448u);
-    EXPECT_EQ(out.WriteFrame(f), 0);  // room again
-    EXPECT_EQ(out.state, STATE_ACTIVE);
+    EXPECT_EQ(V({out.WriteFrame(f), out.state}), (V{0, STATE_ACTIVE}));  // room again
     client.DeInit();
-    EXPECT_EQ(out.WriteFrame(f) + out.WriteFrame(f), -2);  // the client left, for good
-    EXPECT_EQ(out.state, STATE_HANGUP);
+    EXPECT_EQ(V({out.WriteFrame(f), out.WriteFrame(f), out.state}), (V{-1, -1, STATE_HANGUP}));  // gone for good
 }
 
 TEST(LatencyProbeTest, TheDelayIsToTheFirstLoudSampleCapturedAfterTheMark) {
@@ -284,8 +248,8 @@ TEST(LatencyProbeTest, TheDelayIsToTheFirstLoudSampleCapturedAfterTheMark) {
     probe.Arm();
     EXPECT_TRUE(probe.WantsMark());
     probe.Marked(1000000);
-    EXPECT_FALSE(probe.WantsMark());
     probe.Marked(2000000);  // only the first mark counts
+    EXPECT_FALSE(probe.WantsMark());
     // Sound captured before the mark is not taken for it; below the level it is nothing.
     AudioFrame early(SAMPLE_SIZE_16, 8000, 1, 20), heard(SAMPLE_SIZE_16, 16000, 2, 20);
     LatencyProbe::WriteMark(early);
@@ -298,10 +262,10 @@ TEST(LatencyProbeTest, TheDelayIsToTheFirstLoudSampleCapturedAfterTheMark) {
     probe.OnMicFrame(heard, 1100000);
     EXPECT_EQ(probe.Wait(0, delayUs), LatencyProbe::kMeasured);
     EXPECT_EQ(delayUs, 85000);
-    EXPECT_FALSE(probe.Active());
     probe.Arm();
     probe.Marked(10);
     EXPECT_EQ(probe.Wait(0, delayUs), LatencyProbe::kNoEcho);
+    EXPECT_FALSE(probe.Active());
     // The mark: a square wave at a quarter of the rate, in both widths.
     const int L = LatencyProbe::kMarkLevel;
     AudioFrame f16(SAMPLE_SIZE_16, 48000, 2, 20), f32(SAMPLE_SIZE_32, 48000, 1, 20);
@@ -309,13 +273,10 @@ TEST(LatencyProbeTest, TheDelayIsToTheFirstLoudSampleCapturedAfterTheMark) {
     LatencyProbe::WriteMark(f32);
     EXPECT_EQ(S(f16, 0, 10), (V{L, L, L, L, -L, -L, -L, -L, L, L}));
     EXPECT_EQ(S(f32, 0, 5), (V{L, L, -L, -L, L}));
-    EXPECT_EQ(S(f32, f32.len - 1, 1), V{-L});
+    EXPECT_EQ(f32.Samples32()[f32.len - 1], -L);
     // The echo arriving on another thread ends the wait long before its limit.
     probe.Arm();
-    std::thread record([&probe, &f32] {
-        probe.Marked(0);
-        probe.OnMicFrame(f32, 40000);
-    });
+    std::thread record([&probe, &f32] { probe.Marked(0), probe.OnMicFrame(f32, 40000); });
     EXPECT_EQ(probe.Wait(60000, delayUs), LatencyProbe::kMeasured);
     EXPECT_EQ(delayUs, 20000);
     record.join();
@@ -325,23 +286,16 @@ TEST(LatencyProbeTest, ListenerAndCarrierLastAsLongAsTheTest) {
     boost::shared_ptr<LatencyProbe> probe(new LatencyProbe);
     host::LatencyListener listener(probe), late(probe);
     host::LatencyCarrierInput idle(probe, 48000, 2, 2), carrier(probe, 48000, 2, 2);
-    EXPECT_EQ(carrier.desc, "latencyTest");
     EXPECT_FALSE(idle.Process());  // no test armed
-    EXPECT_EQ(idle.state, STATE_HANGUP);
     probe->Arm();
     for (int i = 0; i < 2; ++i) EXPECT_EQ(S(*carrier.Process(), 0, 6), (V{1, 1, -1, -1, 1, 1}));  // faint, not silent
     EXPECT_FALSE(carrier.Process());  // its frame budget spent
-    EXPECT_EQ(carrier.state, STATE_HANGUP);
     probe->Marked(0);
     Frame f(new AudioFrame(SAMPLE_SIZE_16, 16000, 1, 20));
     LatencyProbe::WriteMark(*f);
     EXPECT_EQ(listener.WriteFrame(f), 0);  // heard: the test is over
-    EXPECT_EQ(listener.state, STATE_HANGUP);
-    int64_t delayUs = 0;
-    EXPECT_EQ(probe->Wait(0, delayUs), LatencyProbe::kMeasured);
-    EXPECT_GT(delayUs, 0);
-    EXPECT_EQ(late.WriteFrame(f), -1);  // posted after its test ended: leaves at its first frame
-    EXPECT_EQ(late.state, STATE_HANGUP);
+    EXPECT_EQ(late.WriteFrame(f), -1);     // posted after its test ended: leaves at its first frame
+    EXPECT_EQ(V({idle.state, carrier.state, listener.state, late.state}), V(4, STATE_HANGUP));
 }
 
 }  // namespace
