@@ -29,10 +29,13 @@ using host::ControlCommand;
 using host::ControlProtocol;
 using host::ControlReply;
 using Strings = std::vector<std::string>;
+using std::to_string;
+template <class M>
+boost::shared_ptr<M> As(const boost::shared_ptr<MsgHead>& m) { return boost::dynamic_pointer_cast<M>(m); }
 
 // What a parsed request says: kind|type|volume|enable.
 std::string Said(const ControlCommand& c) {
-    return std::to_string(c.kind) + "|" + c.streamType + "|" + std::to_string(c.volume) + "|" + std::to_string(c.enable);
+    return to_string(c.kind) + "|" + c.streamType + "|" + to_string(c.volume) + "|" + to_string(c.enable);
 }
 
 TEST(ControlProtocolTest, RequestsParseOrAreRefusedWithTheReason) {
@@ -42,17 +45,19 @@ TEST(ControlProtocolTest, RequestsParseOrAreRefusedWithTheReason) {
         bool ok;
         std::string text;  // Said() or the reason
     } cases[] = {
-        {"volume music 30", true, "0|music|30|0"}, {"  speaker\t100 \r\n", true, "1||100|0"}, {"speaker 0", true, "1||0|0"},
-        {"focus !", true, "2|!|0|0"}, {"focus none", true, "2||0|0"}, {"mic on", true, "3||0|1"}, {"mic off", true, "3||0|0"},
-        {"status", true, "4||0|0"}, {"latency", true, "5||0|0"}, {"help", true, "6||0|0"},
-        {"volume " + t64 + " 5", true, "0|" + t64 + "|5|0"}, {"status" + std::string(250, ' ') + "\r\n", true, "4||0|0"},
+        {"volume music 30", true, "0|music|30|0"}, {"  speaker\t100 \r\n", true, "1||100|0"},
+        {"speaker 0", true, "1||0|0"}, {"focus !", true, "2|!|0|0"}, {"focus none", true, "2||0|0"},
+        {"mic on", true, "3||0|1"}, {"mic off", true, "3||0|0"}, {"status", true, "4||0|0"},
+        {"latency", true, "5||0|0"}, {"help", true, "6||0|0"}, {"volume " + t64 + " 5", true, "0|" + t64 + "|5|0"},
+        {"status" + std::string(250, ' ') + "\r\n", true, "4||0|0"},
         {"status" + std::string(251, ' '), false, "request longer than 256 bytes"},
         {"", false, "empty request (try 'help')"}, {"   \t", false, "empty request (try 'help')"},
         {"VOLUME music 3", false, "unknown request 'VOLUME' (try 'help')"},
         {std::string(40, 'z'), false, "unknown request '" + std::string(32, 'z') + "' (try 'help')"},
-        {"volume music", false, "usage: volume TYPE PERCENT"}, {"volume music 3 4", false, "usage: volume TYPE PERCENT"},
-        {"volume music 101", false, percent + "'101'"}, {"volume music -1", false, percent + "'-1'"},
-        {"speaker 4.5", false, percent + "'4.5'"}, {"speaker 99999999999999999999", false, percent + "'99999999999999999999'"},
+        {"volume music", false, "usage: volume TYPE PERCENT"},
+        {"volume music 3 4", false, "usage: volume TYPE PERCENT"}, {"volume music 101", false, percent + "'101'"},
+        {"volume music -1", false, percent + "'-1'"}, {"speaker 4.5", false, percent + "'4.5'"},
+        {"speaker 99999999999999999999", false, percent + "'99999999999999999999'"},
         {"speaker", false, "usage: speaker PERCENT"}, {"focus", false, "usage: focus TYPE|none"},
         {"mic maybe", false, "usage: mic on|off"}, {"status now", false, "usage: status"},
         {"latency 1", false, "usage: latency"}, {"help me", false, "usage: help"},
@@ -126,7 +131,8 @@ TEST(ControlServerTest, RequestsAreAnsweredMisbehavingClientsHarmNothingAndStopC
     EXPECT_EQ(log.CountPrefix("E Mixerd_ControlServer:Start:"), 3);
     second.Stop();  // must not remove the live server's socket
     EXPECT_EQ(Exchange(RawSocket(path), "volume music 30\n"), "OK\n0|music|30|0\n");
-    EXPECT_EQ(Exchange(RawSocket(path), "volume music loud\n"), "ERR volume must be a whole percent from 0 to 100, not 'loud'\n");
+    EXPECT_EQ(Exchange(RawSocket(path), "volume music loud\n"),
+              "ERR volume must be a whole percent from 0 to 100, not 'loud'\n");
     EXPECT_EQ(Exchange(RawSocket(path), "help\n"), std::string("OK\n") + ControlProtocol::Usage());
     // A flood without a line feed is cut off; a request without one counts once the
     // client ends its side; one that hangs up at once is an empty request.
@@ -164,18 +170,18 @@ struct FakeSink : host::EngineSink {
     void PostRecord(boost::shared_ptr<MsgHead> msg) override { Post("R ", msg); }
     void FocusChanged(const std::string& type) override { posted.push_back("F " + type); }
     void Post(std::string line, boost::shared_ptr<MsgHead> msg) {
-        if (auto v = boost::dynamic_pointer_cast<MsgSetStreamVol>(msg))
-            line += "volume " + v->streamType + " " + std::to_string(v->volume) + " " + std::to_string(v->speakerVolume);
-        else if (auto sp = boost::dynamic_pointer_cast<MsgSetSpeakerVol>(msg)) line += "speaker " + std::to_string(sp->volume);
-        else if (auto fo = boost::dynamic_pointer_cast<MsgSetFocus>(msg)) line += "focus " + fo->streamType;
-        else if (auto mic = boost::dynamic_pointer_cast<MsgEnableMic>(msg)) line += "mic " + std::to_string(mic->enable);
-        else if (auto no = boost::dynamic_pointer_cast<MsgNewOutput>(msg)) line += "output", listener = no->output;
-        else if (auto ni = boost::dynamic_pointer_cast<MsgNewInput>(msg))
-            line += "input " + ni->input->desc + " " + std::to_string(ni->input->rate) + " " + std::to_string(ni->input->numCh);
+        if (auto v = As<MsgSetStreamVol>(msg))
+            line += "volume " + v->streamType + " " + to_string(v->volume) + " " + to_string(v->speakerVolume);
+        else if (auto sp = As<MsgSetSpeakerVol>(msg)) line += "speaker " + to_string(sp->volume);
+        else if (auto fo = As<MsgSetFocus>(msg)) line += "focus " + fo->streamType;
+        else if (auto mic = As<MsgEnableMic>(msg)) line += "mic " + to_string(mic->enable);
+        else if (auto no = As<MsgNewOutput>(msg)) line += "output", listener = no->output;
+        else if (auto ni = As<MsgNewInput>(msg))
+            line += "input " + ni->input->desc + " " + to_string(ni->input->rate) + " " + to_string(ni->input->numCh);
         else line += msg->type == MSG_LATENCY_TEST ? "latency" : msg->type == MSG_WRITE_INFO ? "status" : "?";
         posted.push_back(line);
         if (reports && msg->type == MSG_WRITE_INFO) {
-            std::ofstream(boost::dynamic_pointer_cast<MsgWriteInfo>(msg)->fileName.c_str()) << "playback\nrecord\n";
+            std::ofstream(As<MsgWriteInfo>(msg)->fileName.c_str()) << "playback\nrecord\n";
             return;
         }
         if (msg->type == MSG_LATENCY_TEST && echo >= 0) {
@@ -231,8 +237,8 @@ TEST(ControlDispatcherTest, RequestsBecomeEngineMessagesAndWaitedForRepliesSayWh
     const Strings latency = {"R output", "P input latencyTest 32000 3", "P latency"};
     Strings want = {"P volume music 30 40", "P speaker 61", "P volume prompt 70 61", "P focus prompt", "F prompt", "F ",
                     "P status", "R mic 1"};
-    for (const Strings& more : {latency, Strings{"R mic 0", "P status", "R mic 1"}, latency, Strings{"R mic 0", "R mic 1"},
-                                latency, Strings{"R mic 0"}})
+    for (const Strings& more : {latency, Strings{"R mic 0", "P status", "R mic 1"}, latency,
+                                Strings{"R mic 0", "R mic 1"}, latency, Strings{"R mic 0"}})
         want.insert(want.end(), more.begin(), more.end());
     EXPECT_EQ(sink.posted, want);
     EXPECT_EQ(d.SpeakerVolume(), 61u);

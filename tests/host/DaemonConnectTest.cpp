@@ -1,6 +1,5 @@
-// The daemon's connection to the engines, driven as the library's threads drive it but
-// without the engines: the test takes the posted messages from the queues. Runs in a
-// private /run and /dev/shm (see CMakeLists.txt): stream tokens remove description files.
+// The daemon's connection, driven as the engines' threads drive it. Runs in a private /run
+// and /dev/shm (see CMakeLists.txt): stream tokens remove description files.
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -33,7 +32,9 @@ using host::ClientWatcher;
 using Strings = std::vector<std::string>;
 using Frame = boost::shared_ptr<AudioFrame>;
 using V = std::vector<int64_t>;
-template <class M> boost::shared_ptr<M> As(const boost::shared_ptr<MsgHead>& m) { return boost::dynamic_pointer_cast<M>(m); }
+using std::to_string;
+template <class M>
+boost::shared_ptr<M> As(const boost::shared_ptr<MsgHead>& m) { return boost::dynamic_pointer_cast<M>(m); }
 
 sStreamInfo Info(const std::string& name, const std::string& meta, unsigned rate = 48000, unsigned numCh = 2,
                  const std::string& type = host::kTypeDataTrans) {
@@ -46,11 +47,12 @@ sStreamInfo Info(const std::string& name, const std::string& meta, unsigned rate
 // Whether a stream's description file or its queue (named as the client names it) is there.
 bool FileExists(const std::string& name) { return test::PathExists(std::string(kStreamDir) + "/" + name); }
 bool QueueExists(const std::string& name) { return test::PathExists("/dev/shm/mixer-" + name); }
-std::string Fmt(const Frame& f) { return std::to_string(f->rate) + "/" + std::to_string(f->numCh) + "/" + std::to_string(f->len); }
+std::string Fmt(const Frame& f) { return to_string(f->rate) + "/" + to_string(f->numCh) + "/" + to_string(f->len); }
 
 // The client's end of a stream: its block queue and its description file.
 struct Client {
-    explicit Client(const sStreamInfo& i) : info(i), ok(queue.Init(("/mixer-" + i.name).c_str(), 4, 3840) == 0 && UtilWriteFile(i) == 0) {}
+    explicit Client(const sStreamInfo& i)
+        : info(i), ok(queue.Init(("/mixer-" + i.name).c_str(), 4, 3840) == 0 && UtilWriteFile(i) == 0) {}
     sStreamInfo info;
     DataTrans queue;
     bool ok;
@@ -71,7 +73,8 @@ protected:
     int Add(sStreamInfo info) { return connect->AddNewStream(info.name, info); }
     Strings Events() {
         Strings sent;
-        const size_t n = events.Deliver([&](const std::string& e, const std::string& p) { sent.push_back(e + " " + p); });
+        const size_t n =
+            events.Deliver([&](const std::string& e, const std::string& p) { sent.push_back(e + " " + p); });
         EXPECT_EQ(n, sent.size());
         return sent;
     }
@@ -84,8 +87,8 @@ protected:
                 taken.push_back(m);
                 auto in = As<MsgNewInput>(m);
                 auto out = As<MsgNewOutput>(m);
-                lines.push_back(in ? "input " + in->input->name + " " + in->input->desc + " " + std::to_string(in->input->rate)
-                                : out ? "output " + out->output->name : "focus " + As<MsgSetFocus>(m)->streamType);
+                lines.push_back(!in ? out ? "output " + out->output->name : "focus " + As<MsgSetFocus>(m)->streamType
+                                    : "input " + in->input->name + " " + in->input->desc + " " + to_string(in->input->rate));
             }
         return lines;
     }
@@ -190,24 +193,25 @@ TEST_F(DaemonConnectTest, StreamsComeAndGoOnSeveralThreadsWithEveryAdditionMatch
     // and drops them and the "control thread" changes the focus.
     std::vector<std::unique_ptr<Client>> clients;
     for (int i = 0; i < 20; ++i)
-        clients.emplace_back(new Client(Info("s" + std::to_string(i), i % 2 ? "prompt" : "music", i % 2 ? 8000 : 96000, i % 2 ? 1 : 8)));
+        clients.emplace_back(
+            new Client(Info("s" + to_string(i), i % 2 ? "prompt" : "music", i % 2 ? 8000 : 96000, i % 2 ? 1 : 8)));
     std::thread discovery([&] {
         for (auto& c : clients) EXPECT_EQ(Add(c->info), 0);
         playbackQ->sendMsg(boost::make_shared<MsgHead>(MSG_PING));  // the end
     });
-    std::thread control([&] {
-        for (int i = 0; i < 20; ++i) connect->FocusChanged(i % 2 ? "prompt" : "");
-    });
+    std::thread control([&] { for (int i = 0; i < 20; ++i) connect->FocusChanged(i % 2 ? "prompt" : ""); });
     int inputs = 0;
-    for (boost::shared_ptr<MsgHead> m; (m = playbackQ->getMsg(true))->type != MSG_PING;) inputs += m->type == MSG_NEW_INPUT;
+    for (boost::shared_ptr<MsgHead> m; (m = playbackQ->getMsg(true))->type != MSG_PING;)
+        inputs += m->type == MSG_NEW_INPUT;
     discovery.join(), control.join();
     pollfd pfd = {events.Fd(), POLLIN, 0};
-    EXPECT_EQ(poll(&pfd, 1, 0), 1);  // the daemon's loop is woken for the events
+    const int woken = poll(&pfd, 1, 0);  // the daemon's loop is woken for the events
     Strings e = Events();
-    EXPECT_EQ(V({inputs, int(e.size()), int(std::count_if(e.begin(), e.end(), [](const std::string& s) {
-                  return s.find("Removed") != s.npos; })), poll(&pfd, 1, 0)}), (V{20, 60, 20, 0}));
+    auto isRemoval = [](const std::string& x) { return x.find("Removed") != x.npos; };
+    const auto removed = std::count_if(e.begin(), e.end(), isRemoval);
+    EXPECT_EQ(V({inputs, woken, int64_t(e.size()), removed, poll(&pfd, 1, 0), int64_t(connect->LiveStreams().size())}),
+              (V{20, 1, 60, 20, 0, 0}));
     for (auto& c : clients) EXPECT_FALSE(FileExists(c->info.name)) << c->info.name;
-    EXPECT_TRUE(connect->LiveStreams().empty());
 }
 
 // A client in a process of its own: creates its queue with `blocks` blocks of 20 ms
@@ -259,7 +263,7 @@ TEST_F(DaemonConnectTest, EndedClientsAreHungUpAndLeaveNothingBehind) {
         EXPECT_EQ(c->child.Wait(), -1);
     }
     for (const sStreamInfo* i : {&pi, &ri})
-        ASSERT_TRUE(log.WaitFor("W Mixerd_Connect:ClientEnded:" + i->name + ": process " + std::to_string(i->id) +
+        ASSERT_TRUE(log.WaitFor("W Mixerd_Connect:ClientEnded:" + i->name + ": process " + to_string(i->id) +
                                 " ended without closing its queue: hung up:")) << log.Dump();
     // The engines' view: the input ends as for a client that closed (its last block, a
     // period of silence that flushes the resampler, then nothing); the output turns
@@ -309,7 +313,8 @@ TEST_F(DaemonConnectTest, DevicesAndTheDeviceChain) {
     probe->Arm();
     mark->running = 1;
     EXPECT_EQ(Through(*chain, 48000, 2)->Samples16()[0], host::LatencyProbe::kMarkLevel) << "the mark as written";
-    EXPECT_EQ(V({mark->running, mark->count, probe->WantsMark(), Through(*chain, 48000, 2)->Samples16()[0]}), (V{0, 1, 0, 0}));
+    EXPECT_EQ(V({mark->running, mark->count, probe->WantsMark(), Through(*chain, 48000, 2)->Samples16()[0]}),
+              (V{0, 1, 0, 0}));
     // The latency test's carrier stays out of volumes and ducking.
     boost::shared_ptr<Stream> carrier = boost::make_shared<Stream>();
     carrier->SetInput(boost::make_shared<host::LatencyCarrierInput>(probe, 48000, 2, 5));
@@ -317,52 +322,38 @@ TEST_F(DaemonConnectTest, DevicesAndTheDeviceChain) {
     EXPECT_FALSE(carrier->GetAlgoById(ALGO_ID_RAMP_GAIN));
 }
 
-#define REQUIRE_PIDFD() \
-    if (!ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: the daemon falls back to the clients' own close"
-
 int Forever() {
     for (;;) pause();
 }
 
-TEST(ClientWatcherTest, ActionsRunOnceWhenAWatchedProcessEndsAndNeverAfterUnwatch) {
-    REQUIRE_PIDFD();
+TEST(ClientWatcherTest, ActionsRunOnceAfterTheProcessEndsNeverAfterUnwatchAndUnwatchWaitsForARunningOne) {
+    if (!ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: the daemon falls back to the clients' own close";
     ClientWatcher watcher;
-    test::Pipe ran;
-    test::ChildProcess unwatched(Forever), first(Forever), second(Forever), ended([] { return 0; });
+    test::Pipe ran, release;
+    test::ChildProcess unwatched(Forever), first(Forever), second(Forever), ended([] { return 0; }), held(Forever);
     uint64_t idU = 0, id1 = 0, id2 = 0, id = 7;
-    ASSERT_EQ(watcher.Watch(unwatched.pid(), [&ran] { ran.Send('u'); }, idU), ClientWatcher::kWatching);
-    ASSERT_EQ(watcher.Watch(first.pid(), [&ran] { ran.Send('1'); }, id1), ClientWatcher::kWatching);
-    ASSERT_EQ(watcher.Watch(second.pid(), [&ran] { ran.Send('2'); }, id2), ClientWatcher::kWatching);
-    EXPECT_EQ(watcher.Count(), 3u);
+    bool finished = false;  // set on the watcher's thread; read once Unwatch has returned
+    EXPECT_EQ(V({watcher.Watch(unwatched.pid(), [&ran] { ran.Send('u'); }, idU),
+                 watcher.Watch(first.pid(), [&ran] { ran.Send('1'); }, id1),
+                 watcher.Watch(second.pid(), [&ran] { ran.Send('2'); }, id2), int64_t(watcher.Count())}),
+              (V{ClientWatcher::kWatching, ClientWatcher::kWatching, ClientWatcher::kWatching, 3}));
     watcher.Unwatch(idU);  // then killed first: had its watch been kept, its action would run first
-    for (test::ChildProcess* c : {&unwatched, &first, &second}) {
-        ASSERT_EQ(kill(c->pid(), SIGKILL), 0);
-        EXPECT_EQ(c->Wait(), -1);
-    }
-    EXPECT_EQ(V({ran.Receive(), ran.Receive(), int(watcher.Count())}), (V{'1', '2', 0}));
+    for (test::ChildProcess* c : {&unwatched, &first, &second}) EXPECT_EQ(kill(c->pid(), SIGKILL) + c->Wait(), -1);
+    EXPECT_EQ(V({ran.Receive(), ran.Receive(), int64_t(watcher.Count())}), (V{'1', '2', 0}));
     watcher.Unwatch(id1);  // fired already: nothing
     // An ended (reaped) process and pids that name none are not watched.
     const pid_t gone = ended.pid();
     EXPECT_EQ(ended.Wait(), 0);
-    EXPECT_EQ(watcher.Watch(gone, [] {}, id), ClientWatcher::kGone);
-    EXPECT_EQ(id, 0u);
-    EXPECT_EQ(V({watcher.Watch(0, [] {}, id), watcher.Watch(-5, [] {}, id), int(watcher.Count())}),
-              (V{ClientWatcher::kUnwatched, ClientWatcher::kUnwatched, 0}));
-}
-
-TEST(ClientWatcherTest, UnwatchWaitsForARunningAction) {
-    REQUIRE_PIDFD();
-    ClientWatcher watcher;
-    test::Pipe started, release;
-    bool finished = false;  // set on the watcher's thread; read once Unwatch has returned
-    test::ChildProcess child(Forever);
-    uint64_t id = 0;
-    auto action = [&] { started.Send(), release.Receive(), finished = true; };
-    ASSERT_EQ(watcher.Watch(child.pid(), action, id), ClientWatcher::kWatching);
-    ASSERT_EQ(kill(child.pid(), SIGKILL), 0);
-    ASSERT_EQ(started.Receive(), '.');
+    auto none = [] {};
+    EXPECT_EQ(V({watcher.Watch(gone, none, id), int64_t(id), watcher.Watch(0, none, id), watcher.Watch(-1, none, id)}),
+              (V{ClientWatcher::kGone, 0, ClientWatcher::kUnwatched, ClientWatcher::kUnwatched}));
+    // Unwatch returns only once a running action is done.
+    auto hold = [&] { ran.Send(), release.Receive(), finished = true; };
+    ASSERT_EQ(watcher.Watch(held.pid(), hold, id), ClientWatcher::kWatching);
+    ASSERT_EQ(kill(held.pid(), SIGKILL), 0);
+    ASSERT_EQ(ran.Receive(), '.');
     std::thread releaser([&release] { release.Send(); });
-    watcher.Unwatch(id);  // returns only after the action
+    watcher.Unwatch(id);
     EXPECT_TRUE(finished);
     releaser.join();
 }

@@ -56,7 +56,8 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
              {"log-mask", "EWX"}, {"log-mask", "ew"}, {"log-mask", "12ab"}, {"log-mask", "0x100000000"},
              {"log-mask", ""}, {"socket", ""}, {"status-file", ""}, {"device", ""}, {"out-file", ""},
              {"mic-device", ""}, {"mic-file", ""}})
-        cases.push_back({{"--" + b.first, b.second}, kError, "bad value '" + b.second + "' for --" + b.first + " (see --help)"});
+        cases.push_back(
+            {{"--" + b.first, b.second}, kError, "bad value '" + b.second + "' for --" + b.first + " (see --help)"});
     for (Case& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.args));
         c.args.insert(c.args.begin(), "mixerd");
