@@ -91,6 +91,10 @@ struct EchoHandler : host::ControlHandler {
         seen.push_back(Said(cmd));
         return cmd.kind == ControlCommand::kLatency ? ControlReply::Error("no echo") : ControlReply::Ok(Said(cmd));
     }
+    Strings Seen() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return seen;
+    }
     std::mutex mutex;
     Strings seen;
 };
@@ -145,7 +149,7 @@ TEST(ControlServerTest, RequestsAreAnsweredMisbehavingClientsHarmNothingAndStopC
     EXPECT_EQ(reply.ok ? "OK" : reply.text, "no echo");
     // A client that sends nothing is answered after the server's time limit, not ours.
     EXPECT_EQ(Exchange(RawSocket(path), ""), "ERR no request line received\n");
-    EXPECT_EQ(handler.seen, (Strings{"0|music|30|0", "3||0|1", "5||0|0"}));
+    EXPECT_EQ(handler.Seen(), (Strings{"0|music|30|0", "3||0|1", "5||0|0"}));
     // Refused: "loud", the client that hung up, and the second server's probe connection.
     EXPECT_EQ(log.CountPrefix("W Mixerd_ControlServer:Serve:refused:"), 3) << log.Dump();
     // Whether or not the server has taken a connection yet, Stop ends it.
