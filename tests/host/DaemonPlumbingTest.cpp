@@ -2,16 +2,23 @@
 #include <poll.h>
 #include <signal.h>
 
-#include <sstream>
+#include <unistd.h>
 
+#include <sstream>
+#include <thread>
+
+#include "host/ClientWatcher.h"
 #include "host/DaemonOptions.h"
 #include "host/ShutdownSignals.h"
 #include "host/StreamQueueName.h"
+#include "tests/support/ChildProcess.h"
 
 namespace mixer {
 namespace {
 
+using host::ClientWatcher;
 using host::DaemonOptions;
+using V = std::vector<int64_t>;
 
 std::string Dump(const DaemonOptions& o) {
     std::ostringstream s;
@@ -86,6 +93,42 @@ TEST(ShutdownSignalsTest, TermAndIntArriveOnTheDescriptorInsteadOfKilling) {
         EXPECT_EQ(signals.Take(), sig);
     }
     EXPECT_EQ(signals.Take(), 0);
+}
+
+int Forever() {
+    for (;;) pause();
+}
+
+TEST(ClientWatcherTest, ActionsRunOnceAfterTheProcessEndsNeverAfterUnwatchAndUnwatchWaitsForARunningOne) {
+    if (!ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: the daemon falls back to the clients' own close";
+    ClientWatcher watcher;
+    test::Pipe ran, release;
+    test::ChildProcess unwatched(Forever), first(Forever), second(Forever), ended([] { return 0; }), held(Forever);
+    uint64_t idU = 0, id1 = 0, id2 = 0, id = 7;
+    bool finished = false;  // set on the watcher's thread; read once Unwatch has returned
+    EXPECT_EQ(V({watcher.Watch(unwatched.pid(), [&ran] { ran.Send('u'); }, idU),
+                 watcher.Watch(first.pid(), [&ran] { ran.Send('1'); }, id1),
+                 watcher.Watch(second.pid(), [&ran] { ran.Send('2'); }, id2), int64_t(watcher.Count())}),
+              (V{ClientWatcher::kWatching, ClientWatcher::kWatching, ClientWatcher::kWatching, 3}));
+    watcher.Unwatch(idU);  // then killed first: had its watch been kept, its action would run first
+    for (test::ChildProcess* c : {&unwatched, &first, &second}) EXPECT_EQ(kill(c->pid(), SIGKILL) + c->Wait(), -1);
+    EXPECT_EQ(V({ran.Receive(), ran.Receive(), int64_t(watcher.Count())}), (V{'1', '2', 0}));
+    watcher.Unwatch(id1);  // fired already: nothing
+    // An ended (reaped) process and pids that name none are not watched.
+    const pid_t gone = ended.pid();
+    EXPECT_EQ(ended.Wait(), 0);
+    auto none = [] {};
+    EXPECT_EQ(V({watcher.Watch(gone, none, id), int64_t(id), watcher.Watch(0, none, id), watcher.Watch(-1, none, id)}),
+              (V{ClientWatcher::kGone, 0, ClientWatcher::kUnwatched, ClientWatcher::kUnwatched}));
+    // Unwatch returns only once a running action is done.
+    auto hold = [&] { ran.Send(), release.Receive(), finished = true; };
+    ASSERT_EQ(watcher.Watch(held.pid(), hold, id), ClientWatcher::kWatching);
+    ASSERT_EQ(kill(held.pid(), SIGKILL), 0);
+    ASSERT_EQ(ran.Receive(), '.');
+    std::thread releaser([&release] { release.Send(); });
+    watcher.Unwatch(id);
+    EXPECT_TRUE(finished);
+    releaser.join();
 }
 
 }  // namespace
