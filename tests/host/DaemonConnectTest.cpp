@@ -270,7 +270,7 @@ TEST_F(DaemonConnectTest, EndedClientsAreHungUpAndLeaveNothingBehind) {
     // Hangup at its next write.
     EXPECT_EQ(in->Process()->Samples16()[0], 0x1111);
     Frame tail = in->Process();
-    ASSERT_TRUE(tail);
+    ASSERT_EQ(tail ? Fmt(tail) : "none", "48000/2/960");
     EXPECT_EQ(std::vector<int16_t>(tail->Samples16(), tail->Samples16() + 1920), std::vector<int16_t>(1920, 0));
     EXPECT_EQ(V({in->state, !in->Process()}), (V{STATE_HANGUP, 1}));
     EXPECT_EQ(V({out->WriteFrame(boost::make_shared<AudioFrame>(SAMPLE_SIZE_16, 16000, 1, 20)), out->state}),

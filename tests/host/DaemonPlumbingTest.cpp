@@ -79,7 +79,8 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
         EXPECT_EQ(c.result == kRun ? Dump(o) : c.result == kError ? error : "", c.text);
         EXPECT_TRUE(c.result == kRun || Dump(o) == before) << Dump(o);
     }
-    EXPECT_EQ(host::StreamQueueName("//micRaw"), "/mixer-micRaw");  // the client's queue, named as it does
+    // The client's queue and transport, named as the clients name them.
+    EXPECT_EQ(host::StreamQueueName("//micRaw") + host::kTypeDataTrans, "/mixer-micRawdataTrans");
 }
 
 TEST(ShutdownSignalsTest, TermAndIntArriveOnTheDescriptorInsteadOfKilling) {

@@ -141,6 +141,8 @@ TEST(AlsaDeviceTest, UnknownDevicesFaultWithALogLineAndTheNullDeviceTakesAndGive
     EXPECT_EQ(V({null.state, nullMic.state}), V(2, STATE_PAUSED));
     null.Resume(), nullMic.Resume();
     EXPECT_EQ(V({null.state, nullMic.state}), V(2, STATE_ACTIVE));
+    null.Close();
+    EXPECT_EQ(V({null.WriteFrame(Ramp(SAMPLE_SIZE_16, 48000, 2)), null.state}), (V{-1, STATE_FAULT}));
 }
 
 TEST(MicInputTest, ToneAndFileMicsGiveExactSamplesAtCaptureSpeed) {
