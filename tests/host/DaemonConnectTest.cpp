@@ -87,8 +87,10 @@ protected:
                 taken.push_back(m);
                 auto in = As<MsgNewInput>(m);
                 auto out = As<MsgNewOutput>(m);
-                lines.push_back(!in ? out ? "output " + out->output->name : "focus " + As<MsgSetFocus>(m)->streamType
-                                    : "input " + in->input->name + " " + in->input->desc + " " + to_string(in->input->rate));
+                auto focus = As<MsgSetFocus>(m);
+                lines.push_back(in    ? "input " + in->input->name + " " + in->input->desc + " " + to_string(in->input->rate)
+                                : out ? "output " + out->output->name
+                                      : "focus " + focus->streamType);
             }
         return lines;
     }
