@@ -88,9 +88,10 @@ protected:
                 auto in = As<MsgNewInput>(m);
                 auto out = As<MsgNewOutput>(m);
                 auto focus = As<MsgSetFocus>(m);
-                lines.push_back(in    ? "input " + in->input->name + " " + in->input->desc + " " + to_string(in->input->rate)
+                lines.push_back(in    ? "input " + in->input->name + " " + in->input->desc
                                 : out ? "output " + out->output->name
                                       : "focus " + focus->streamType);
+                if (in) lines.back() += " " + to_string(in->input->rate);
             }
         return lines;
     }
