@@ -11,12 +11,10 @@ class TempDir {
 public:
     TempDir() {
         char tmpl[] = "/tmp/mixerd-test-XXXXXX";
-        const char* p = mkdtemp(tmpl);
-        path_ = p ? p : "/tmp";
+        path_ = mkdtemp(tmpl) ? tmpl : "/tmp";
     }
     ~TempDir() {
-        std::string cmd = "rm -rf '" + path_ + "'";
-        if (path_ != "/tmp" && std::system(cmd.c_str()) != 0) {
+        if (path_ != "/tmp" && std::system(("rm -rf '" + path_ + "'").c_str()) != 0) {
         }
     }
     std::string File(const std::string& name) const { return path_ + "/" + name; }
