@@ -20,7 +20,7 @@
 #include "mixer/discovery/StreamFiles.h"
 #include "mixer/stream/Stream.h"
 #include "mixer/stream/StreamOut.h"
-#include "tests/discovery/PrivateRun.h"
+#include "tests/support/PrivateRun.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeOutput.h"
 #include "tests/support/LogCapture.h"
