@@ -1,32 +1,26 @@
 #pragma once
 
-// mixerd and its tools run as programs (tests/e2e, tests/soak), inside the private mount
-// namespace of their CTest wrapper (empty /run and /dev/shm), and the WAV file that the
-// daemon played into. The including target defines MIXERD_PATH and MIXERCTL_PATH.
+// mixerd and its tools as programs (tests/e2e, tests/soak), and the WAV file the daemon
+// played into. The including target defines MIXERD_PATH and MIXERCTL_PATH.
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sndfile.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
-#include <functional>
+#include <iterator>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "tests/host/TempDir.h"
-
-extern char** environ;
 
 namespace mixer {
 namespace test {
@@ -34,7 +28,8 @@ namespace test {
 const std::string kStreamDir = "/var/run/mixer";
 
 // Polls pred, at growing intervals of at most 50 ms, until it holds or limitMs have passed.
-inline bool Eventually(const std::function<bool()>& pred, int limitMs = 30000) {
+template <typename Pred>
+bool Eventually(Pred pred, int limitMs = 30000) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
     for (int ms = 1; !pred(); ms = std::min(ms * 2, 50)) {
         if (std::chrono::steady_clock::now() > deadline) return false;
@@ -43,69 +38,46 @@ inline bool Eventually(const std::function<bool()>& pred, int limitMs = 30000) {
     return true;
 }
 
-// Starts a program with stdin from /dev/null and stdout and stderr to outFile;
-// descriptors the caller made without close-on-exec stay open in it.
-inline pid_t Spawn(const std::vector<std::string>& args, const std::string& outFile) {
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&fa, 1, 2);
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
+// Starts the command line cmd (through sh, which execs it; no word of it needs quoting)
+// with its output in outFile. Descriptors without close-on-exec stay open in it.
+inline pid_t Spawn(const std::string& cmd, const std::string& outFile) {
+    const std::string line = "exec " + cmd + " </dev/null >" + outFile + " 2>&1";
+    const char* argv[] = {"/bin/sh", "-c", line.c_str(), nullptr};
     pid_t pid = -1;
-    if (posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&fa);
-    return pid;
+    return posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ) == 0 ? pid : -1;
 }
 
-// The exit status, or minus the signal that ended the program; -1000 when it did not
-// end within limitMs (it is killed then).
+// The exit status, or minus the signal that ended the program; -1000 when it did not end
+// within limitMs (it is killed then).
 inline int WaitExit(pid_t pid, int limitMs = 60000) {
     int status = 0;
     pid_t got = 0;
-    if (!Eventually([&] { return (got = waitpid(pid, &status, WNOHANG)) != 0; }, limitMs)) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-    if (got != pid) return -1000;
-    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+    if (!Eventually([&] { return (got = waitpid(pid, &status, WNOHANG)) != 0; }, limitMs))
+        kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+    return got != pid ? -1000 : WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 inline std::string Slurp(const std::string& path) {
-    std::ostringstream s;
-    s << std::ifstream(path).rdbuf();
-    return s.str();
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
-
 inline bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
-// The names in a directory; with prefix, only those that start with it.
+// The names in a directory (none when there is none) that start with prefix.
 inline std::set<std::string> DirNames(const std::string& path, const std::string& prefix = "") {
     std::set<std::string> names;
-    if (DIR* d = opendir(path.c_str())) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.' && std::string(e->d_name).compare(0, prefix.size(), prefix) == 0)
-                names.insert(e->d_name);
-        closedir(d);
-    }
+    std::error_code none;
+    for (const auto& e : std::filesystem::directory_iterator(path, none))
+        if (e.path().filename().string().compare(0, prefix.size(), prefix) == 0) names.insert(e.path().filename());
     return names;
 }
-
-// The stream queues in /dev/shm ("mixer-NAME"), the only objects there that are the daemon's.
+// The stream queues ("mixer-NAME"): the objects in /dev/shm that are the daemon's.
 inline std::set<std::string> ShmObjects() { return DirNames("/dev/shm", "mixer-"); }
 
-inline std::string Joined(const std::set<std::string>& names) {
-    std::string text;
-    for (const std::string& n : names) text += " " + n;
-    return text;
-}
-
-// mixerd with the WAV output and the tone microphone, its control socket, status file,
-// log and output in a fresh directory. ready: it said so on --ready-fd.
-class Mixerd {
-public:
+// mixerd with the WAV output and the tone microphone, with its control socket, status
+// file, log and output in a fresh directory. ready: it said so on --ready-fd. Only in the
+// private mount namespace of the CTest wrapper (empty /run and /dev/shm): the daemon
+// removes /var/run/mixer at exit, and the tests look at all that is in /dev/shm.
+struct Mixerd {
     TempDir dir;
     const std::string out = dir.File("out.wav"), log = dir.File("mixerd.log"), sock = dir.File("ctl.sock");
     pid_t pid = -1;
@@ -113,102 +85,70 @@ public:
 
     Mixerd() {
         int fds[2];
-        if (pipe2(fds, O_CLOEXEC) != 0) return;
+        if (!getenv("MIXER_PRIVATE_RUN") || pipe2(fds, O_CLOEXEC) != 0) return;
         fcntl(fds[1], F_SETFD, 0);  // only the write end goes to the daemon
-        pid = Spawn({MIXERD_PATH, "--output", "wav", "--out-file", out, "--mic", "tone", "--socket", sock,
-                     "--status-file", dir.File("status"), "--log-stderr", "--log-mask", "EWI", "--ready-fd",
-                     std::to_string(fds[1])},
-                    log);
+        pid = Spawn(MIXERD_PATH " --output wav --mic tone --log-stderr --log-mask EWI --out-file " + out +
+                        " --socket " + sock + " --status-file " + dir.File("status") + " --ready-fd " +
+                        std::to_string(fds[1]), log);
         close(fds[1]);
         char word[8] = {0};
         ready = pid > 0 && read(fds[0], word, sizeof(word) - 1) > 0 && std::string(word) == "ready\n";
         close(fds[0]);
     }
     ~Mixerd() { Stop(SIGKILL); }
-    Mixerd(const Mixerd&) = delete;
-    Mixerd& operator=(const Mixerd&) = delete;
-
     // Ends the daemon with sig: its exit status (WaitExit).
     int Stop(int sig = SIGTERM) {
-        const int status = pid > 0 && kill(pid, sig) == 0 ? WaitExit(pid) : -1000;
-        pid = -1;
-        return status;
+        const pid_t p = std::exchange(pid, -1);
+        return p > 0 && kill(p, sig) == 0 ? WaitExit(p) : -1000;
     }
-    // mixerctl with the words of request: its exit status; what it printed in *said.
+    // mixerctl with request: its exit status, and what it printed in *said.
     int Ctl(const std::string& request, std::string* said = nullptr) {
-        std::vector<std::string> args = {MIXERCTL_PATH, "--socket", sock};
-        std::istringstream words(request);
-        for (std::string w; words >> w;) args.push_back(w);
-        const int status = WaitExit(Spawn(args, dir.File("ctl.txt")));
+        const int status = WaitExit(Spawn(MIXERCTL_PATH " --socket " + sock + " " + request, dir.File("ctl.txt")));
         if (said) *said = Slurp(dir.File("ctl.txt"));
         return status;
     }
 };
 
 // A sine with 10-ms fades at both ends (so the source itself has no step).
-inline bool WriteSine(const std::string& path, int rate, int channels, double freq, double amplitude,
-                      double seconds) {
+inline bool WriteSine(const std::string& path, int rate, int channels, double freq, double amplitude, double seconds) {
     SF_INFO info = {0, rate, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
     SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
-    if (!f) return false;
     const size_t n = static_cast<size_t>(seconds * rate), fade = static_cast<size_t>(rate / 100);
     std::vector<int16_t> s(n * channels);
-    for (size_t i = 0; i < n; ++i) {
-        const double g = std::min({1.0, double(i) / fade, double(n - i) / fade});
-        for (int c = 0; c < channels; ++c)
-            s[i * channels + c] = static_cast<int16_t>(std::lround(g * amplitude * std::sin(2 * M_PI * freq * i / rate)));
+    for (size_t i = 0; i < s.size(); ++i) {
+        const double t = double(i / channels), g = std::min({1.0, t / fade, (n - t) / fade});
+        s[i] = static_cast<int16_t>(std::lround(g * amplitude * std::sin(2 * M_PI * freq * t / rate)));
     }
-    sf_writef_short(f, s.data(), static_cast<sf_count_t>(n));
-    return sf_close(f) == 0;
+    return f && sf_writef_short(f, s.data(), static_cast<sf_count_t>(n)) == sf_count_t(n) && sf_close(f) == 0;
 }
-
-// The first channel of a WAV file.
-struct WavTrack {
-    int rate = 0, channels = 0;
-    std::vector<int16_t> left;
-
-    bool Load(const std::string& path) {
-        SF_INFO info = SF_INFO();
-        SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
-        if (!f) return false;
-        rate = info.samplerate;
-        channels = info.channels;
-        std::vector<int16_t> all(static_cast<size_t>(info.frames * channels));
-        left.resize(static_cast<size_t>(sf_readf_short(f, all.data(), info.frames)));
-        for (size_t i = 0; i < left.size(); ++i) left[i] = all[i * channels];
-        return sf_close(f) == 0;
+// A WAV file's samples (interleaved); info: its rate and channel count.
+inline std::vector<int16_t> ReadWav(const std::string& path, SF_INFO& info) {
+    info = SF_INFO();
+    SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
+    std::vector<int16_t> s(f ? static_cast<size_t>(info.frames * info.channels) : 0);
+    if (f) sf_readf_short(f, s.data(), info.frames), sf_close(f);
+    return s;
+}
+// The amplitude of the tone at freq in each 20-ms window of the first of two channels at
+// 48 kHz (Goertzel).
+inline std::vector<double> Tone(const std::vector<int16_t>& s, double freq) {
+    const double k = 2 * std::cos(2 * M_PI * freq / 48000);
+    std::vector<double> a(s.size() / 2 / 960);
+    for (size_t i = 0; i < a.size(); ++i) {
+        double s1 = 0, s2 = 0;
+        for (size_t j = i * 960; j < (i + 1) * 960; ++j) s2 = std::exchange(s1, s[2 * j] + k * s1 - s2);
+        a[i] = 2 * std::sqrt(std::max(s1 * s1 + s2 * s2 - k * s1 * s2, 0.0)) / 960;
     }
-    // The amplitude of the tone at freq in each 20-ms window (Goertzel).
-    std::vector<double> Tone(double freq) const {
-        const size_t w = static_cast<size_t>(rate / 50);
-        const double k = 2 * std::cos(2 * M_PI * freq / rate);
-        std::vector<double> a(w ? left.size() / w : 0);
-        for (size_t i = 0; i < a.size(); ++i) {
-            double s1 = 0, s2 = 0;
-            for (size_t j = i * w; j < (i + 1) * w; ++j) s2 = std::exchange(s1, left[j] + k * s1 - s2);
-            a[i] = 2 * std::sqrt(std::max(s1 * s1 + s2 * s2 - k * s1 * s2, 0.0)) / w;
-        }
-        return a;
-    }
-    // The largest step between neighbouring samples, and where.
-    int MaxStep(size_t* where) const {
-        int best = 0;
-        for (size_t i = 1; i < left.size(); ++i) {
-            const int step = std::abs(left[i] - left[i - 1]);
-            if (step > best) best = step, *where = i;
-        }
-        return best;
-    }
-};
-
-// The first and last window above threshold (first == a.size() when none is).
+    return a;
+}
+// The first and last window above threshold (first == a.size() when none is), and the
+// median of the windows in [from, to).
 inline std::pair<size_t, size_t> LoudSpan(const std::vector<double>& a, double threshold) {
     std::pair<size_t, size_t> span(a.size(), 0);
     for (size_t i = 0; i < a.size(); ++i)
         if (a[i] > threshold) span = {std::min(span.first, i), i};
     return span;
 }
-
 inline double Median(const std::vector<double>& a, size_t from, size_t to) {
     std::vector<double> v(a.begin() + from, a.begin() + to);
     std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
