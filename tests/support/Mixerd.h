@@ -38,17 +38,14 @@ bool Eventually(Pred pred, int limitMs = 30000) {
     return true;
 }
 
-// Starts the command line cmd (through sh, which execs it; no word of it needs quoting)
-// with its output in outFile. Descriptors without close-on-exec stay open in it.
+// Runs the command line cmd (through sh, which execs it) with its output in outFile.
 inline pid_t Spawn(const std::string& cmd, const std::string& outFile) {
     const std::string line = "exec " + cmd + " </dev/null >" + outFile + " 2>&1";
     const char* argv[] = {"/bin/sh", "-c", line.c_str(), nullptr};
     pid_t pid = -1;
     return posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ) == 0 ? pid : -1;
 }
-
-// The exit status, or minus the signal that ended the program; -1000 when it did not end
-// within limitMs (it is killed then).
+// The exit status, minus the signal that ended it, or -1000 (killed) after limitMs.
 inline int WaitExit(pid_t pid, int limitMs = 60000) {
     int status = 0;
     pid_t got = 0;
@@ -70,42 +67,36 @@ inline std::set<std::string> DirNames(const std::string& path, const std::string
         if (e.path().filename().string().compare(0, prefix.size(), prefix) == 0) names.insert(e.path().filename());
     return names;
 }
-// The stream queues ("mixer-NAME"): the objects in /dev/shm that are the daemon's.
-inline std::set<std::string> ShmObjects() { return DirNames("/dev/shm", "mixer-"); }
 
-// mixerd with the WAV output and the tone microphone, with its control socket, status
-// file, log and output in a fresh directory. ready: it said so on --ready-fd. Only in the
-// private mount namespace of the CTest wrapper (empty /run and /dev/shm): the daemon
-// removes /var/run/mixer at exit, and the tests look at all that is in /dev/shm.
+// mixerd with the WAV output and the tone microphone; its log and output in a fresh
+// directory, its socket and status file in /run. Only in the CTest wrapper's private
+// mount namespace (empty /run and /dev/shm); ready: it said so on --ready-fd.
 struct Mixerd {
     TempDir dir;
-    const std::string out = dir.File("out.wav"), log = dir.File("mixerd.log"), sock = dir.File("ctl.sock");
+    const std::string out = dir.File("out.wav"), log = dir.File("mixerd.log"), sock = "/run/mixerd.sock";
     pid_t pid = -1;
     bool ready = false;
+    std::string said;  // what the last mixerctl printed
 
     Mixerd() {
         int fds[2];
         if (!getenv("MIXER_PRIVATE_RUN") || pipe2(fds, O_CLOEXEC) != 0) return;
         fcntl(fds[1], F_SETFD, 0);  // only the write end goes to the daemon
         pid = Spawn(MIXERD_PATH " --output wav --mic tone --log-stderr --log-mask EWI --out-file " + out +
-                        " --socket " + sock + " --status-file " + dir.File("status") + " --ready-fd " +
-                        std::to_string(fds[1]), log);
+                        " --ready-fd " + std::to_string(fds[1]), log);
         close(fds[1]);
         char word[8] = {0};
         ready = pid > 0 && read(fds[0], word, sizeof(word) - 1) > 0 && std::string(word) == "ready\n";
         close(fds[0]);
     }
     ~Mixerd() { Stop(SIGKILL); }
-    // Ends the daemon with sig: its exit status (WaitExit).
     int Stop(int sig = SIGTERM) {
         const pid_t p = std::exchange(pid, -1);
         return p > 0 && kill(p, sig) == 0 ? WaitExit(p) : -1000;
     }
-    // mixerctl with request: its exit status, and what it printed in *said.
-    int Ctl(const std::string& request, std::string* said = nullptr) {
-        const int status = WaitExit(Spawn(MIXERCTL_PATH " --socket " + sock + " " + request, dir.File("ctl.txt")));
-        if (said) *said = Slurp(dir.File("ctl.txt"));
-        return status;
+    int Ctl(const std::string& request) {  // mixerctl: its exit status
+        const int status = WaitExit(Spawn(MIXERCTL_PATH " " + request, dir.File("ctl")));
+        return said = Slurp(dir.File("ctl")), status;
     }
 };
 
@@ -121,38 +112,23 @@ inline bool WriteSine(const std::string& path, int rate, int channels, double fr
     }
     return f && sf_writef_short(f, s.data(), static_cast<sf_count_t>(n)) == sf_count_t(n) && sf_close(f) == 0;
 }
-// A WAV file's samples (interleaved); info: its rate and channel count.
+// A WAV file's samples (interleaved); info (zeroed by the caller): its rate and channels.
 inline std::vector<int16_t> ReadWav(const std::string& path, SF_INFO& info) {
-    info = SF_INFO();
     SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
     std::vector<int16_t> s(f ? static_cast<size_t>(info.frames * info.channels) : 0);
-    if (f) sf_readf_short(f, s.data(), info.frames), sf_close(f);
-    return s;
+    if (f && sf_readf_short(f, s.data(), info.frames) != info.frames) s.clear();
+    return f && sf_close(f) == 0 ? s : std::vector<int16_t>();
 }
-// The amplitude of the tone at freq in each 20-ms window of the first of two channels at
-// 48 kHz (Goertzel).
+// The amplitude of the tone at freq in each 20-ms window of the left of 48-kHz stereo.
 inline std::vector<double> Tone(const std::vector<int16_t>& s, double freq) {
     const double k = 2 * std::cos(2 * M_PI * freq / 48000);
     std::vector<double> a(s.size() / 2 / 960);
     for (size_t i = 0; i < a.size(); ++i) {
-        double s1 = 0, s2 = 0;
+        double s1 = 0, s2 = 0;  // Goertzel
         for (size_t j = i * 960; j < (i + 1) * 960; ++j) s2 = std::exchange(s1, s[2 * j] + k * s1 - s2);
         a[i] = 2 * std::sqrt(std::max(s1 * s1 + s2 * s2 - k * s1 * s2, 0.0)) / 960;
     }
     return a;
-}
-// The first and last window above threshold (first == a.size() when none is), and the
-// median of the windows in [from, to).
-inline std::pair<size_t, size_t> LoudSpan(const std::vector<double>& a, double threshold) {
-    std::pair<size_t, size_t> span(a.size(), 0);
-    for (size_t i = 0; i < a.size(); ++i)
-        if (a[i] > threshold) span = {std::min(span.first, i), i};
-    return span;
-}
-inline double Median(const std::vector<double>& a, size_t from, size_t to) {
-    std::vector<double> v(a.begin() + from, a.begin() + to);
-    std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
-    return v[v.size() / 2];
 }
 
 }  // namespace test
