@@ -37,7 +37,6 @@ bool Eventually(Pred pred, int limitMs = 30000) {
     }
     return true;
 }
-
 // Runs the command line cmd (through sh, which execs it) with its output in outFile.
 inline pid_t Spawn(const std::string& cmd, const std::string& outFile) {
     const std::string line = "exec " + cmd + " </dev/null >" + outFile + " 2>&1";
@@ -47,16 +46,13 @@ inline pid_t Spawn(const std::string& cmd, const std::string& outFile) {
 }
 // The exit status, minus the signal that ended it, or -1000 (killed) after limitMs.
 inline int WaitExit(pid_t pid, int limitMs = 60000) {
-    int status = 0;
-    pid_t got = 0;
+    int status = 0, got = 0;
     if (!Eventually([&] { return (got = waitpid(pid, &status, WNOHANG)) != 0; }, limitMs))
         kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
     return got != pid ? -1000 : WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
-
 inline std::string Slurp(const std::string& path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), {}};
+    return {std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {}};
 }
 inline bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 // The names in a directory (none when there is none) that start with prefix.
@@ -68,32 +64,25 @@ inline std::set<std::string> DirNames(const std::string& path, const std::string
     return names;
 }
 
-// mixerd with the WAV output and the tone microphone; its log and output in a fresh
-// directory, its socket and status file in /run. Only in the CTest wrapper's private
-// mount namespace (empty /run and /dev/shm); ready: it said so on --ready-fd.
+// mixerd with the WAV output and the tone microphone (only in the CTest wrapper's private
+// /run and /dev/shm); ready: it said so on --ready-fd.
 struct Mixerd {
     TempDir dir;
     const std::string out = dir.File("out.wav"), log = dir.File("mixerd.log"), sock = "/run/mixerd.sock";
     pid_t pid = -1;
     bool ready = false;
     std::string said;  // what the last mixerctl printed
-
     Mixerd() {
-        int fds[2];
-        if (!getenv("MIXER_PRIVATE_RUN") || pipe2(fds, O_CLOEXEC) != 0) return;
-        fcntl(fds[1], F_SETFD, 0);  // only the write end goes to the daemon
+        int fds[2];  // the daemon gets only the write end
+        if (!getenv("MIXER_PRIVATE_RUN") || pipe2(fds, O_CLOEXEC) != 0 || fcntl(fds[1], F_SETFD, 0) != 0) return;
         pid = Spawn(MIXERD_PATH " --output wav --mic tone --log-stderr --log-mask EWI --out-file " + out +
                         " --ready-fd " + std::to_string(fds[1]), log);
-        close(fds[1]);
         char word[8] = {0};
-        ready = pid > 0 && read(fds[0], word, sizeof(word) - 1) > 0 && std::string(word) == "ready\n";
+        ready = close(fds[1]) == 0 && pid > 0 && read(fds[0], word, 7) > 0 && std::string(word) == "ready\n";
         close(fds[0]);
     }
     ~Mixerd() { Stop(SIGKILL); }
-    int Stop(int sig = SIGTERM) {
-        const pid_t p = std::exchange(pid, -1);
-        return p > 0 && kill(p, sig) == 0 ? WaitExit(p) : -1000;
-    }
+    int Stop(int sig = SIGTERM) { return pid > 0 && kill(pid, sig) == 0 ? WaitExit(std::exchange(pid, -1)) : -1000; }
     int Ctl(const std::string& request) {  // mixerctl: its exit status
         const int status = WaitExit(Spawn(MIXERCTL_PATH " " + request, dir.File("ctl")));
         return said = Slurp(dir.File("ctl")), status;
@@ -116,8 +105,8 @@ inline bool WriteSine(const std::string& path, int rate, int channels, double fr
 inline std::vector<int16_t> ReadWav(const std::string& path, SF_INFO& info) {
     SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
     std::vector<int16_t> s(f ? static_cast<size_t>(info.frames * info.channels) : 0);
-    if (f && sf_readf_short(f, s.data(), info.frames) != info.frames) s.clear();
-    return f && sf_close(f) == 0 ? s : std::vector<int16_t>();
+    if (f) s.resize(static_cast<size_t>(sf_readf_short(f, s.data(), info.frames) * info.channels)), sf_close(f);
+    return s;
 }
 // The amplitude of the tone at freq in each 20-ms window of the left of 48-kHz stereo.
 inline std::vector<double> Tone(const std::vector<int16_t>& s, double freq) {
