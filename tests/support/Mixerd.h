@@ -47,6 +47,7 @@ inline pid_t Spawn(const std::string& cmd, const std::string& outFile) {
 // The exit status, minus the signal that ended it, or -1000 (killed) after limitMs.
 inline int WaitExit(pid_t pid, int limitMs = 60000) {
     int status = 0, got = 0;
+    if (pid <= 0) return -1000;  // waitpid would take any child
     if (!Eventually([&] { return (got = waitpid(pid, &status, WNOHANG)) != 0; }, limitMs))
         kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
     return got != pid ? -1000 : WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
