@@ -59,23 +59,6 @@ TEST(AlgoRampGainTest, TablesFollowTheirLaws) {
                   p == 0 ? 0 : p <= 17 ? 38 + 2 * p : p <= 34 ? 39 + 2 * p : p == 35 ? 110 : 75 + p) << p;
 }
 
-TEST(AlgoRampGainTest, StartsAtUnityAndBypassLeavesFramesAndRateAlone) {
-    test::LogCapture log;
-    AlgoRampGain g;
-    EXPECT_EQ(State(g), "127/0/0/0");
-    EXPECT_EQ(g.id, ALGO_ID_RAMP_GAIN);
-    EXPECT_EQ(g.GetLatencyUs(), 0u);
-    EXPECT_FALSE(g.Process(FramePtr()));
-    EXPECT_FALSE(g.bypass);
-    g.SetVolume(0, kNoRef);
-    g.bypass = true;
-    FramePtr f = Frame(2, 1, 8000, 777);
-    EXPECT_EQ(g.Process(f), f);
-    EXPECT_EQ(f->Samples16()[0], 777);
-    EXPECT_EQ(g.sampleRate, 48000u);
-    EXPECT_EQ(log.Count(L("W Process:Bypassed:")), 1);
-}
-
 // An immediate change, then one frame of each width through it: the row reached, every
 // sample against the rule (16 bits clamped, rails included; 32 bits keep the low 32 bits)
 // and the lines logged, each once.
@@ -123,6 +106,7 @@ INSTANTIATE_TEST_SUITE_P(Table, AlgoRampGainVolumeTest, ::testing::Values(
 TEST(AlgoRampGainTest, RampsInStepsOfThirtyTwoSamplesAtTheLastFramesRate) {
     test::LogCapture log;
     AlgoRampGain g, h;
+    EXPECT_EQ(State(g), "127/0/0/0");
     g.SetRamp(30, 31, 0, kNoRef);  // shorter than one step: immediate
     EXPECT_EQ(State(g), "99/0/0/0");
     g.SetRamp(60, 32, 0, kNoRef);
@@ -156,9 +140,6 @@ TEST(AlgoRampGainTest, DelayWithinAFrameThenStepsFromTheCurrentRow) {
     EXPECT_TRUE(Scaled(f, 200, 264, 1000, 170));  // 175 - 48 / 11, truncated, not rounded
     EXPECT_TRUE(Scaled(f, 840, 960, 1000, 127));  // 11 steps of 64 samples end at 904
     EXPECT_EQ(State(g), "127/0/0/0");
-    for (const char* line : {"D Process:Gain 175 dB:ns 200", "D Process:Ramp -- ns 200 nsr 760:",
-                             "D Process:Ramp 10 170:", "D Process:Ramp ns 264 nsr 696:", "D Process:Ramp done 127:"})
-        EXPECT_EQ(log.Count(L(line)), 1) << line << "\n" << log.Dump();
     g.SetRamp(6, 64, 0, 100);  // 50 + 127 - 175: row 2, in 3 steps from the row in force
     EXPECT_FLOAT_EQ(g.indexAcc, 127.0f);
     EXPECT_FLOAT_EQ(g.step, -125.0f / 3.0f);
@@ -166,7 +147,8 @@ TEST(AlgoRampGainTest, DelayWithinAFrameThenStepsFromTheCurrentRow) {
     EXPECT_EQ(State(g), "1/0/0/0");  // the float sum lands just under 2 and stays there
 }
 
-TEST(AlgoRampGainTest, DelayCarriesOverFramesAndOutlivesAnImmediateChange) {
+TEST(AlgoRampGainTest, DelayCarriesOverFramesAndOutlivesAnImmediateChangeUnlessBypassed) {
+    test::LogCapture log;
     AlgoRampGain g;
     g.SetRamp(0, 320, 600, kNoRef);
     FramePtr f = Frame16(1000);
@@ -180,6 +162,10 @@ TEST(AlgoRampGainTest, DelayCarriesOverFramesAndOutlivesAnImmediateChange) {
     EXPECT_TRUE(Scaled(f, 240, 960, 1000, 127));
     g.Process(f = Frame16(1000));
     EXPECT_TRUE(Scaled(f, 0, 960, 1000, 175));
+    g.bypass = true;
+    EXPECT_EQ(g.Process(f = Frame16(1000)), f);
+    EXPECT_TRUE(Scaled(f, 0, 960, 1000, 127));
+    EXPECT_EQ(log.Lines().back(), L("W Process:Bypassed:"));
 }
 
 TEST(AlgoRampGainTest, ApplyGainObeysItsCountAndRefusesBadRows) {
@@ -192,21 +178,6 @@ TEST(AlgoRampGainTest, ApplyGainObeysItsCountAndRefusesBadRows) {
     AlgoRampGain::ApplyGain(w, 175, 1);
     EXPECT_EQ(std::vector<int>({s[0], s[1], w[0], w[1]}), std::vector<int>({32767, 3000, -47547, -3000}));
     EXPECT_EQ(log.CountPrefix(L("E ApplyGain:Bad index ")), 5) << log.Dump();
-}
-
-TEST(AlgoSumTest, SaturatingSumsWithStickyRails) {
-    const int sat[][2] = {{32768, 32767}, {32767, 32767}, {-32768, -32768}, {-32769, -32768},
-                          {INT_MAX, 32767}, {INT_MIN, -32768}, {-5, -5}};
-    for (const auto& c : sat) EXPECT_EQ(Algo::saturate16(c[0]), c[1]) << c[0];
-    // a, b, a + b saturated: a rail stays whatever is added, and a 32-bit addend wraps
-    // before the clamp. Addends that fit 16 bits go through both forms.
-    const int sum[][3] = {{32767, -1000, 32767}, {-32768, 5, -32768}, {32766, 1, 32767}, {-32767, -1, -32768},
-                          {30000, 10000, 32767}, {32766, -32768, -2}, {0, 100000, 32767}, {32767, -100000, 32767},
-                          {-5, -100000, -32768}, {1, INT_MAX, -32768}, {-1, INT_MIN, 32767}};
-    for (const auto& c : sum) {
-        EXPECT_EQ(Algo::sumSat16(short(c[0]), c[1]), c[2]) << c[0] << " + " << c[1];
-        EXPECT_TRUE(c[1] != short(c[1]) || Algo::sumSat16(short(c[0]), short(c[1])) == c[2]) << c[0] << " + " << c[1];
-    }
 }
 
 TEST(AlgoSumTest, AddFramesByWidthIntoTheLastSampleAndJoinsTraces) {
@@ -237,28 +208,13 @@ TEST(AlgoSumTest, AddFramesByWidthIntoTheLastSampleAndJoinsTraces) {
     }
 }
 
-TEST(AlgoSumTest, AddFramesComparesLengthsAndChannelsOnly) {
-    // Rates are not compared (44100 and 44101 Hz both give 882 samples per channel); an
-    // empty frame still joins its trace; a one-byte frame is summed as 16-bit samples as
-    // far as its buffer holds them (the sanitizer build sees an overrun).
-    struct Case { unsigned dSize, dCh, dRate, sSize, sCh, sRate; int rc; Lines warning; };
-    const Case cases[] = {
-        {2, 2, 48000, 2, 2, 16000, -1, {"W Mixer_Algo:AddFrames:Frame len mismatch 960 != 320:"}},
-        {2, 2, 96000, 2, 1, 96000, -1, {"W Mixer_Algo:AddFrames:numCh mismatch 2 != 1:"}},
-        {2, 2, 44100, 2, 2, 44101, 0, {}}, {2, 2, 10, 2, 2, 10, 0, {}}, {1, 1, 48000, 1, 1, 48000, 0, {}},
-    };
-    for (const Case& c : cases) {
-        test::LogCapture log;
-        FramePtr d = Frame(c.dSize, c.dCh, c.dRate), s = Frame(c.sSize, c.sCh, c.sRate);
-        const int last = static_cast<int>(std::min(d->len * d->numCh, d->size / 2)) - 1;
-        if (last >= 0) s->Samples16()[std::min<int>(last, s->size / 2 - 1)] = 9;
-        std::strcpy(d->bufId, "A");
-        std::strcpy(s->bufId, "B");
-        EXPECT_EQ(Algo::AddFrames(d, s), c.rc) << c.dRate;
-        EXPECT_TRUE(last < 0 || d->Samples16()[last] == (c.rc == 0 ? 9 : 0)) << c.dRate;
-        EXPECT_STREQ(d->bufId, c.rc == 0 ? "A B" : "A");
-        EXPECT_EQ(log.Lines(), c.warning);
-    }
+TEST(AlgoSumTest, AddFramesRefusesOtherLengthsOrChannelCounts) {
+    test::LogCapture log;
+    EXPECT_EQ(Algo::AddFrames(Frame(2, 2, 48000), Frame(2, 2, 16000)), -1);
+    EXPECT_EQ(Algo::AddFrames(Frame(2, 2, 96000), Frame(2, 1, 96000)), -1);
+    EXPECT_EQ(Algo::AddFrames(Frame(2, 2, 44100), Frame(2, 2, 44101)), 0);  // 882 samples each: rates are not compared
+    EXPECT_EQ(log.Lines(), Lines({"W Mixer_Algo:AddFrames:Frame len mismatch 960 != 320:",
+                                  "W Mixer_Algo:AddFrames:numCh mismatch 2 != 1:"}));
 }
 
 // Random samples that often sit at or next to the rails, so that sums overflow and the
@@ -306,7 +262,6 @@ struct KernelCase {
     bool (*same)(std::mt19937&, size_t, uint32_t);
     std::vector<uint32_t> gains;  // one round of every length per gain
 };
-void PrintTo(const KernelCase& c, std::ostream* os) { *os << c.name; }
 class MixKernelsTest : public ::testing::TestWithParam<KernelCase> {};
 
 TEST_P(MixKernelsTest, FastPathEqualsTheScalarReference) {
@@ -327,21 +282,10 @@ INSTANTIATE_TEST_SUITE_P(Kernels, MixKernelsTest, ::testing::Values(
     KernelCase{"ApplyGain32", Same<int32_t, uint32_t, ApplyGain32, ApplyGain32Scalar>, Gains(true)}),
     [](const ::testing::TestParamInfo<KernelCase>& p) { return std::string(p.param.name); });
 
-TEST(SimdPathTest, NamesTheBuildsPath) {
-#if defined(MIXER_PORTABLE_KERNELS) || !(defined(__SSE2__) || defined(MIXER_HAVE_NEON))
-    EXPECT_STREQ(SimdPath(), "portable");
-#elif defined(__SSE2__)
-    EXPECT_STREQ(SimdPath(), "sse2");
-#else
-    EXPECT_STREQ(SimdPath(), "neon");
-#endif
-}
-
 TEST(AlgoResampleTest, BadParametersLeaveAnInertResampler) {
     for (const auto& p : {std::vector<unsigned>{0, 48000, 16000}, {2, 0, 16000}, {2, 48000, 0}}) {
         test::LogCapture log;
         AlgoResample r(p[0], p[1], p[2]);
-        EXPECT_EQ(r.id, ALGO_ID_RESAMPLE);
         FramePtr f = Frame(2, 2, 48000);
         EXPECT_EQ(r.Process(f), f);
         EXPECT_EQ(r.GetLatencyUs(), 0u);
@@ -359,7 +303,6 @@ TEST(AlgoResampleTest, ChannelsKeepTheirLevelsInNewFramesOfTheOutputRate) {
         for (uint32_t k = 0; k < 2 * a->len; ++k) a->Samples16()[k] = k % 2 ? -5000 : 10000;
         std::strcpy(a->bufId, "7 8 9");
         FramePtr b = down.Process(a), c = up.Process(b);
-        ASSERT_NE(b, a);
         EXPECT_EQ(std::vector<unsigned>({b->len, b->rate, b->numCh, b->sampleSize, b->lenMs, c->len, c->rate}),
                   std::vector<unsigned>({320, 16000, 2, 2, 20, 960, 48000}));
         EXPECT_STREQ(c->bufId, "7 8 9");
@@ -368,7 +311,6 @@ TEST(AlgoResampleTest, ChannelsKeepTheirLevelsInNewFramesOfTheOutputRate) {
             ASSERT_NEAR(c->Samples16()[k], k % 2 ? -5000 : 10000, 50) << k;
         }
     }
-    EXPECT_EQ(log.CountPrefix("I Mixer_AlgoResample:Constructor:ResamplerReady:48000 to 16000"), 1);
     EXPECT_EQ(log.CountPrefix("D Mixer_AlgoResample:Process:In 960 960 Out 320 "), 5) << log.Dump();
     // What it cannot convert passes unchanged: 32-bit frames, and everything when bypassed.
     log.Clear();
@@ -378,8 +320,6 @@ TEST(AlgoResampleTest, ChannelsKeepTheirLevelsInNewFramesOfTheOutputRate) {
     down.bypass = true;
     EXPECT_EQ(down.Process(f), f);
     EXPECT_EQ(down.GetLatencyUs(), 0u);
-    EXPECT_FALSE(down.Process(FramePtr()));
-    EXPECT_EQ(log.Lines().size(), 1u) << log.Dump();
 }
 
 TEST(AlgoResampleTest, LatencyInMicrosecondsOfTheInputRate) {
