@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "mixer/core/Log.h"
 #include "nexo.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogCapture.h"
@@ -28,8 +27,8 @@ int OnEvent(sd_bus_message* m, void* seen, sd_bus_error*) {
 }
 
 // A private session bus daemon (a program of this machine, also under an emulator) and a
-// listener for the stand-in's events on it; then the bus goes away under an open handle.
-TEST(NexoSendStringEventTest, EventsFromAnotherProcessArriveAsSentAndWithoutABusOneErrorLineSaysSo) {
+// listener for the stand-in's events on it; then the bus goes away under the open handle.
+TEST(NexoSendStringEventTest, EventsArriveAsSentAndWithoutABusOneErrorLineSaysSo) {
     int out[2];
     ASSERT_EQ(pipe(out), 0);
     std::optional<test::ChildProcess> daemon(std::in_place, [&] {
@@ -51,37 +50,25 @@ TEST(NexoSendStringEventTest, EventsFromAnotherProcessArriveAsSentAndWithoutABus
     // Synchronous: the daemon has the match before anything is sent.
     ASSERT_GE(sd_bus_match_signal(bus, nullptr, nullptr, NEXO_OBJECT_PATH, NEXO_INTERFACE, NEXO_MEMBER, OnEvent, &seen), 0);
 
-    test::ChildProcess sender([] {
-        NexoHandleStruct* h = NexoOpen(NEXO_BUS_DEFAULT);
-        CHILD_CHECK(h != nullptr);
-        CHILD_CHECK(NexoCreateAndSendEventWithParameters(h, "volume", "vol=%d type=%s", 52, "music") == 0);
-        CHILD_CHECK(nexo::NexoSendStringEvent(h, "mixer.focus", "stream %d got %s 100%") == 0);  // not a format
-        CHILD_CHECK(nexo::NexoSendStringEvent(h, "empty", nullptr) == 0);
-        NexoClose(h);
-        return 0;
-    });
-    ASSERT_EQ(sender.Wait(), 0);
+    NexoHandleStruct* h = NexoOpen(NEXO_BUS_DEFAULT);  // the session bus, as its address is set
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(NexoCreateAndSendEventWithParameters(h, "volume", "vol=%d type=%s", 52, "music"), 0);
+    EXPECT_EQ(nexo::NexoSendStringEvent(h, "mixer.focus", "stream %d got %s 100%"), 0);  // not a format
+    EXPECT_EQ(nexo::NexoSendStringEvent(h, "empty", nullptr), 0);
     for (int rounds = 0; seen.size() < 3 && rounds < 1000; ++rounds)  // each wait at most 100 ms
         if (sd_bus_process(bus, nullptr) == 0) sd_bus_wait(bus, 100 * 1000);
     EXPECT_EQ(seen, (Lines{"volume|vol=52 type=music", "mixer.focus|stream %d got %s 100%", "empty|"}));
 
-    NexoHandleStruct* h = NexoOpen(NEXO_BUS_SESSION);
-    ASSERT_NE(h, nullptr);
     daemon.reset();  // killed and reaped
-    {
-        test::LogCapture log;
-        EXPECT_EQ(nexo::NexoSendStringEvent(h, "mixer.state", "vol %d"), 1);  // whatever the bus's own code
-        EXPECT_EQ(nexo::NexoSendStringEvent(nullptr, "ev", nullptr), 1);
-        EXPECT_EQ(log.Lines(), (Lines{"E def:MixerNexo:Failed to send string event:event = mixer.state, param = vol %d",
-                                      "E def:MixerNexo:Failed to send string event:event = ev, param = "}));
-    }
+    test::LogCapture log;
+    EXPECT_EQ(nexo::NexoSendStringEvent(h, "mixer.state", "vol %d"), 1);  // whatever the bus's own code
+    EXPECT_EQ(nexo::NexoSendStringEvent(nullptr, "ev", nullptr), 1);
+    EXPECT_EQ(log.Lines(), (Lines{"E def:MixerNexo:Failed to send string event:event = mixer.state, param = vol %d",
+                                  "E def:MixerNexo:Failed to send string event:event = ev, param = "}));
     NexoClose(h);
     setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/mixer-test-bus", 1);
     EXPECT_EQ(NexoOpen(NEXO_BUS_DEFAULT), nullptr);
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
-    test::LogCapture quiet(~static_cast<uint32_t>(Log::kError));  // the line follows the error bit
-    EXPECT_EQ(nexo::NexoSendStringEvent(nullptr, "ev", "p"), 1);
-    EXPECT_TRUE(quiet.Lines().empty());
 }
 
 }  // namespace

@@ -102,23 +102,4 @@ TEST(ShmQTest, MinimumMakesReadsAllOrNothingAndFullQueuesTakeWhatFits) {
     ShmQClose(w);
 }
 
-TEST(ShmbufTest, ReadStartKeepsTheNewestAndReadsHonourTheirMinimumAndTimeOut) {
-    ShmName name;
-    ShmbufHandle* w = ShmbufCreate(name.c_str(), 4, 4);
-    ShmbufHandle* r = ShmbufOpen(name.c_str(), 0);
-    ASSERT_NE(r, nullptr);
-    char buf[21] = {};
-    // In order: full after four; m0 and m1 skipped; two waiting, three wanted at least;
-    // the two within 20 ms.
-    EXPECT_EQ(std::vector<int>({ShmbufGetMsgSize(r), ShmbufWrite(w, "m0__m1__m2__m3__m4__", 5, 0), ShmbufReadStart(r, 2),
-                                ShmbufRead(r, buf, 4, 3), ShmbufReadWait(r, buf, 5, 20)}),
-              std::vector<int>({4, 4, 2, 0, 2}));
-    EXPECT_STREQ(buf, "m2__m3__");
-    EXPECT_EQ(ShmbufHangUp(w), 0);
-    EXPECT_EQ(ShmbufWrite(w, "m5__", 1, 0), -1);
-    EXPECT_EQ(errno, EPIPE);
-    ShmbufClose(r);
-    ShmbufClose(w);
-}
-
 }  // namespace
