@@ -18,43 +18,10 @@ using mixer::test::ShmName;
 // A writer process sends total units (bytes, or messages of unit bytes) in chunks of
 // varying size, at times more than fits, and hangs up by closing; this process reads in
 // varying sizes and checks every byte: in order, none lost, none repeated.
-struct Channel {
-    const char* name;
-    uint32_t unit, total, capacity, maxChunk, maxRead;
-    void* (*create)(const char* name, uint32_t unit, uint32_t capacity);
-    int32_t (*write)(void* w, const void* src, uint32_t count);  // without time limit
-    void (*close)(void* h);
-    void* (*open)(const char* name);
-    int32_t (*read)(void* r, void* dst, uint32_t count);  // -1 once hung up and drained
-};
-const Channel kChannels[] = {
-    // An odd capacity, so that copies wrap at every offset. The queue is polled, never
-    // waited on, as the mixer does.
-    {"ShmQ", 1, 300000, 4099, 4999, 2999,
-     [](const char* n, uint32_t, uint32_t cap) -> void* { return ShmQCreate(n, cap); },
-     [](void* w, const void* src, uint32_t count) { return ShmQWrite(static_cast<ShmQHandle*>(w), src, count, SHMQ_WAIT_FOREVER); },
-     [](void* h) { ShmQClose(static_cast<ShmQHandle*>(h)); },
-     [](const char* n) -> void* { return ShmQOpen(n); },
-     [](void* h, void* dst, uint32_t count) {
-         ShmQHandle* r = static_cast<ShmQHandle*>(h);
-         const int32_t n = ShmQRead(r, dst, count, 0);
-         if (n == 0 && ShmQIsHungUp(r) && ShmQDataAvail(r) == 0) return -1;
-         if (n == 0) sched_yield();
-         return n;
-     }},
-    // Waited on without limit: only the writer's hang-up ends a wait short.
-    {"Shmbuf", 12, 20000, 37, 50, 40,
-     [](const char* n, uint32_t unit, uint32_t cap) -> void* { return ShmbufCreate(n, unit, cap); },
-     [](void* w, const void* src, uint32_t count) { return ShmbufWrite(static_cast<ShmbufHandle*>(w), src, count, SHMBUF_WAIT_FOREVER); },
-     [](void* h) { ShmbufClose(static_cast<ShmbufHandle*>(h)); },
-     [](const char* n) -> void* { return ShmbufOpen(n, 0); },
-     [](void* h, void* dst, uint32_t count) {
-         const int32_t n = ShmbufReadWait(static_cast<ShmbufHandle*>(h), dst, count, SHMBUF_WAIT_FOREVER);
-         return n == 0 ? -1 : n;
-     }},
-};
-
+struct Channel { const char* name; bool queue; uint32_t unit, total, capacity, maxChunk, maxRead; };
 void PrintTo(const Channel& c, std::ostream* os) { *os << c.name; }
+// An odd queue capacity, so that copies wrap at every offset.
+const Channel kChannels[] = {{"ShmQ", true, 1, 300000, 4099, 4999, 2999}, {"Shmbuf", false, 12, 20000, 37, 50, 40}};
 uint8_t StreamByte(uint32_t i) { return static_cast<uint8_t>(i * 131u + (i >> 8)); }
 
 class ShmStreamTest : public ::testing::TestWithParam<Channel> {};
@@ -64,38 +31,49 @@ TEST_P(ShmStreamTest, UnitsCrossProcessesInOrderNoneLostNoneRepeatedThenHangUp) 
     ShmName name("stream");
     mixer::test::Pipe created, opened;
     ChildProcess writer([&] {
-        void* w = c.create(name.c_str() + 1, c.unit, c.capacity);  // the name without '/'
-        created.Post(w != nullptr);
-        if (w == nullptr || !opened.Wait()) return 2;
+        const char* bare = name.c_str() + 1;  // the name without '/'
+        ShmQHandle* q = c.queue ? ShmQCreate(bare, c.capacity) : nullptr;
+        ShmbufHandle* b = c.queue ? nullptr : ShmbufCreate(bare, c.unit, c.capacity);
+        created.Post(q || b);
+        if (!(q || b) || !opened.Wait()) return 2;
         std::vector<uint8_t> chunk(c.unit * c.maxChunk);
         for (uint32_t sent = 0, step = 1; sent < c.total; sent += step) {
             step = std::min(step * 7 % c.maxChunk + 1, c.total - sent);
             for (uint32_t i = 0; i < step * c.unit; ++i) chunk[i] = StreamByte(sent * c.unit + i);
-            if (c.write(w, chunk.data(), step) != int32_t(step)) return 3;
+            if ((q ? ShmQWrite(q, chunk.data(), step, SHMQ_WAIT_FOREVER)
+                   : ShmbufWrite(b, chunk.data(), step, SHMBUF_WAIT_FOREVER)) != int32_t(step))
+                return 3;
         }
-        c.close(w);
+        c.queue ? ShmQClose(q) : ShmbufClose(b);
         return 0;
     });
     int ok = 0;
     ASSERT_TRUE(created.Wait(&ok) && ok);
-    void* r = c.open(name.c_str());
-    ASSERT_NE(r, nullptr);
-    EXPECT_EQ(c.open(name.c_str()), nullptr);  // one reader at a time
+    ShmQHandle* q = c.queue ? ShmQOpen(name.c_str()) : nullptr;
+    ShmbufHandle* b = c.queue ? nullptr : ShmbufOpen(name.c_str(), 0);
+    ASSERT_TRUE(q || b);
+    EXPECT_TRUE(c.queue ? !ShmQOpen(name.c_str()) : !ShmbufOpen(name.c_str(), 0));  // one reader at a time
     EXPECT_EQ(errno, EBUSY);
     opened.Post();
     std::vector<uint8_t> buf(c.unit * c.maxRead);
     uint32_t got = 0;
     for (uint32_t want = 1;;) {
         want = want * 5 % c.maxRead + 1;  // at times more than the buffer holds
-        const int32_t n = c.read(r, buf.data(), want);
-        if (n < 0) break;
+        int32_t n;
+        if (q) {  // the queue is polled, never waited on, as the mixer does
+            n = ShmQRead(q, buf.data(), want, 0);
+            if (n == 0 && ShmQIsHungUp(q) && ShmQDataAvail(q) == 0) break;
+            if (n == 0) sched_yield();
+        } else if ((n = ShmbufReadWait(b, buf.data(), want, SHMBUF_WAIT_FOREVER)) == 0) {
+            break;  // waited on without limit: only the writer's hang-up ends a wait short
+        }
         for (uint32_t i = 0; i < n * c.unit; ++i) ASSERT_EQ(buf[i], StreamByte(got * c.unit + i)) << got;
         got += n;
     }
     EXPECT_EQ(got, c.total);
     EXPECT_EQ(writer.Wait(), 0);
     EXPECT_FALSE(name.Exists());  // the writer's close removed the name
-    c.close(r);
+    c.queue ? ShmQClose(q) : ShmbufClose(b);
 }
 
 INSTANTIATE_TEST_SUITE_P(Stand, ShmStreamTest, ::testing::ValuesIn(kChannels),
@@ -122,25 +100,6 @@ TEST(ShmQTest, MinimumMakesReadsAllOrNothingAndFullQueuesTakeWhatFits) {
     EXPECT_EQ(errno, EPIPE);
     ShmQClose(r);
     ShmQClose(w);
-}
-
-TEST(ShmbufTest, ReadStartKeepsTheNewestAndReadsHonourTheirMinimumAndTimeOut) {
-    ShmName name;
-    ShmbufHandle* w = ShmbufCreate(name.c_str(), 4, 4);
-    ShmbufHandle* r = ShmbufOpen(name.c_str(), 0);
-    ASSERT_NE(r, nullptr);
-    char buf[21] = {};
-    // In order: full after four; m0 and m1 skipped; two waiting, three wanted at least;
-    // the two within 20 ms.
-    EXPECT_EQ(std::vector<int>({ShmbufGetMsgSize(r), ShmbufWrite(w, "m0__m1__m2__m3__m4__", 5, 0), ShmbufReadStart(r, 2),
-                                ShmbufRead(r, buf, 4, 3), ShmbufReadWait(r, buf, 5, 20)}),
-              std::vector<int>({4, 4, 2, 0, 2}));
-    EXPECT_STREQ(buf, "m2__m3__");
-    EXPECT_EQ(ShmbufHangUp(w), 0);
-    EXPECT_EQ(ShmbufWrite(w, "m5__", 1, 0), -1);
-    EXPECT_EQ(errno, EPIPE);
-    ShmbufClose(r);
-    ShmbufClose(w);
 }
 
 }  // namespace
