@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-
 #include <unistd.h>
 
 #include <sstream>
@@ -9,7 +7,6 @@
 
 #include "host/ClientWatcher.h"
 #include "host/DaemonOptions.h"
-#include "host/ShutdownSignals.h"
 #include "host/StreamQueueName.h"
 #include "tests/support/ChildProcess.h"
 
@@ -30,16 +27,15 @@ std::string Dump(const DaemonOptions& o) {
 }
 
 TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
-    const auto kRun = DaemonOptions::kRun, kError = DaemonOptions::kError, kHelp = DaemonOptions::kHelp,
-               kVersion = DaemonOptions::kVersion;
-    const std::string run = "|/run/mixerd.sock|/run/mixerd.status|";
+    const auto kRun = DaemonOptions::kRun, kError = DaemonOptions::kError;
+    const std::string plain = "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40|/run/mixerd.sock|/run/mixerd.status|";
     struct Case {
         std::vector<std::string> args;
         DaemonOptions::Result result;
         std::string text;  // the options taken (kRun) or the error
     };
     std::vector<Case> cases = {
-        {{}, kRun, "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run + "0:0|0|-1|0"},
+        {{}, kRun, plain + "0:0|0|-1|0"}, {{"--log-mask", "0x20"}, kRun, plain + "1:20|0|-1|0"},
         {{"--output", "wav", "--out-file", "/o.wav", "--mic=wav", "--mic-file", "m.wav", "--rate", "8000", "--channels",
           "8", "--device-rate", "16000", "--mic-rate", "8000", "--mic-channels", "1", "--volume", "0", "--socket", "/s",
           "--status-file", "/st", "--log-mask", "EWIDP", "--log-stderr", "--ready-fd", "3", "--mic-off", "--device",
@@ -47,24 +43,23 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
          kRun, "wav|hw:1,0|/o.wav|wav|hw:2|m.wav|8000|8|16000|8000|1|0|/s|/st|1:3808020|1|3|1"},
         {{"--rate=96000", "--device-rate", "8000", "--mic-rate", "96000", "--mic-channels", "8", "--volume", "100",
           "--ready-fd", "1023", "--log-mask", "4294967295", "--mic", "tone"},
-         kRun, "alsa|default|out.wav|tone|default||96000|2|8000|96000|8|100" + run + "1:ffffffff|0|1023|0"},
-        {{"--log-mask", "0x20"}, kRun, "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run + "1:20|0|-1|0"},
-        {{"--help"}, kHelp, ""}, {{"-h"}, kHelp, ""}, {{"-V"}, kVersion, ""}, {{"--version"}, kVersion, ""},
+         kRun, "alsa|default|out.wav|tone|default||96000|2|8000|96000|8|100|/run/mixerd.sock|/run/mixerd.status|"
+               "1:ffffffff|0|1023|0"},
+        {{"--help"}, DaemonOptions::kHelp, ""}, {{"-V"}, DaemonOptions::kVersion, ""},
         {{"--frobnicate"}, kError, "unknown option --frobnicate (see --help)"},
         {{"--socket"}, kError, "option --socket needs a value"},
         {{"stray"}, kError, "unexpected argument 'stray' (see --help)"},
         {{"--mic", "wav"}, kError, "--mic wav needs --mic-file"},
     };
-    // Values out of range or of the wrong form.
-    for (const auto& b : std::vector<std::pair<std::string, std::string>>{
-             {"volume", "101"}, {"rate", "-48000"}, {"rate", "+8000"}, {"rate", "7999"}, {"rate", "96001"},
-             {"rate", "48000x"}, {"device-rate", "7999"}, {"mic-rate", "96001"}, {"channels", "0"}, {"channels", "9"},
-             {"mic-channels", "9"}, {"output", "speaker"}, {"mic", "line"}, {"ready-fd", "2"}, {"ready-fd", "1024"},
-             {"log-mask", "EWX"}, {"log-mask", "ew"}, {"log-mask", "12ab"}, {"log-mask", "0x100000000"},
-             {"log-mask", ""}, {"socket", ""}, {"status-file", ""}, {"device", ""}, {"out-file", ""},
-             {"mic-device", ""}, {"mic-file", ""}})
-        cases.push_back(
-            {{"--" + b.first, b.second}, kError, "bad value '" + b.second + "' for --" + b.first + " (see --help)"});
+    // Values out of range or of the wrong form, as option=value.
+    std::istringstream bad("volume=101 rate=+8000 rate=7999 rate=96001 rate=48000x device-rate=7999 mic-rate=96001 "
+                           "channels=0 channels=9 mic-channels=9 output=speaker mic=line ready-fd=2 ready-fd=1024 "
+                           "log-mask=EWX log-mask=12ab log-mask=0x100000000 log-mask= socket= status-file= device= "
+                           "out-file= mic-device= mic-file=");
+    for (std::string w; bad >> w;) {
+        const std::string name = "--" + w.substr(0, w.find('=')), value = w.substr(w.find('=') + 1);
+        cases.push_back({{name, value}, kError, "bad value '" + value + "' for " + name + " (see --help)"});
+    }
     for (Case& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.args));
         c.args.insert(c.args.begin(), "mixerd");
@@ -81,19 +76,6 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
     }
     // The client's queue and transport, named as the clients name them.
     EXPECT_EQ(host::StreamQueueName("//micRaw") + host::kTypeDataTrans, "/mixer-micRawdataTrans");
-}
-
-TEST(ShutdownSignalsTest, TermAndIntArriveOnTheDescriptorInsteadOfKilling) {
-    host::ShutdownSignals signals;
-    ASSERT_TRUE(signals.Ok());
-    EXPECT_EQ(signals.Take(), 0);
-    pollfd pfd = {signals.Fd(), POLLIN, 0};
-    for (int sig : {SIGTERM, SIGINT}) {
-        ASSERT_EQ(pthread_kill(pthread_self(), sig), 0);
-        ASSERT_EQ(poll(&pfd, 1, 20000), 1);
-        EXPECT_EQ(signals.Take(), sig);
-    }
-    EXPECT_EQ(signals.Take(), 0);
 }
 
 int Forever() {
