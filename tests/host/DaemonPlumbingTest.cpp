@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
-
 #include <sstream>
 #include <thread>
 
 #include "host/ClientWatcher.h"
 #include "host/DaemonOptions.h"
-#include "host/StreamQueueName.h"
 #include "tests/support/ChildProcess.h"
 
 namespace mixer {
@@ -28,7 +26,8 @@ std::string Dump(const DaemonOptions& o) {
 
 TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
     const auto kRun = DaemonOptions::kRun, kError = DaemonOptions::kError;
-    const std::string plain = "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40|/run/mixerd.sock|/run/mixerd.status|";
+    const std::string run = "|/run/mixerd.sock|/run/mixerd.status|",
+                      plain = "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run;
     struct Case {
         std::vector<std::string> args;
         DaemonOptions::Result result;
@@ -43,8 +42,7 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
          kRun, "wav|hw:1,0|/o.wav|wav|hw:2|m.wav|8000|8|16000|8000|1|0|/s|/st|1:3808020|1|3|1"},
         {{"--rate=96000", "--device-rate", "8000", "--mic-rate", "96000", "--mic-channels", "8", "--volume", "100",
           "--ready-fd", "1023", "--log-mask", "4294967295", "--mic", "tone"},
-         kRun, "alsa|default|out.wav|tone|default||96000|2|8000|96000|8|100|/run/mixerd.sock|/run/mixerd.status|"
-               "1:ffffffff|0|1023|0"},
+         kRun, "alsa|default|out.wav|tone|default||96000|2|8000|96000|8|100" + run + "1:ffffffff|0|1023|0"},
         {{"--help"}, DaemonOptions::kHelp, ""}, {{"-V"}, DaemonOptions::kVersion, ""},
         {{"--frobnicate"}, kError, "unknown option --frobnicate (see --help)"},
         {{"--socket"}, kError, "option --socket needs a value"},
@@ -74,44 +72,34 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
         EXPECT_EQ(c.result == kRun ? Dump(o) : c.result == kError ? error : "", c.text);
         EXPECT_TRUE(c.result == kRun || Dump(o) == before) << Dump(o);
     }
-    // The client's queue and transport, named as the clients name them.
-    EXPECT_EQ(host::StreamQueueName("//micRaw") + host::kTypeDataTrans, "/mixer-micRawdataTrans");
-}
-
-int Forever() {
-    for (;;) pause();
 }
 
 TEST(ClientWatcherTest, ActionsRunOnceAfterTheProcessEndsNeverAfterUnwatchAndUnwatchWaitsForARunningOne) {
     if (!ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: the daemon falls back to the clients' own close";
     ClientWatcher watcher;
     test::Pipe ran, release;
-    test::ChildProcess unwatched(Forever), first(Forever), second(Forever), ended([] { return 0; }), held(Forever);
-    uint64_t idU = 0, id1 = 0, id2 = 0, id = 7;
+    auto forever = []() -> int { for (;;) pause(); };
+    test::ChildProcess unwatched(forever), held(forever), ended([] { return 0; });
+    uint64_t idU = 0, id = 7;
     bool finished = false;  // set on the watcher's thread; read once Unwatch has returned
-    EXPECT_EQ(V({watcher.Watch(unwatched.pid(), [&ran] { ran.Send('u'); }, idU),
-                 watcher.Watch(first.pid(), [&ran] { ran.Send('1'); }, id1),
-                 watcher.Watch(second.pid(), [&ran] { ran.Send('2'); }, id2), int64_t(watcher.Count())}),
-              (V{ClientWatcher::kWatching, ClientWatcher::kWatching, ClientWatcher::kWatching, 3}));
+    auto hold = [&] { ran.Send(), release.Receive(), finished = true; };
+    EXPECT_EQ(V({watcher.Watch(unwatched.pid(), [&ran] { ran.Send('u'); }, idU), watcher.Watch(held.pid(), hold, id),
+                 int64_t(watcher.Count())}), (V{ClientWatcher::kWatching, ClientWatcher::kWatching, 2}));
     watcher.Unwatch(idU);  // then killed first: had its watch been kept, its action would run first
-    for (test::ChildProcess* c : {&unwatched, &first, &second}) EXPECT_EQ(kill(c->pid(), SIGKILL) + c->Wait(), -1);
-    EXPECT_EQ(V({ran.Receive(), ran.Receive(), int64_t(watcher.Count())}), (V{'1', '2', 0}));
-    watcher.Unwatch(id1);  // fired already: nothing
+    for (test::ChildProcess* c : {&unwatched, &held}) EXPECT_EQ(kill(c->pid(), SIGKILL) + c->Wait(), -1);
+    ASSERT_EQ(ran.Receive(), '.');
+    // Unwatch returns only once the running action is done.
+    std::thread releaser([&release] { release.Send(); });
+    watcher.Unwatch(id);
+    EXPECT_TRUE(finished);
+    releaser.join();
+    EXPECT_EQ(watcher.Count(), 0u);
     // An ended (reaped) process and pids that name none are not watched.
     const pid_t gone = ended.pid();
     EXPECT_EQ(ended.Wait(), 0);
     auto none = [] {};
     EXPECT_EQ(V({watcher.Watch(gone, none, id), int64_t(id), watcher.Watch(0, none, id), watcher.Watch(-1, none, id)}),
               (V{ClientWatcher::kGone, 0, ClientWatcher::kUnwatched, ClientWatcher::kUnwatched}));
-    // Unwatch returns only once a running action is done.
-    auto hold = [&] { ran.Send(), release.Receive(), finished = true; };
-    ASSERT_EQ(watcher.Watch(held.pid(), hold, id), ClientWatcher::kWatching);
-    ASSERT_EQ(kill(held.pid(), SIGKILL), 0);
-    ASSERT_EQ(ran.Receive(), '.');
-    std::thread releaser([&release] { release.Send(); });
-    watcher.Unwatch(id);
-    EXPECT_TRUE(finished);
-    releaser.join();
 }
 
 }  // namespace
