@@ -1,16 +1,11 @@
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-
 #include <unistd.h>
-
 #include <sstream>
 #include <thread>
 
 #include "host/ClientWatcher.h"
 #include "host/DaemonOptions.h"
-#include "host/ShutdownSignals.h"
-#include "host/StreamQueueName.h"
 #include "tests/support/ChildProcess.h"
 
 namespace mixer {
@@ -30,16 +25,16 @@ std::string Dump(const DaemonOptions& o) {
 }
 
 TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
-    const auto kRun = DaemonOptions::kRun, kError = DaemonOptions::kError, kHelp = DaemonOptions::kHelp,
-               kVersion = DaemonOptions::kVersion;
-    const std::string run = "|/run/mixerd.sock|/run/mixerd.status|";
+    const auto kRun = DaemonOptions::kRun, kError = DaemonOptions::kError;
+    const std::string run = "|/run/mixerd.sock|/run/mixerd.status|",
+                      plain = "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run;
     struct Case {
         std::vector<std::string> args;
         DaemonOptions::Result result;
         std::string text;  // the options taken (kRun) or the error
     };
     std::vector<Case> cases = {
-        {{}, kRun, "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run + "0:0|0|-1|0"},
+        {{}, kRun, plain + "0:0|0|-1|0"}, {{"--log-mask", "0x20"}, kRun, plain + "1:20|0|-1|0"},
         {{"--output", "wav", "--out-file", "/o.wav", "--mic=wav", "--mic-file", "m.wav", "--rate", "8000", "--channels",
           "8", "--device-rate", "16000", "--mic-rate", "8000", "--mic-channels", "1", "--volume", "0", "--socket", "/s",
           "--status-file", "/st", "--log-mask", "EWIDP", "--log-stderr", "--ready-fd", "3", "--mic-off", "--device",
@@ -48,23 +43,21 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
         {{"--rate=96000", "--device-rate", "8000", "--mic-rate", "96000", "--mic-channels", "8", "--volume", "100",
           "--ready-fd", "1023", "--log-mask", "4294967295", "--mic", "tone"},
          kRun, "alsa|default|out.wav|tone|default||96000|2|8000|96000|8|100" + run + "1:ffffffff|0|1023|0"},
-        {{"--log-mask", "0x20"}, kRun, "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run + "1:20|0|-1|0"},
-        {{"--help"}, kHelp, ""}, {{"-h"}, kHelp, ""}, {{"-V"}, kVersion, ""}, {{"--version"}, kVersion, ""},
+        {{"--help"}, DaemonOptions::kHelp, ""}, {{"-V"}, DaemonOptions::kVersion, ""},
         {{"--frobnicate"}, kError, "unknown option --frobnicate (see --help)"},
         {{"--socket"}, kError, "option --socket needs a value"},
         {{"stray"}, kError, "unexpected argument 'stray' (see --help)"},
         {{"--mic", "wav"}, kError, "--mic wav needs --mic-file"},
     };
-    // Values out of range or of the wrong form.
-    for (const auto& b : std::vector<std::pair<std::string, std::string>>{
-             {"volume", "101"}, {"rate", "-48000"}, {"rate", "+8000"}, {"rate", "7999"}, {"rate", "96001"},
-             {"rate", "48000x"}, {"device-rate", "7999"}, {"mic-rate", "96001"}, {"channels", "0"}, {"channels", "9"},
-             {"mic-channels", "9"}, {"output", "speaker"}, {"mic", "line"}, {"ready-fd", "2"}, {"ready-fd", "1024"},
-             {"log-mask", "EWX"}, {"log-mask", "ew"}, {"log-mask", "12ab"}, {"log-mask", "0x100000000"},
-             {"log-mask", ""}, {"socket", ""}, {"status-file", ""}, {"device", ""}, {"out-file", ""},
-             {"mic-device", ""}, {"mic-file", ""}})
-        cases.push_back(
-            {{"--" + b.first, b.second}, kError, "bad value '" + b.second + "' for --" + b.first + " (see --help)"});
+    // Values out of range or of the wrong form, as option=value.
+    std::istringstream bad("volume=101 rate=+8000 rate=7999 rate=96001 rate=48000x device-rate=7999 mic-rate=96001 "
+                           "channels=0 channels=9 mic-channels=9 output=speaker mic=line ready-fd=2 ready-fd=1024 "
+                           "log-mask=EWX log-mask=12ab log-mask=0x100000000 log-mask= socket= status-file= device= "
+                           "out-file= mic-device= mic-file=");
+    for (std::string w; bad >> w;) {
+        const std::string name = "--" + w.substr(0, w.find('=')), value = w.substr(w.find('=') + 1);
+        cases.push_back({{name, value}, kError, "bad value '" + value + "' for " + name + " (see --help)"});
+    }
     for (Case& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.args));
         c.args.insert(c.args.begin(), "mixerd");
@@ -79,57 +72,34 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
         EXPECT_EQ(c.result == kRun ? Dump(o) : c.result == kError ? error : "", c.text);
         EXPECT_TRUE(c.result == kRun || Dump(o) == before) << Dump(o);
     }
-    // The client's queue and transport, named as the clients name them.
-    EXPECT_EQ(host::StreamQueueName("//micRaw") + host::kTypeDataTrans, "/mixer-micRawdataTrans");
-}
-
-TEST(ShutdownSignalsTest, TermAndIntArriveOnTheDescriptorInsteadOfKilling) {
-    host::ShutdownSignals signals;
-    ASSERT_TRUE(signals.Ok());
-    EXPECT_EQ(signals.Take(), 0);
-    pollfd pfd = {signals.Fd(), POLLIN, 0};
-    for (int sig : {SIGTERM, SIGINT}) {
-        ASSERT_EQ(pthread_kill(pthread_self(), sig), 0);
-        ASSERT_EQ(poll(&pfd, 1, 20000), 1);
-        EXPECT_EQ(signals.Take(), sig);
-    }
-    EXPECT_EQ(signals.Take(), 0);
-}
-
-int Forever() {
-    for (;;) pause();
 }
 
 TEST(ClientWatcherTest, ActionsRunOnceAfterTheProcessEndsNeverAfterUnwatchAndUnwatchWaitsForARunningOne) {
     if (!ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: the daemon falls back to the clients' own close";
     ClientWatcher watcher;
     test::Pipe ran, release;
-    test::ChildProcess unwatched(Forever), first(Forever), second(Forever), ended([] { return 0; }), held(Forever);
-    uint64_t idU = 0, id1 = 0, id2 = 0, id = 7;
+    auto forever = []() -> int { for (;;) pause(); };
+    test::ChildProcess unwatched(forever), held(forever), ended([] { return 0; });
+    uint64_t idU = 0, id = 7;
     bool finished = false;  // set on the watcher's thread; read once Unwatch has returned
-    EXPECT_EQ(V({watcher.Watch(unwatched.pid(), [&ran] { ran.Send('u'); }, idU),
-                 watcher.Watch(first.pid(), [&ran] { ran.Send('1'); }, id1),
-                 watcher.Watch(second.pid(), [&ran] { ran.Send('2'); }, id2), int64_t(watcher.Count())}),
-              (V{ClientWatcher::kWatching, ClientWatcher::kWatching, ClientWatcher::kWatching, 3}));
+    auto hold = [&] { ran.Send(), release.Receive(), finished = true; };
+    EXPECT_EQ(V({watcher.Watch(unwatched.pid(), [&ran] { ran.Send('u'); }, idU), watcher.Watch(held.pid(), hold, id),
+                 int64_t(watcher.Count())}), (V{ClientWatcher::kWatching, ClientWatcher::kWatching, 2}));
     watcher.Unwatch(idU);  // then killed first: had its watch been kept, its action would run first
-    for (test::ChildProcess* c : {&unwatched, &first, &second}) EXPECT_EQ(kill(c->pid(), SIGKILL) + c->Wait(), -1);
-    EXPECT_EQ(V({ran.Receive(), ran.Receive(), int64_t(watcher.Count())}), (V{'1', '2', 0}));
-    watcher.Unwatch(id1);  // fired already: nothing
+    for (test::ChildProcess* c : {&unwatched, &held}) EXPECT_EQ(kill(c->pid(), SIGKILL) + c->Wait(), -1);
+    ASSERT_EQ(ran.Receive(), '.');
+    // Unwatch returns only once the running action is done.
+    std::thread releaser([&release] { release.Send(); });
+    watcher.Unwatch(id);
+    EXPECT_TRUE(finished);
+    releaser.join();
+    EXPECT_EQ(watcher.Count(), 0u);
     // An ended (reaped) process and pids that name none are not watched.
     const pid_t gone = ended.pid();
     EXPECT_EQ(ended.Wait(), 0);
     auto none = [] {};
     EXPECT_EQ(V({watcher.Watch(gone, none, id), int64_t(id), watcher.Watch(0, none, id), watcher.Watch(-1, none, id)}),
               (V{ClientWatcher::kGone, 0, ClientWatcher::kUnwatched, ClientWatcher::kUnwatched}));
-    // Unwatch returns only once a running action is done.
-    auto hold = [&] { ran.Send(), release.Receive(), finished = true; };
-    ASSERT_EQ(watcher.Watch(held.pid(), hold, id), ClientWatcher::kWatching);
-    ASSERT_EQ(kill(held.pid(), SIGKILL), 0);
-    ASSERT_EQ(ran.Receive(), '.');
-    std::thread releaser([&release] { release.Send(); });
-    watcher.Unwatch(id);
-    EXPECT_TRUE(finished);
-    releaser.join();
 }
 
 }  // namespace
