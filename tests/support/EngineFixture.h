@@ -1,13 +1,10 @@
 #pragma once
 // One engine (Playback or Record) under test with a fake host and a fake output, and what the tests of both share.
 #include <gtest/gtest.h>
-
 #include <chrono>
 #include <climits>
 #include <thread>
-
 #include <boost/make_shared.hpp>
-
 #include "tests/support/FakeConnect.h"
 #include "tests/support/FakeOutput.h"
 #include "tests/support/LogCapture.h"
