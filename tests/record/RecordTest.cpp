@@ -1,5 +1,4 @@
-// The record engine's thread with a fake host, fake outputs and a microphone the test
-// feeds frame by frame (a read waits for the next frame, as a device's would).
+// The record engine's thread with a fake host, fake outputs and a microphone fed frame by frame (a read waits).
 
 #include <stdlib.h>
 #include <unistd.h>
@@ -13,7 +12,6 @@
 
 namespace mixer::test {
 namespace {
-
 const char kNullPost[] = "I MsgQ:sendMsg:NULL:";
 
 // Negates every sample of its frame in place, then fails it: shows whether the frame was another stream's too.
@@ -50,10 +48,7 @@ protected:
         mic2->SetBlockWhenEmpty(false);
         stopper.join();
     }
-    void Start() {
-        ASSERT_EQ(0, engine.Init(&connect));
-        ASSERT_TRUE(log.WaitFor("I Mixer_Record:Process:Start 0:")) << log.Dump();
-    }
+    void Start() { ASSERT_EQ(0, engine.Init(&connect)); ASSERT_TRUE(log.WaitFor("I Mixer_Record:Process:Start 0:")); }
     // Registers an output that keeps the written frames themselves; waits until its stream is built.
     OutputPtr AddOutput(const std::string& name) {
         OutputPtr o = boost::make_shared<FakeOutput>(name);
@@ -63,11 +58,7 @@ protected:
         EXPECT_TRUE(connect.WaitForCalls("AddRecordAlgos", built + 1, kWait));
         return o;
     }
-    boost::shared_ptr<AudioFrame> Feed(int16_t v) {
-        boost::shared_ptr<AudioFrame> f = mic->MakeFrame(v);
-        mic->Push(f);
-        return f;
-    }
+    boost::shared_ptr<AudioFrame> Feed(int16_t v) { auto f = mic->MakeFrame(v); mic->Push(f); return f; }
     boost::shared_ptr<ThreadNotingInput> mic = boost::make_shared<ThreadNotingInput>(16000, 1, "microphone");
     InputPtr mic2 = Scripted("mic2", {2}, 16000, 1);  // the host's next input
 };
@@ -109,7 +100,6 @@ TEST_F(RecordTest, WithoutListenerItSleepsUntilAMessageAndWithOneItReadsWhileThe
     mic->SetBlockWhenEmpty(false);
     ASSERT_TRUE(a->WaitForFrames(6, kWait));
     EXPECT_EQ(std::vector<int>({5, 6, 7, 8, 9, 2}), Levels(a));
-    EXPECT_EQ(1, log.Count("W Mixer_Record:runLoop:Input Error:"));
     EXPECT_EQ(2, connect.CallCount("GetRecordDefaultInput"));
 }
 
