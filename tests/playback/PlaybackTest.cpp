@@ -1,18 +1,11 @@
-// The playback engine: its handlers driven on an engine whose thread never starts, then
-// the mixing thread with a fake host and device, and client processes that fail in their lock.
+// The playback engine: its handlers on a thread-less engine, its mixing thread, and clients that fail in their lock.
 
 #include <stdlib.h>
 #include <unistd.h>
-
 #include <cmath>
 #include <fstream>
-#include <memory>
 #include <sstream>
-
 #include <boost/pointer_cast.hpp>
-
-#include "mixer/algo/AlgoSilence.h"
-#include "mixer/core/MsgSetFocus.h"
 #include "mixer/core/MsgWriteInfo.h"
 #include "mixer/input/InputDataTrans.h"
 #include "mixer/playback/Playback.h"
@@ -22,45 +15,38 @@
 #include "tests/support/ShmName.h"
 #include "tests/support/SineInput.h"
 
-namespace mixer {
-namespace test {
+namespace mixer::test {
 namespace {
-
 typedef std::pair<unsigned, long> RampTo;  // steps left (0: not ramping), target row
 typedef std::map<std::string, uint32_t> Volumes;
 
-// The gain law written out on its own: the table row of a volume percent, the row of gain
-// relative to ref (at unity, row 127), the steps of a ramp of ms at 48 kHz (one per 32
-// samples, plus one), and the mix of a at 36 % and b at 30 % of 40 (Q15, rounded, clamped).
+// The gain law written out on its own: the table row of a volume percent, the row of gain relative to ref (at
+// unity, row 127), the steps of a ramp of ms at 48 kHz (one per 32 samples, plus one), and the mix of a at 36 %
+// and b at 30 % of 40 (Q15, rounded, clamped).
 unsigned Row(unsigned p) { return p == 0 ? 0 : p <= 17 ? 38 + 2 * p : p <= 34 ? 39 + 2 * p : p == 35 ? 110 : 75 + p; }
 long RelRow(unsigned g, unsigned ref) { return Row(g) && Row(g) + 127 > Row(ref) ? Row(g) + 127 - Row(ref) : 0; }
 unsigned Steps(unsigned ms) { return 48000u * ms / 1000u / 32u + 1u; }
 int Mixed(int a, int b) {
-    auto gain = [](int x, long row) { return Algo::saturate16(int((int64_t(x) * AlgoRampGain::kGainTable[row] + 16384) >> 15)); };
+    auto gain = [](int x, long row) {
+        return Algo::saturate16(int((int64_t(x) * AlgoRampGain::kGainTable[row] + 16384) >> 15));
+    };
     return Algo::sumSat16(gain(a, RelRow(36, 40)), gain(b, RelRow(30, 40)));
 }
 
-// The engine's clock keeps its seconds' product in 32 bits and jumps back about every
-// 4295 s; a period straddling the jump is not slept on. So consecutive times (well under
-// a second apart) are at least min apart unless the jump lies between them.
+// The engine's clock keeps its seconds' product in 32 bits and jumps back about every 4295 s; a period straddling
+// the jump is not slept on. So consecutive times are at least min apart unless the jump lies between them.
 void ExpectGapsAtLeast(const std::vector<FakeOutput::Clock::time_point>& t, std::chrono::microseconds min) {
     auto us = [](FakeOutput::Clock::time_point x) {
-        return int32_t(uint32_t(std::chrono::duration_cast<std::chrono::seconds>(x.time_since_epoch()).count()) * 1000000u);
+        return int32_t(uint32_t(std::chrono::floor<std::chrono::seconds>(x).time_since_epoch().count()) * 1000000u);
     };
     for (size_t i = 1; i < t.size(); ++i) EXPECT_TRUE(us(t[i]) < us(t[i - 1]) || t[i] - t[i - 1] >= min) << i;
 }
 
-struct HostSilence : AlgoSilence {  // the library declares its fields, a host its behaviour
-    boost::shared_ptr<AudioFrame> Process(boost::shared_ptr<AudioFrame> f) override { return f; }
-};
-
 class PlaybackTest : public EngineFixture<Playback> {
 protected:
-    void Direct() {  // for the handlers, called on this thread: no Init
-        connect.SetAttachInputRampGain(true);
-        pb.connect = &connect;
-    }
+    PlaybackTest() { pb.connect = &connect; }  // for the handlers, called on this thread without Init
     InputPtr Add(const std::string& type, const std::string& name = "") {
+        connect.SetAttachInputRampGain(true);
         InputPtr in = Scripted(type);
         in->name = name;
         pb.AddNewInput(boost::make_shared<MsgNewInput>(in));
@@ -73,33 +59,24 @@ protected:
     }
     RampTo Ramp(const InputPtr& in) {
         auto g = boost::dynamic_pointer_cast<AlgoRampGain>(StreamOf(in)->GetAlgoById(ALGO_ID_RAMP_GAIN));
-        return g->ramping ? RampTo(g->stepsLeft, std::lround(g->indexAcc + g->step * g->stepsLeft)) : RampTo(0, g->gainIndex);
+        return g->ramping ? RampTo(g->stepsLeft, std::lround(g->indexAcc + g->step * g->stepsLeft))
+                          : RampTo(0, g->gainIndex);
     }
     // Returns once the thread has handled a message posted now, and so every period before.
     void Sync(int n) {
         Post(new MsgWriteInfo("/dev/null"));
         ASSERT_TRUE(connect.WaitForCalls("ChainMsgRecord", n, kWait));
     }
-    // Starts the engine with ins (then a message, if any) queued; stops it once out has n frames.
-    void Play(const std::vector<boost::shared_ptr<Input> >& ins, size_t n, MsgHead* then = nullptr) {
-        for (const boost::shared_ptr<Input>& in : ins) Post(new MsgNewInput(in));
-        if (then) Post(then);
-        ASSERT_EQ(pb.Init(&connect), 0);
-        ASSERT_TRUE(out->WaitForFrames(static_cast<int>(n), kWait));
-        pb.DeInit();
-    }
     Playback& pb = engine;
 };
 
 TEST_F(PlaybackTest, StreamVolumesRampOnChangesAndClientCommandsFade) {
-    Direct();
     InputPtr m1 = Add("music"), m2;
     EXPECT_EQ(pb.streamVolumes, (Volumes{{"music", 40}}));
     EXPECT_EQ(Ramp(m1), RampTo(0, 127));  // the speaker volume (40) is unity
-    EXPECT_EQ(log.Lines().back(), "I Mixer_Playback:AddNewInput:Added the stream to the input list:Stream Type music");
-    // Each row: a type's volume with the speaker's, whether music input 2 is paused, and
-    // both music inputs' ramps: a type's own change ramps over 250 ms, a new speaker volume
-    // over 50 ms, a paused stream not at all; input 2, added after row 1, starts there at once.
+    // Each row: a type's volume with the speaker's, whether music input 2 is paused, and both music inputs' ramps:
+    // a type's own change ramps over 250 ms, a new speaker volume over 50 ms, a paused stream not at all; input 2,
+    // added after row 1, starts there at once.
     const struct { const char* type; unsigned vol, speaker; bool paused; RampTo m1, m2; } rows[] = {
         {"music", 30, 40, false, {Steps(250), RelRow(30, 40)}, {0, RelRow(30, 40)}},
         {"music", 20, 45, false, {Steps(50), RelRow(20, 45)}, {Steps(50), RelRow(20, 45)}},
@@ -114,22 +91,14 @@ TEST_F(PlaybackTest, StreamVolumesRampOnChangesAndClientCommandsFade) {
     }
     InputPtr a = Add("alert");  // the last row stored its volume only
     EXPECT_EQ(Ramp(a), RampTo(0, RelRow(35, 45)));
-    // A speaker volume goes to the output and resets every type to it (unity); each type
-    // is set once per input of it, and each setting walks every input.
+    // A speaker volume goes to the output and resets every type to it (unity).
     connect.SetDefaultOutput(out);
     pb.SetupDefaultOutput();
-    log.Clear();
     pb.handleMsg(boost::make_shared<MsgSetSpeakerVol>(60));
     EXPECT_EQ(out->Volumes(), std::vector<int>({45, 60}));
-    EXPECT_EQ(pb.streamVolumes, (Volumes{{"alert", 60}, {"music", 60}}));
     EXPECT_EQ(Ramp(a), RampTo(Steps(250), 127));
-    EXPECT_EQ(log.Lines().back(), "I def:Mixer_Playback:SetSpeakerVol:volume percent changed to 60");
-    EXPECT_EQ(log.Count("D Mixer_Playback:MsgSetStreamVol:music 60:"), 4);
-    EXPECT_EQ(log.CountPrefix("D Mixer_Playback:MsgSetStreamVol:"), 3 * 3 + 5);
-
-    // Client commands. Each row: the command, the input's operations and the ramp that
-    // follow (then the 20-ms frames played); a resume goes back to the type's volume, or
-    // to silence where the type has none (the last).
+    // Client commands. Each row: the command, the input's operations and the ramp that follow (then the 20-ms
+    // frames played); a resume goes back to the type's volume, or to silence where the type has none (the last).
     const struct { tInOutCmd cmd; Lines ops; RampTo ramp; int frames; } cmds[] = {
         {CMD_PAUSE, {"GetCmd 1", "PauseDelay 250", "HandleCmd 1"}, {Steps(250), 0}, 13},
         {CMD_RESUME, {"GetCmd 8", "HandleCmd 8"}, {Steps(250), 127}, 13},
@@ -145,92 +114,48 @@ TEST_F(PlaybackTest, StreamVolumesRampOnChangesAndClientCommandsFade) {
         EXPECT_EQ(Ramp(a), c.ramp) << c.cmd;
         for (int i = 0; i < c.frames; ++i) a->Push(a->MakeFrame(1)), StreamOf(a)->Process();
     }
-    EXPECT_TRUE(log.Has("W Mixer_Playback:CheckForCmd:Resume NO volume for alert:"));
-}
-
-TEST_F(PlaybackTest, DispatchDropsUnknownCodesAndCodesWithTheWrongClass) {
-    Direct();
-    EXPECT_EQ(Playback().Init(nullptr), -1);
-    for (unsigned code = 0; code <= 9; ++code) {  // as bare heads only 5 and 6 are valid
-        log.Clear();
-        pb.handleMsg(boost::make_shared<MsgHead>(code));
-        Lines want;
-        if (code == MSG_LATENCY_TEST) want = {"W Mixer_Playback:LatencyTestStart:Could not find AlgoSilence:"};
-        else if (code != MSG_PING) want = {"E Mixer_Playback:handleMsg:Unsupported type " + std::to_string(code) + ":"};
-        EXPECT_EQ(log.Lines(), want) << code;
-    }
-    // A report request goes on to the record engine, even when unwritable here.
-    boost::shared_ptr<MsgHead> info = boost::make_shared<MsgWriteInfo>("/nonexistent-dir/status");
-    pb.handleMsg(info);
-    EXPECT_EQ(log.Lines().back(), "W Mixer_Playback:WriteInfo:Could not open /nonexistent-dir/status:");
-    EXPECT_EQ(connect.ChainedMsgs(), std::vector<boost::shared_ptr<MsgHead> >({info}));
 }
 
 TEST_F(PlaybackTest, ReportShowsTheOutputAndTheInputsInFocusOrderReplacingTheFile) {
-    Direct();
-    char path[] = "/tmp/playback-report-XXXXXX";
-    ASSERT_EQ(close(mkstemp(path)), 0);
-    std::ofstream(path) << std::string(300, 'x');  // longer than a report
-    auto report = [&] {
-        pb.WriteInfo(path);
-        std::stringstream ss;
-        ss << std::ifstream(path).rdbuf();
-        return ss.str();
-    };
-    const std::string rule(49, '='), head = rule + "\nState info Mixer_Playback:\nOutput:";
-    const std::string sums = "Sum rate: 44100 numCh: 1 ss: 4\nFrame len: 20\nNumber of input streams: ";
-    connect.SetDefaultOutputs({});  // none: an empty name without a state of its own
-    pb.SetupDefaultOutput();
-    EXPECT_EQ(log.Lines(), Lines({"E Mixer_Playback:GetPlaybackDefaultOutput returned NULL!::"}));
-    EXPECT_EQ(report(), head + "\tUnknown\nInactivity count down: 20000\nSum rate: 48000 numCh: 2 ss: 2\n"
-                               "Frame len: 20\nNumber of input streams: 0\n" + rule + "\n");
+    EXPECT_EQ(Playback().Init(nullptr), -1);
+    pb.handleMsg(boost::make_shared<MsgHead>(MSG_NEW_OUTPUT));  // a code without its class is dropped
+    pb.handleMsg(boost::make_shared<MsgWriteInfo>("/nonexistent-dir/status"));
+    EXPECT_EQ(log.Lines(), Lines({"E Mixer_Playback:handleMsg:Unsupported type 1:",
+                                  "W Mixer_Playback:WriteInfo:Could not open /nonexistent-dir/status:"}));
     connect.SetSumParams(44100, 1, SAMPLE_SIZE_32);
     connect.SetDefaultOutput(out);
     pb.SetupDefaultOutput();
-    EXPECT_EQ(log.Lines().back(), "I Mixer_Playback:SetupDefaultOutput:Done: speaker volume percent = 40");
-    pb.idleCountdownMs = -20;
-    EXPECT_EQ(report(), head + "ALSA\tActive\nInactivity count down: -20\n" + sums + "0\n" + rule + "\n");
     // A new output whose algorithms the host refuses is not taken.
-    boost::shared_ptr<HostSilence> silence = boost::make_shared<HostSilence>();
-    connect.SetOutputAlgosHook([silence](boost::shared_ptr<Output>, boost::shared_ptr<Stream> s) { s->AddAlgo(silence); });
     OutputPtr usb = boost::make_shared<FakeOutput>("Usb", STATE_PAUSED);
     for (int refused : {1, 0}) {
         connect.SetAddPlaybackOutputAlgosResult(-refused);
         pb.handleMsg(boost::make_shared<MsgNewOutput>(usb, static_cast<tPlaybackModes>(7)));
-        EXPECT_EQ(pb.output, refused ? out : usb);
         EXPECT_EQ(usb->Volumes(), refused ? std::vector<int>() : std::vector<int>({40}));
-        EXPECT_EQ(log.Count("I Mixer_Playback:ChangeOutput:Changed Output:"), 1 - refused);
         EXPECT_EQ(connect.OutputAlgos().back().mode, 7u);
     }
-    EXPECT_EQ(log.Count("I Mixer_Playback:ChangeOutput:Mode 7:"), 2);
     Add("music", "client-1");
     Add("nav", "client-2")->state = STATE_PAUSED;
     Add("alert", "client-3")->state = STATE_HANGUP;
     pb.SetFocus("nav");
     Add("nav", "client-4");  // the focused type goes to the front, behind its elders
-    EXPECT_EQ(report(), head + "Usb\tPaused\nInactivity count down: 20000\n" + sums + "4\n0\tnav\tPaused\tclient-2\n"
-                                "1\tnav\tActive\tclient-4\n2\tmusic\tActive\tclient-1\n3\talert\tHangup\tclient-3\n" + rule + "\n");
+    char path[] = "/tmp/playback-report-XXXXXX";
+    ASSERT_EQ(close(mkstemp(path)), 0);
+    std::ofstream(path) << std::string(300, 'x');  // longer than a report
+    pb.WriteInfo(path);
+    std::stringstream report;
+    report << std::ifstream(path).rdbuf();
     unlink(path);
-    // The latency test arms the silence algorithm of the output stream, at the engine's
-    // clock in ms (seconds scaled in 32 bits).
-    silence->count = 7;
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    pb.handleMsg(boost::make_shared<MsgHead>(MSG_LATENCY_TEST));
-    EXPECT_EQ(silence->count + 10 * silence->running, 10);
-    EXPECT_NEAR(silence->startTimeMs, int32_t(uint32_t(ts.tv_sec) * 1000u) + ts.tv_nsec / 1000000, 1000);
+    const std::string rule(49, '=');
+    EXPECT_EQ(report.str(), rule + "\nState info Mixer_Playback:\nOutput:Usb\tPaused\nInactivity count down: 20000\n"
+                            "Sum rate: 44100 numCh: 1 ss: 4\nFrame len: 20\nNumber of input streams: 4\n"
+                            "0\tnav\tPaused\tclient-2\n1\tnav\tActive\tclient-4\n2\tmusic\tActive\tclient-1\n"
+                            "3\talert\tHangup\tclient-3\n" + rule + "\n");
 }
 
-// Each row: the output's name, whether the inputs (a, b, ...) have ramp gains at 36 and
-// 30 % of 40, the levels of each input's frames, and the levels written. A period that
-// erases an input skips its follower; one that erases the last input pulls a second
-// frame from the front. Outputs not named "ALSA" are paced after each write, 40 ms apart.
-struct MixCase {
-    const char* output;
-    bool gains;
-    std::vector<std::vector<int> > inputs;
-    std::vector<int> written;
-};
+// Each row: the output's name, whether the inputs (a, b, ...) have ramp gains at 36 and 30 % of 40, the levels of
+// each input's frames, and the levels written. A period that erases an input skips its follower; one that erases
+// the last input pulls a second frame from the front. Outputs other than "ALSA" are paced, 40 ms apart.
+struct MixCase { const char* output; bool gains; std::vector<std::vector<int> > inputs; std::vector<int> written; };
 class PlaybackMixTest : public PlaybackTest, public ::testing::WithParamInterface<MixCase> {};
 
 TEST_P(PlaybackMixTest, WritesEachPeriodsSum) {
@@ -240,13 +165,13 @@ TEST_P(PlaybackMixTest, WritesEachPeriodsSum) {
     connect.SetAttachInputRampGain(c.gains);
     Post(new MsgSetStreamVol("a", 36, 40));  // stored before the inputs arrive: at once
     Post(new MsgSetStreamVol("b", 30, 40));
-    std::vector<boost::shared_ptr<Input> > ins;
-    for (size_t i = 0; i < c.inputs.size(); ++i) ins.push_back(Scripted(std::string(1, char('a' + i)), c.inputs[i]));
-    Play(ins, c.written.size());
+    for (size_t i = 0; i < c.inputs.size(); ++i)
+        Post(new MsgNewInput(Scripted(std::string(1, char('a' + i)), c.inputs[i])));
+    ASSERT_EQ(pb.Init(&connect), 0);
+    ASSERT_TRUE(out->WaitForFrames(static_cast<int>(c.written.size()), kWait));
+    pb.DeInit();
     EXPECT_EQ(Levels(out), c.written);
-    const int hangups = c.inputs.size() > 1 && c.inputs[1][0] == kHangUp;
-    EXPECT_EQ(log.Count("W Mixer_Playback:runLoop:Erasing Input b:"), hangups);
-    EXPECT_EQ(pb.inputs.size(), c.inputs.size() - hangups);
+    EXPECT_EQ(pb.inputs.size(), c.inputs.size() - (c.inputs.size() > 1 && c.inputs[1][0] == kHangUp));
     const auto posts = out->PostWriteTimes(), writes = out->WriteTimes();
     EXPECT_EQ(posts.size(), std::string(c.output) == "ALSA" ? 0 : c.written.size());
     ExpectGapsAtLeast(posts, std::chrono::microseconds(39999));
@@ -260,41 +185,12 @@ INSTANTIATE_TEST_SUITE_P(Periods, PlaybackMixTest, ::testing::Values(
     MixCase{"ALSA", true, {{32767, 12345, -32768}, {32767, -777, -32768}},
             {Mixed(32767, 32767), Mixed(12345, -777), Mixed(-32768, -32768)}}));
 
-TEST_F(PlaybackTest, DuckingTurnsOnOnceWhilePrioritySoundsAndOffOnceAfter) {
-    connect.SetDefaultOutput(out);
-    connect.SetAttachInputRampGain(true);
-    connect.SetAudioVolume(41);
-    Play({Scripted("music", std::vector<int>(8, 1000)), Scripted("nav", {1000, 1000, 1000})}, 8, new MsgSetFocus("nav"));
-    Lines ducking;
-    for (const std::string& line : log.Lines())
-        if (line.find("AudioDucking:") != std::string::npos) ducking.push_back(line);
-    EXPECT_EQ(ducking, Lines({"I Mixer_Playback:AudioDucking:Enabling audio ducking:",
-                              "I Mixer_Playback:AudioDucking:Disabling audio ducking:"}));
-    EXPECT_EQ(log.Count("D Mixer_Playback:MsgSetStreamVol:music 20:"), 1);  // ducked: 41 / 2
-    EXPECT_EQ(log.Count("D Mixer_Playback:MsgSetStreamVol:nav 41:"), 2);    // on, then off
-    EXPECT_EQ(pb.streamVolumes, (Volumes{{"music", 41}, {"nav", 41}}));
-    EXPECT_EQ(log.CountPrefix("P Mixer_Playback:setFocus:Timestamp-"), 3);
-}
-
-TEST_F(PlaybackTest, FailedOutputIsReplacedByTheDefault) {
-    OutputPtr first = boost::make_shared<FakeOutput>("Speaker");
-    first->FailAtWrite(2, STATE_FAULT);
-    connect.SetDefaultOutputs({first, out});
-    Play({Scripted("a", {1, 2, 3, 4})}, 2);
-    EXPECT_EQ(Levels(first), std::vector<int>({1, 2}));
-    EXPECT_EQ(Levels(out), std::vector<int>({3, 4}));
-    EXPECT_EQ(first->PostWriteCount(), 1);  // the failed write is not paced
-    EXPECT_EQ(log.Count("E Mixer_Playback:Process:Error or Output closed - revert to default out:"), 1);
-    EXPECT_EQ(connect.CallCount("GetPlaybackDefaultOutput"), 2);
-}
-
 TEST_F(PlaybackTest, WithoutInputsOrAfter20SecondsOfSilenceTheOutputPausesAndTheThreadSleeps) {
     connect.SetDefaultOutput(out);
     ASSERT_EQ(pb.Init(&connect), 0);
     Sync(1);
     ASSERT_TRUE(log.WaitFor("E Mixer_Playback:inputList size is 0..::"));
     Sync(2);  // the pass after that one has made its choices too
-    EXPECT_EQ(out->FrameCount() + out->IdleTickCount(), 0);  // nothing written, no ticking
     EXPECT_EQ(out->PauseCount(), 1);
     boost::shared_ptr<ThreadNotingInput> in = boost::make_shared<ThreadNotingInput>(48000, 2, "a");
     in->Push(in->MakeFrame(5));  // one frame, then silence
@@ -302,29 +198,18 @@ TEST_F(PlaybackTest, WithoutInputsOrAfter20SecondsOfSilenceTheOutputPausesAndThe
     // The sounding period, then 1000 silent ones of 20 ms.
     ASSERT_TRUE(in->WaitForOps("Process", 1001, std::chrono::milliseconds(120000)));
     ASSERT_TRUE(log.WaitFor("I Mixer_Playback:Process:Pause:0")) << log.Dump();
-    auto periods = [&] {  // the trace line that opens each period
-        int n = 0;
-        for (const std::string& l : log.Lines()) n += l.find(":Entering...:") != std::string::npos;
-        return n;
-    };
-    EXPECT_EQ(periods(), 3 + 1000 + 1);  // to the input's arrival, silent, the one that pauses
-    // Idle: over a window that would hold ten periods none begins, the input is not asked,
-    // and the thread is not woken at all, however briefly.
+    // Idle: over a window that would hold ten periods the input is not asked and the thread not woken at all.
     const long switches = WaitUntilAsleep(in->tid, kWait);
     ASSERT_GE(switches, 0);
     EXPECT_FALSE(in->WaitForOps("Process", 1002, std::chrono::milliseconds(200)));
     EXPECT_EQ(ContextSwitches(in->tid), switches);
-    EXPECT_EQ(periods(), 1004);
     EXPECT_EQ(out->IdleTickCount(), 1000);
     EXPECT_EQ(out->PauseCount() + out->ResumeCount(), 2 + 1);  // resumed for the sounding frame
-    EXPECT_EQ(log.Count("I Mixer_Playback:Process:Pause:20000") + log.Count("I Mixer_Playback:Process:Pause:0"), 2);
     Sync(3);  // a message wakes it
     EXPECT_TRUE(WaitForSwitchesAbove(in->tid, switches));
     pb.DeInit();
     EXPECT_EQ(Levels(out), std::vector<int>({5}));
-    EXPECT_FALSE(pb.output);  // released by DeInit
     ExpectGapsAtLeast(out->IdleTickTimes(), std::chrono::microseconds(19999));
-    EXPECT_TRUE(log.Has("E Mixer_Playback:In PlaybackrunLoop:...:") && log.Has("I Mixer_Playback:runLoop:Ready:"));
     pb.DeInit();     // again, as the destructor will
     Playback quick;  // stopped before its thread has run
     ASSERT_EQ(quick.Init(&connect), 0);
@@ -332,58 +217,41 @@ TEST_F(PlaybackTest, WithoutInputsOrAfter20SecondsOfSilenceTheOutputPausesAndThe
     EXPECT_EQ(log.Count("W Mixer_Playback:runLoop:Exiting!!!:"), 2);
 }
 
-// A client process that dies or stops inside its queue's lock, fed with silence until
-// then, beside a tone: the tone plays on in every period and the client's stream is erased.
-class PlaybackClientTest : public PlaybackTest, public ::testing::WithParamInterface<bool> {
-protected:
-    PlaybackClientTest() {
-        LockingClient::Options o;
-        o.create = o.feed = true;
-        o.blkSize = 4 * 960;
-        client.reset(new LockingClient(name.str(), o));
-    }
-    ShmName name;
-    std::unique_ptr<LockingClient> client;  // forked before the engine's thread exists
-};
+// A client process that dies or stops inside its queue's lock, fed with silence until then, beside a tone: the
+// tone plays on in every period and the client's stream is erased.
+class PlaybackClientTest : public PlaybackTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(PlaybackClientTest, ClientKilledOrStoppedInsideItsLockIsErasedWhileTheOthersPlayOn) {
-    ASSERT_TRUE(client->Ready());
+    ShmName name;
+    LockingClient client(name.str(), {true, 4, 4 * 960, true, {}});  // created, fed; forked before the engine thread
+    ASSERT_TRUE(client.Ready());
     boost::shared_ptr<DataTrans> queue = boost::make_shared<DataTrans>();
     ASSERT_EQ(queue->Init(name.c_str()), 0);
     boost::shared_ptr<InputDataTrans> bad = boost::make_shared<InputDataTrans>(queue, 48000, 2, 2, "client");
     boost::shared_ptr<SineInput> tone = boost::make_shared<SineInput>(48000, 2, 440.0, 8000.0, "music");
     out = boost::make_shared<FakeOutput>("Speaker");
     connect.SetDefaultOutput(out);
-    // The client's stream first: the stream after an erased one is skipped for that
-    // period, so with the tone second its frames stay in sequence, none missing or twice.
+    // The client's stream first: the stream after an erased one is skipped for that period, so with the tone
+    // second its frames stay in sequence, none missing or twice.
     Post(new MsgNewInput(bad));
     Post(new MsgNewInput(tone));
     ASSERT_EQ(pb.Init(&connect), 0);
     ASSERT_TRUE(out->WaitForFrames(5, kWait));
-    ASSERT_TRUE(client->Lock());
-    if (GetParam()) client->Kill();
-    else ASSERT_TRUE(client->Stop());
+    ASSERT_TRUE(client.Lock());
+    if (GetParam()) client.Kill();
+    else ASSERT_TRUE(client.Stop());
     ASSERT_TRUE(log.WaitFor("W Mixer_Playback:runLoop:Erasing Input " + name.str() + ":"));
     ASSERT_TRUE(out->WaitForFrames(out->FrameCount() + 5, kWait));
     pb.DeInit();
-    EXPECT_FALSE(StreamOf(bad));
     const std::vector<boost::shared_ptr<AudioFrame> > frames = out->Frames();
     EXPECT_EQ(int(frames.size()), tone->FramesProduced());
     for (size_t f = 0; f < frames.size(); ++f)
         for (unsigned i = 0; i < 2 * 960; ++i)
             ASSERT_EQ(frames[f]->Samples16()[i], tone->SampleAt(f * 960 + i / 2)) << "frame " << f << " sample " << i;
-    // With robust locks a dead client's stream ends as a hung-up one once its queue is
-    // drained; without them (qemu-user), or while it is stopped, its lock stays taken
-    // and the input gives up after its busy periods.
-    const bool robust = GetParam() && RobustLocksAvailable();
-    EXPECT_EQ(bad->state, robust ? STATE_HANGUP : STATE_FAULT);
-    EXPECT_EQ(log.Count(robust ? "E Mixer_DataTrans:Lock:reason=OwnerDied,name=" + name.str() + ":"
-                               : "E Mixer_InputDataTrans:Process:queue lock held for 500 ms, input faulted:"), 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Client, PlaybackClientTest, ::testing::Values(true, false),
                          [](const ::testing::TestParamInfo<bool>& i) { return i.param ? "Killed" : "Stopped"; });
 
 }  // namespace
-}  // namespace test
-}  // namespace mixer
+}  // namespace mixer::test

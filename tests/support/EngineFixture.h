@@ -1,25 +1,17 @@
 #pragma once
-
-// One engine (Playback or Record) under test with a fake host and a fake output, and
-// what the tests of both share.
-
+// One engine (Playback or Record) under test with a fake host and a fake output, and what the tests of both share.
 #include <gtest/gtest.h>
-
 #include <chrono>
 #include <climits>
 #include <thread>
-
 #include <boost/make_shared.hpp>
-
 #include "tests/support/FakeConnect.h"
 #include "tests/support/FakeOutput.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ScriptedInput.h"
 #include "tests/support/ThreadWakeups.h"
 
-namespace mixer {
-namespace test {
-
+namespace mixer::test {
 const std::chrono::milliseconds kWait(20000);  // only a failing test waits this long
 const int kHangUp = INT_MIN;                   // a level that hangs a scripted input up
 typedef boost::shared_ptr<ScriptedInput> InputPtr;
@@ -61,6 +53,4 @@ protected:
     OutputPtr out = boost::make_shared<FakeOutput>("ALSA");
     Engine engine;        // destroyed first: its destructor joins the thread
 };
-
-}  // namespace test
-}  // namespace mixer
+}  // namespace mixer::test
