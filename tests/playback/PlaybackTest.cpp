@@ -13,7 +13,7 @@
 #include "tests/support/EngineFixture.h"
 #include "tests/support/LockingClient.h"
 #include "tests/support/ShmName.h"
-#include "tests/support/SineInput.h"
+#include "tests/support/Fake.h"
 
 namespace mixer::test {
 namespace {

@@ -3,9 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "mixer/algo/AlgoRampGain.h"
-#include "tests/support/FakeOutput.h"
+#include "tests/support/Fake.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/ScriptedInput.h"
 
 namespace mixer {
 namespace {

@@ -6,9 +6,8 @@
 #include <thread>
 #include <boost/make_shared.hpp>
 #include "tests/support/FakeConnect.h"
-#include "tests/support/FakeOutput.h"
+#include "tests/support/Fake.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/ScriptedInput.h"
 #include "tests/support/ThreadWakeups.h"
 
 namespace mixer::test {

@@ -161,19 +161,4 @@ private:
     uint64_t next_ = 0; int produced_ = 0;  // next_: the next sample per channel
 };
 
-// An input that gives a frame of zeros, or (withFrames false) no frame, every time it is asked.
-class SilenceInput : public FakeIO<Input> {
-public:
-    SilenceInput(unsigned rate_, unsigned numCh_, const std::string& desc_ = "silence", bool withFrames = true, unsigned sampleSize_ = 2)
-        : FakeIO(desc_, rate_, numCh_, sampleSize_, desc_), withFrames_(withFrames) {}
-    boost::shared_ptr<AudioFrame> Process() override {
-        Lock l(mutex_); EnterLocked("Process");
-        boost::shared_ptr<AudioFrame> frame = withFrames_ ? NewFrame() : nullptr;
-        if (frame) std::memset(frame->data, 0, frame->size);
-        return frame;
-    }
-    int ProcessCount() const { return CountOf("Process"); }
-private:
-    const bool withFrames_;
-};
 }  // namespace mixer::test

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <fstream>
 #include <thread>
-#include "tests/support/ScriptedInput.h"
+#include "tests/support/Fake.h"
 // Shows that an engine thread sleeps: its count of context switches stays the same while it is blocked.
 namespace mixer::test {
 // Voluntary plus involuntary context switches of thread tid of this process (-1: unknown); *state: 'R', 'S'...

@@ -1,2 +1,0 @@
-#pragma once
-#include "tests/support/Fake.h"  // with the other input and output fakes
