@@ -36,50 +36,50 @@ bool ControlDispatcher::MicEnabled() const {
     return micEnabled_;
 }
 
-ControlReply ControlDispatcher::Handle(const ControlCommand& cmd) {
+client::ControlReply ControlDispatcher::Handle(const client::ControlCommand& cmd) {
     switch (cmd.kind) {
-    case ControlCommand::kStreamVolume: {
+    case client::ControlCommand::kStreamVolume: {
         unsigned speaker = SpeakerVolume();
         sink_.PostPlayback(boost::shared_ptr<MsgHead>(new MsgSetStreamVol(cmd.streamType, cmd.volume, speaker)));
         MIXER_LOG_I("Mixerd_Control:volume %s %u (speaker %u):", cmd.streamType.c_str(), cmd.volume, speaker);
-        return ControlReply::Ok();
+        return client::ControlReply::Ok();
     }
-    case ControlCommand::kSpeakerVolume: {
+    case client::ControlCommand::kSpeakerVolume: {
         {
             std::lock_guard<std::mutex> guard(mutex_);
             speakerVolume_ = cmd.volume;
         }
         sink_.PostPlayback(boost::shared_ptr<MsgHead>(new MsgSetSpeakerVol(cmd.volume)));
         MIXER_LOG_I("Mixerd_Control:speaker %u:", cmd.volume);
-        return ControlReply::Ok();
+        return client::ControlReply::Ok();
     }
-    case ControlCommand::kFocus:
+    case client::ControlCommand::kFocus:
         // The engine cannot take focus away; "none" only stops new streams getting it.
         if (!cmd.streamType.empty())
             sink_.PostPlayback(boost::shared_ptr<MsgHead>(new MsgSetFocus(cmd.streamType)));
         sink_.FocusChanged(cmd.streamType);
         MIXER_LOG_I("Mixerd_Control:focus '%s':", cmd.streamType.c_str());
-        return ControlReply::Ok();
-    case ControlCommand::kMic: {
+        return client::ControlReply::Ok();
+    case client::ControlCommand::kMic: {
         {
             std::lock_guard<std::mutex> guard(mutex_);
             micEnabled_ = cmd.enable;
         }
         sink_.PostRecord(boost::shared_ptr<MsgHead>(new MsgEnableMic(cmd.enable ? 1 : 0)));
         MIXER_LOG_I("Mixerd_Control:mic %s:", cmd.enable ? "on" : "off");
-        return ControlReply::Ok();
+        return client::ControlReply::Ok();
     }
-    case ControlCommand::kStatus:
+    case client::ControlCommand::kStatus:
         return Status();
-    case ControlCommand::kLatency:
+    case client::ControlCommand::kLatency:
         return Latency();
-    case ControlCommand::kHelp:
+    case client::ControlCommand::kHelp:
         break;
     }
-    return ControlReply::Error("request not handled here");
+    return client::ControlReply::Error("request not handled here");
 }
 
-ControlReply ControlDispatcher::Status() {
+client::ControlReply ControlDispatcher::Status() {
     const std::string& file = settings_.statusFile;
     unlink(file.c_str());  // so that a report left from earlier is never taken for this one
     std::shared_ptr<std::promise<void>> done = std::make_shared<std::promise<void>>();
@@ -87,17 +87,17 @@ ControlReply ControlDispatcher::Status() {
     sink_.PostPlayback(boost::shared_ptr<MsgHead>(new MsgWriteInfoNotify(file, done)));
     done.reset();
     if (written.wait_for(std::chrono::milliseconds(settings_.statusTimeoutMs)) != std::future_status::ready)
-        return ControlReply::Error("no status report within " + std::to_string(settings_.statusTimeoutMs) +
+        return client::ControlReply::Error("no status report within " + std::to_string(settings_.statusTimeoutMs) +
                                    " ms: the engines do not answer");
     std::ifstream in(file.c_str());
-    if (!in) return ControlReply::Error("the engines could not write the status report to " + file);
+    if (!in) return client::ControlReply::Error("the engines could not write the status report to " + file);
     std::ostringstream body;
     body << in.rdbuf();
-    return ControlReply::Ok(body.str());
+    return client::ControlReply::Ok(body.str());
 }
 
-ControlReply ControlDispatcher::Latency() {
-    if (probe_->Active()) return ControlReply::Error("a latency test is already running");
+client::ControlReply ControlDispatcher::Latency() {
+    if (probe_->Active()) return client::ControlReply::Error("a latency test is already running");
     bool micWasOn = MicEnabled();
     probe_->Arm();
     if (!micWasOn) sink_.PostRecord(boost::shared_ptr<MsgHead>(new MsgEnableMic(1)));
@@ -118,15 +118,15 @@ ControlReply ControlDispatcher::Latency() {
         snprintf(text, sizeof(text), "latency %lld.%lld ms\n", static_cast<long long>(delayUs / 1000),
                  static_cast<long long>((delayUs % 1000) / 100));
         MIXER_LOG_I("Mixerd_Control:LatencyTest:%lld us:", static_cast<long long>(delayUs));
-        return ControlReply::Ok(text);
+        return client::ControlReply::Ok(text);
     }
     case LatencyProbe::kNoMark:
         MIXER_LOG_W("Mixerd_Control:LatencyTest:no mark written:");
-        return ControlReply::Error("latency test: the output did not carry the mark within " + limit +
+        return client::ControlReply::Error("latency test: the output did not carry the mark within " + limit +
                                    " (no silence algorithm on the output?)");
     default:
         MIXER_LOG_W("Mixerd_Control:LatencyTest:mark not heard:");
-        return ControlReply::Error("latency test: the mark did not come back on the microphone within " +
+        return client::ControlReply::Error("latency test: the mark did not come back on the microphone within " +
                                    limit);
     }
 }

@@ -42,14 +42,14 @@ public:
     ControlDispatcher(EngineSink& sink, boost::shared_ptr<LatencyProbe> probe,
                       const Settings& settings);
 
-    ControlReply Handle(const ControlCommand& cmd) override;
+    client::ControlReply Handle(const client::ControlCommand& cmd) override;
 
     unsigned SpeakerVolume() const;
     bool MicEnabled() const;
 
 private:
-    ControlReply Status();
-    ControlReply Latency();
+    client::ControlReply Status();
+    client::ControlReply Latency();
 
     EngineSink& sink_;
     boost::shared_ptr<LatencyProbe> probe_;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "host/ControlCommand.h"
+#include "client/ControlCommand.h"
 
 namespace mixer {
 namespace host {
@@ -12,7 +12,7 @@ namespace host {
 class ControlHandler {
 public:
     virtual ~ControlHandler() {}
-    virtual ControlReply Handle(const ControlCommand& cmd) = 0;
+    virtual client::ControlReply Handle(const client::ControlCommand& cmd) = 0;
 };
 
 }  // namespace host

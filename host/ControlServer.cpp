@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "host/ControlProtocol.h"
+#include "client/ControlProtocol.h"
 #include "mixer/core/Log.h"
 
 namespace mixer {
@@ -136,7 +136,7 @@ void ControlServer::Serve(int fd) {
         int r = poll(pfd, 2, kReadTimeoutMs);
         if (r < 0 && errno == EINTR) continue;
         if (r <= 0) {
-            SendAll(fd, ControlProtocol::FormatReply(ControlReply::Error("no request line received")));
+            SendAll(fd, client::ControlProtocol::FormatReply(client::ControlReply::Error("no request line received")));
             return;
         }
         if (pfd[1].revents) return;  // shutting down
@@ -154,24 +154,24 @@ void ControlServer::Serve(int fd) {
             }
             line += buf[i];
         }
-        if (!complete && line.size() > ControlProtocol::kMaxLineLen) {
-            SendAll(fd, ControlProtocol::FormatReply(ControlReply::Error(
-                            "request longer than " + std::to_string(ControlProtocol::kMaxLineLen) + " bytes")));
+        if (!complete && line.size() > client::ControlProtocol::kMaxLineLen) {
+            SendAll(fd, client::ControlProtocol::FormatReply(client::ControlReply::Error(
+                            "request longer than " + std::to_string(client::ControlProtocol::kMaxLineLen) + " bytes")));
             return;
         }
     }
-    ControlCommand cmd;
+    client::ControlCommand cmd;
     std::string error;
-    ControlReply reply;
-    if (!ControlProtocol::Parse(line, cmd, error)) {
+    client::ControlReply reply;
+    if (!client::ControlProtocol::Parse(line, cmd, error)) {
         MIXER_LOG_W("Mixerd_ControlServer:Serve:refused: %s:", error.c_str());
-        reply = ControlReply::Error(error);
-    } else if (cmd.kind == ControlCommand::kHelp) {
-        reply = ControlReply::Ok(ControlProtocol::Usage());
+        reply = client::ControlReply::Error(error);
+    } else if (cmd.kind == client::ControlCommand::kHelp) {
+        reply = client::ControlReply::Ok(client::ControlProtocol::Usage());
     } else {
         reply = handler_.Handle(cmd);
     }
-    SendAll(fd, ControlProtocol::FormatReply(reply));
+    SendAll(fd, client::ControlProtocol::FormatReply(reply));
 }
 
 }  // namespace host

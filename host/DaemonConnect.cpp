@@ -11,7 +11,7 @@
 #include "host/DiscardOutput.h"
 #include "host/LatencyCarrierInput.h"
 #include "host/MsgNewClientOutput.h"
-#include "host/StreamQueueName.h"
+#include "client/StreamQueueName.h"
 #include "host/StreamToken.h"
 #include "host/ToneMicInput.h"
 #include "host/TrailingSilence.h"
@@ -90,9 +90,9 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
         // A frame is 20 ms: a rate without a whole number of samples in it would play
         // slow and leave the resampler part of each frame to fill.
         refusal = "rate does not make whole 20-ms frames";
-    else if (record && info.type != kTypeDataTrans)
+    else if (record && info.type != client::kTypeDataTrans)
         refusal = "record streams use the dataTrans transport";
-    else if (!record && info.type != kTypeDataTrans && info.type != kTypeShmQ && info.type != kTypeShmB)
+    else if (!record && info.type != client::kTypeDataTrans && info.type != kTypeShmQ && info.type != kTypeShmB)
         refusal = "unknown transport type";
     if (refusal) {
         MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s refused: %s:", fileName.c_str(), refusal);
@@ -176,9 +176,9 @@ uint64_t DaemonConnect::WatchClient(const std::string& name, int pid, const boos
 boost::shared_ptr<Input> DaemonConnect::OpenPlayback(const sStreamInfo& info, std::function<void()> onGone,
                                                      boost::shared_ptr<DataTrans>& queue) {
     const std::string meta = info.meta.empty() ? kStreamDefault : info.meta;
-    if (info.type == kTypeDataTrans) {
+    if (info.type == client::kTypeDataTrans) {
         queue = boost::make_shared<DataTrans>();
-        const std::string qname = StreamQueueName(info.name);
+        const std::string qname = client::StreamQueueName(info.name);
         int err = queue->Init(qname.c_str());
         if (err != 0) {
             MIXER_LOG_W("Mixerd_Connect:OpenPlayback:cannot open %s: %s:", qname.c_str(), std::strerror(err));
@@ -202,7 +202,7 @@ boost::shared_ptr<Input> DaemonConnect::OpenPlayback(const sStreamInfo& info, st
 boost::shared_ptr<Output> DaemonConnect::OpenRecord(const sStreamInfo& info, std::function<void()> onGone,
                                                    boost::shared_ptr<DataTrans>& queue) {
     queue = boost::make_shared<DataTrans>();
-    const std::string qname = StreamQueueName(info.name);
+    const std::string qname = client::StreamQueueName(info.name);
     int err = queue->Init(qname.c_str());
     if (err != 0) {
         MIXER_LOG_W("Mixerd_Connect:OpenRecord:cannot open %s: %s:", qname.c_str(), std::strerror(err));

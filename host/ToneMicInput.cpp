@@ -14,7 +14,7 @@ const double kTwoPi = 6.283185307179586;
 }  // namespace
 
 ToneMicInput::ToneMicInput(unsigned rate_, unsigned numCh_, double freqHz, double amplitude,
-                           RealTimePacer::Clock* clock)
+                           client::RealTimePacer::Clock* clock)
     : Input(rate_, numCh_, SAMPLE_SIZE_16, "mic"), phase_(0), pacer_(0, kMaxLagUs, clock) {
     name = "ToneMic";
     state = STATE_ACTIVE;

@@ -4,7 +4,7 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include "host/RealTimePacer.h"
+#include "client/RealTimePacer.h"
 #include "mixer/input/Input.h"
 
 namespace mixer {
@@ -19,7 +19,7 @@ class ToneMicInput : public Input {
 public:
     // amplitude: peak as a fraction of full scale (0..1).
     ToneMicInput(unsigned rate, unsigned numCh, double freqHz, double amplitude,
-                 RealTimePacer::Clock* clock = nullptr);
+                 client::RealTimePacer::Clock* clock = nullptr);
 
     void Pause() override;
     void Resume() override;
@@ -29,7 +29,7 @@ private:
     double step_;    // phase increment per sample, radians
     double phase_;
     double peak_;    // in sample units
-    RealTimePacer pacer_;
+    client::RealTimePacer pacer_;
 };
 
 }  // namespace host

@@ -13,7 +13,7 @@ const int64_t kMaxLagUs = 200000;
 }  // namespace
 
 boost::shared_ptr<WavMicInput> WavMicInput::Open(const std::string& path, unsigned numCh_,
-                                                 bool loop, RealTimePacer::Clock* clock) {
+                                                 bool loop, client::RealTimePacer::Clock* clock) {
     SF_INFO info = SF_INFO();
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
     if (!file) {
@@ -32,7 +32,7 @@ boost::shared_ptr<WavMicInput> WavMicInput::Open(const std::string& path, unsign
 }
 
 WavMicInput::WavMicInput(SNDFILE* file, unsigned rate_, unsigned fileCh, unsigned numCh_,
-                         bool loop, RealTimePacer::Clock* clock)
+                         bool loop, client::RealTimePacer::Clock* clock)
     : Input(rate_, numCh_, SAMPLE_SIZE_16, "mic"), file_(file), fileCh_(fileCh), loop_(loop),
       atEnd_(false), pacer_(0, kMaxLagUs, clock) {
     name = "WavMic";

@@ -7,7 +7,7 @@
 #include <boost/shared_ptr.hpp>
 #include <sndfile.h>
 
-#include "host/RealTimePacer.h"
+#include "client/RealTimePacer.h"
 #include "mixer/input/Input.h"
 
 namespace mixer {
@@ -25,7 +25,7 @@ class WavMicInput : public Input {
 public:
     // Opens path for reading; an empty pointer (after an error line) when it cannot.
     static boost::shared_ptr<WavMicInput> Open(const std::string& path, unsigned numCh,
-                                               bool loop, RealTimePacer::Clock* clock = nullptr);
+                                               bool loop, client::RealTimePacer::Clock* clock = nullptr);
     ~WavMicInput() override;
 
     void Pause() override;
@@ -36,7 +36,7 @@ public:
 
 private:
     WavMicInput(SNDFILE* file, unsigned rate, unsigned fileCh, unsigned numCh, bool loop,
-                RealTimePacer::Clock* clock);
+                client::RealTimePacer::Clock* clock);
     uint32_t ReadInto(int16_t* out, uint32_t frames);
 
     SNDFILE* file_;
@@ -44,7 +44,7 @@ private:
     bool loop_;
     bool atEnd_;
     std::vector<int16_t> buf_;  // one period in the file's layout
-    RealTimePacer pacer_;
+    client::RealTimePacer pacer_;
 };
 
 }  // namespace host

@@ -15,7 +15,7 @@ const int64_t kMaxLagUs = INT64_C(1) << 62;
 }  // namespace
 
 WavOutput::WavOutput(const std::string& path, unsigned rate, unsigned numCh,
-                     RealTimePacer::Clock* clock)
+                     client::RealTimePacer::Clock* clock)
     : path_(path), rate_(rate), numCh_(numCh), file_(nullptr),
       pacer_(kLeadUs, kMaxLagUs, clock), framesWritten_(0), silenceWritten_(0) {
     name = "WAV";

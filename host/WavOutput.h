@@ -6,7 +6,7 @@
 
 #include <sndfile.h>
 
-#include "host/RealTimePacer.h"
+#include "client/RealTimePacer.h"
 #include "mixer/core/Output.h"
 
 namespace mixer {
@@ -31,7 +31,7 @@ public:
     static constexpr int64_t kLeadUs = 40000;
 
     WavOutput(const std::string& path, unsigned rate, unsigned numCh,
-              RealTimePacer::Clock* clock = nullptr);
+              client::RealTimePacer::Clock* clock = nullptr);
     ~WavOutput() override;
 
     // Creates (truncates) the file. 0, or -1 with state Fault and an error line.
@@ -60,7 +60,7 @@ private:
     unsigned rate_;
     unsigned numCh_;
     SNDFILE* file_;
-    RealTimePacer pacer_;
+    client::RealTimePacer pacer_;
     std::vector<int16_t> buf_;
     uint64_t framesWritten_;
     uint64_t silenceWritten_;

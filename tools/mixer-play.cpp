@@ -14,11 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/RealTimePacer.h"
-#include "host/StreamQueueName.h"
-#include "mixer/core/StreamInfo.h"
-#include "mixer/discovery/StreamFiles.h"
-#include "mixer/transport/DataTransWriter.h"
+#include "client/RealTimePacer.h"
+#include "client/ClientStream.h"
 
 namespace {
 
@@ -143,8 +140,7 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
-    if (file.empty() || name.empty() || meta.empty() || name.find('\n') != std::string::npos ||
-        name.find('/', 1) != std::string::npos) {
+    if (file.empty() || meta.empty() || !mixer::client::ClientStream::ValidName(name)) {
         std::fprintf(stderr, "mixer-play: FILE, --name (no '/' or line feed) and --meta are needed (see --help)\n");
         return 2;
     }
@@ -163,7 +159,6 @@ int main(int argc, char** argv) {
         return 2;
     }
     const unsigned periodFrames = rate / 50;  // 20 ms
-    const unsigned blkSize = periodFrames * ch * 2;
 
     struct sigaction sa;
     std::memset(&sa, 0, sizeof(sa));
@@ -172,30 +167,21 @@ int main(int argc, char** argv) {
     sigaction(SIGTERM, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
-    mixer::DataTransWriter writer;
-    const std::string queueName = mixer::host::StreamQueueName(name);
-    int err = writer.Create(queueName.c_str(), blocks, blkSize, static_cast<int>(rate), static_cast<int>(ch), 2);
-    if (err != 0) {
-        std::fprintf(stderr, "mixer-play: cannot create the stream's queue %s: %s\n", queueName.c_str(),
-                     err == EEXIST ? "a stream of that name is playing already" : std::strerror(err));
+    mixer::client::ClientStream stream;
+    mixer::client::ClientStream::Params params;
+    params.name = name;
+    params.meta = meta;
+    params.rate = rate;
+    params.channels = ch;
+    params.blocks = blocks;
+    params.id = id;
+    std::string error;
+    if (stream.Open(mixer::client::ClientStream::kPlayback, params, error) != 0) {
+        std::fprintf(stderr, "mixer-play: %s\n", error.c_str());
         sf_close(sf);
         return 1;
     }
-    mixer::sStreamInfo desc;
-    desc.id = id;
-    desc.type = mixer::host::kTypeDataTrans;
-    desc.name = name;
-    desc.rate = rate;
-    desc.numCh = ch;
-    desc.sampleSize = 2;
-    desc.meta = meta;
-    if (mixer::UtilWriteFile(desc) != 0) {
-        std::fprintf(stderr, "mixer-play: cannot write the description file of %s in %s\n", name.c_str(),
-                     mixer::kStreamDir);
-        writer.Close();
-        sf_close(sf);
-        return 1;
-    }
+    mixer::DataTransWriter& writer = stream.Writer();
 
     bool tty = !quiet && isatty(STDERR_FILENO);
     if (tty && isatty(STDIN_FILENO) && tcgetattr(STDIN_FILENO, &g_savedTerm) == 0) {
@@ -209,7 +195,7 @@ int main(int argc, char** argv) {
 
     // The file is sent at playing speed, at most this far ahead of the clock; a full
     // queue (the mixer plays slower, or paused) holds the writer back as well.
-    mixer::host::RealTimePacer pacer(100000, 200000);
+    mixer::client::RealTimePacer pacer(100000, 200000);
     std::vector<int16_t> buf(periodFrames * ch);
     const double total = info.frames > 0 ? double(info.frames) / rate : 0;
     uint64_t sentFrames = 0;
@@ -267,7 +253,7 @@ int main(int argc, char** argv) {
         std::snprintf(bufId, sizeof(bufId), "%s:%u", name.c_str(), chunk++);
         while (done < bytes && !g_quit) {
             size_t wrote = 0;
-            err = writer.Write(reinterpret_cast<const char*>(buf.data()) + done, bytes - done, bufId, 200, &wrote);
+            const int err = writer.Write(reinterpret_cast<const char*>(buf.data()) + done, bytes - done, bufId, 200, &wrote);
             done += wrote;
             if (err == 0 || err == ETIMEDOUT) continue;
             std::fprintf(stderr, "%smixer-play: %s: the mixer %s the stream\n", tty ? "\n" : "", name.c_str(),
@@ -289,8 +275,7 @@ int main(int argc, char** argv) {
         writer.SendCmd(mixer::CMD_DRAIN);
         writer.Drain();
     }
-    writer.Close();
-    mixer::UtilRemoveFile(name);
+    stream.Close();
     sf_close(sf);
     RestoreTerminal();
     if (tty) std::fprintf(stderr, "\r%s: %6.1f s / %.1f s  %-8s\n", name.c_str(), double(sentFrames) / rate, total,

@@ -10,9 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "host/StreamQueueName.h"
-#include "mixer/core/StreamInfo.h"
-#include "mixer/discovery/StreamFiles.h"
+#include "client/ClientStream.h"
 #include "mixer/transport/DataTrans.h"
 
 namespace {
@@ -116,32 +114,20 @@ int main(int argc, char** argv) {
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
 
-    const std::string queueName = mixer::host::StreamQueueName(name);
-    mixer::DataTrans queue;
-    int err = queue.Init(queueName.c_str(), 16, rate / 50 * channels * 2);
-    if (err != 0) {
-        std::fprintf(stderr, "mixer-rec: cannot create the stream's queue %s: %s\n", queueName.c_str(),
-                     err == EEXIST ? "someone records under that name already" : std::strerror(err));
+    mixer::client::ClientStream stream;
+    mixer::client::ClientStream::Params params;
+    params.name = name;
+    params.rate = rate;
+    params.channels = channels;
+    params.blocks = 16;
+    std::string error;
+    if (stream.Open(mixer::client::ClientStream::kRecord, params, error) != 0) {
+        std::fprintf(stderr, "mixer-rec: %s\n", error.c_str());
         sf_close(sf);
         return 1;
     }
-    queue.SetRate(static_cast<int>(rate));
-    queue.SetNumCh(static_cast<int>(channels));
-    queue.SetSampleSize(2);
-    mixer::sStreamInfo desc;
-    desc.id = static_cast<int>(getpid());
-    desc.type = mixer::host::kTypeDataTrans;
-    desc.name = name;
-    desc.rate = rate;
-    desc.numCh = channels;
-    desc.sampleSize = 2;
-    desc.meta = "record";
-    if (mixer::UtilWriteFile(desc) != 0) {
-        std::fprintf(stderr, "mixer-rec: cannot write the description file in %s\n", mixer::kStreamDir);
-        queue.DeInit();
-        sf_close(sf);
-        return 1;
-    }
+    mixer::DataTrans& queue = stream.Queue();
+    int err = 0;
 
     const bool tty = !quiet && isatty(STDERR_FILENO);
     const uint64_t wanted = seconds > 0 ? static_cast<uint64_t>(seconds * rate) : UINT64_MAX;
@@ -171,8 +157,7 @@ int main(int argc, char** argv) {
         if (tty) std::fprintf(stderr, "\r%s: %6.1f s recorded", name.c_str(), double(frames) / rate);
     }
     if (g_quit) why = "interrupted";
-    queue.DeInit();
-    mixer::UtilRemoveFile(name);
+    stream.Close();
     sf_close(sf);
     if (tty || status) std::fprintf(stderr, "%s%s: %.1f s recorded, %s\n", tty ? "\r" : "", name.c_str(),
                                     double(frames) / rate, why);

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <string>
 
-#include "host/ControlClient.h"
-#include "host/ControlProtocol.h"
+#include "client/ControlClient.h"
+#include "client/ControlProtocol.h"
 
 namespace {
 
@@ -47,8 +47,8 @@ int main(int argc, char** argv) {
         std::string a = argv[i];
         if (line.empty() && (a == "-h" || a == "--help")) {
             std::string requests;
-            for (const char* p = mixer::host::ControlProtocol::Usage(); *p; ++p) {
-                if (p == mixer::host::ControlProtocol::Usage() || p[-1] == '\n') requests += "    ";
+            for (const char* p = mixer::client::ControlProtocol::Usage(); *p; ++p) {
+                if (p == mixer::client::ControlProtocol::Usage() || p[-1] == '\n') requests += "    ";
                 requests += *p;
             }
             std::printf(kHelp, requests.c_str());
@@ -83,9 +83,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "mixerctl: no request given (see --help)\n");
         return 2;
     }
-    mixer::host::ControlReply reply;
+    mixer::client::ControlReply reply;
     std::string error;
-    if (!mixer::host::ControlClient::Request(socketPath, line, reply, error, timeoutMs)) {
+    if (!mixer::client::ControlClient::Request(socketPath, line, reply, error, timeoutMs)) {
         std::fprintf(stderr, "mixerctl: %s\n", error.c_str());
         return 2;
     }

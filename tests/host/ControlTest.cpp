@@ -4,9 +4,9 @@
 #include <unistd.h>
 #include <cstring>
 #include <fstream>
-#include "host/ControlClient.h"
+#include "client/ControlClient.h"
 #include "host/ControlDispatcher.h"
-#include "host/ControlProtocol.h"
+#include "client/ControlProtocol.h"
 #include "host/ControlServer.h"
 #include "mixer/core/MsgEnableMic.h"
 #include "mixer/core/MsgNewInput.h"
@@ -22,9 +22,9 @@
 namespace mixer {
 namespace {
 
-using host::ControlCommand;
-using host::ControlProtocol;
-using host::ControlReply;
+using client::ControlCommand;
+using client::ControlProtocol;
+using client::ControlReply;
 using Strings = std::vector<std::string>;
 using std::to_string;
 template <class M>
@@ -144,7 +144,7 @@ TEST(ControlServerTest, RequestsBecomeEngineMessagesRepliesSayWhatWentWrongAndMi
     auto Do = [&path](const std::string& line) {
         ControlReply r;
         std::string error;
-        return host::ControlClient::Request(path, line, r, error) ? (r.ok ? "OK " : "ERR ") + r.text : error;
+        return client::ControlClient::Request(path, line, r, error) ? (r.ok ? "OK " : "ERR ") + r.text : error;
     };
     for (const char* line : {"volume music 30", "speaker 61", "volume prompt 70", "focus prompt", "focus none"})
         EXPECT_EQ(Do(line), "OK ") << line;

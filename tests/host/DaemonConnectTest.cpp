@@ -7,7 +7,7 @@
 #include <boost/make_shared.hpp>
 #include <boost/pointer_cast.hpp>
 #include "host/DaemonConnect.h"
-#include "host/StreamQueueName.h"
+#include "client/StreamQueueName.h"
 #include "mixer/algo/AlgoRampGain.h"
 #include "mixer/core/MsgSetFocus.h"
 #include "mixer/discovery/StreamFiles.h"
@@ -27,7 +27,7 @@ template <class M>
 boost::shared_ptr<M> As(const boost::shared_ptr<MsgHead>& m) { return boost::dynamic_pointer_cast<M>(m); }
 
 sStreamInfo Info(const std::string& name, const std::string& meta, unsigned rate = 48000, unsigned numCh = 2,
-                 const std::string& type = host::kTypeDataTrans) {
+                 const std::string& type = client::kTypeDataTrans) {
     sStreamInfo i;
     i.id = 1, i.name = name, i.type = type, i.meta = meta;
     i.rate = rate, i.numCh = numCh, i.sampleSize = 2;

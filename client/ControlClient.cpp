@@ -1,4 +1,4 @@
-#include "host/ControlClient.h"
+#include "client/ControlClient.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -8,10 +8,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "host/ControlProtocol.h"
+#include "client/ControlProtocol.h"
 
 namespace mixer {
-namespace host {
+namespace client {
 
 bool ControlClient::Request(const std::string& path, const std::string& line, ControlReply& reply,
                             std::string& error, int timeoutMs) {
@@ -76,5 +76,5 @@ bool ControlClient::Request(const std::string& path, const std::string& line, Co
     return true;
 }
 
-}  // namespace host
+}  // namespace client
 }  // namespace mixer

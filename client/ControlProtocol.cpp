@@ -1,10 +1,10 @@
-#include "host/ControlProtocol.h"
+#include "client/ControlProtocol.h"
 
 #include <sstream>
 #include <vector>
 
 namespace mixer {
-namespace host {
+namespace client {
 
 namespace {
 
@@ -132,5 +132,5 @@ const char* ControlProtocol::Usage() {
            "help                  this list\n";
 }
 
-}  // namespace host
+}  // namespace client
 }  // namespace mixer

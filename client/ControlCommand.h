@@ -3,7 +3,7 @@
 #include <string>
 
 namespace mixer {
-namespace host {
+namespace client {
 
 // One request of the control socket, parsed (ControlProtocol::Parse).
 struct ControlCommand {
@@ -45,5 +45,5 @@ struct ControlReply {
     std::string text;
 };
 
-}  // namespace host
+}  // namespace client
 }  // namespace mixer

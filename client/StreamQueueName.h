@@ -3,7 +3,7 @@
 #include <string>
 
 namespace mixer {
-namespace host {
+namespace client {
 
 // The transport type name of the mixer's own shared block queue in a stream
 // description file (the library names only "shmQ", "shmB" and "file").
@@ -14,5 +14,5 @@ extern const char* const kTypeDataTrans;  // "dataTrans"
 // description file; the daemon opens it by the same rule.
 std::string StreamQueueName(const std::string& streamName);
 
-}  // namespace host
+}  // namespace client
 }  // namespace mixer

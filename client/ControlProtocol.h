@@ -2,10 +2,10 @@
 
 #include <string>
 
-#include "host/ControlCommand.h"
+#include "client/ControlCommand.h"
 
 namespace mixer {
-namespace host {
+namespace client {
 
 // The control socket's line protocol. A client connects, sends one request line ended
 // by a line feed, and reads the reply until the daemon closes the connection:
@@ -38,5 +38,5 @@ public:
     static const char* Usage();
 };
 
-}  // namespace host
+}  // namespace client
 }  // namespace mixer

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 namespace mixer {
-namespace host {
+namespace client {
 
 // Keeps a stream of fixed-length periods in step with the monotonic clock, the way a
 // sound card's clock paces its reader or writer. A timeline starts at the first
@@ -50,5 +50,5 @@ private:
     uint32_t reanchors_;
 };
 
-}  // namespace host
+}  // namespace client
 }  // namespace mixer

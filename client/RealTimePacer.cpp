@@ -1,10 +1,10 @@
-#include "host/RealTimePacer.h"
+#include "client/RealTimePacer.h"
 
 #include <cerrno>
 #include <ctime>
 
 namespace mixer {
-namespace host {
+namespace client {
 
 namespace {
 
@@ -56,5 +56,5 @@ int64_t RealTimePacer::Advance(int64_t periodUs) {
     return due - now;
 }
 
-}  // namespace host
+}  // namespace client
 }  // namespace mixer

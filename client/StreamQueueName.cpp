@@ -1,7 +1,7 @@
-#include "host/StreamQueueName.h"
+#include "client/StreamQueueName.h"
 
 namespace mixer {
-namespace host {
+namespace client {
 
 const char* const kTypeDataTrans = "dataTrans";
 
@@ -10,5 +10,5 @@ std::string StreamQueueName(const std::string& streamName) {
     return "/mixer-" + (start == std::string::npos ? std::string() : streamName.substr(start));
 }
 
-}  // namespace host
+}  // namespace client
 }  // namespace mixer

@@ -2,10 +2,10 @@
 
 #include <string>
 
-#include "host/ControlCommand.h"
+#include "client/ControlCommand.h"
 
 namespace mixer {
-namespace host {
+namespace client {
 
 // The client end of the control socket (mixerctl): one request, one reply.
 //
@@ -20,5 +20,5 @@ public:
                         std::string& error, int timeoutMs = 10000);
 };
 
-}  // namespace host
+}  // namespace client
 }  // namespace mixer
