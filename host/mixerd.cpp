@@ -23,8 +23,8 @@
 
 #include "host/AlsaMicInput.h"
 #include "host/AlsaOutput.h"
-#include "host/ControlDispatcher.h"
-#include "host/ControlServer.h"
+#include "host/control/ControlDispatcher.h"
+#include "host/control/ControlServer.h"
 #include "host/DaemonConnect.h"
 #include "host/DaemonOptions.h"
 #include "host/EventQueue.h"

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <fstream>
 #include "client/ControlClient.h"
-#include "host/ControlDispatcher.h"
+#include "host/control/ControlDispatcher.h"
 #include "client/ControlProtocol.h"
-#include "host/ControlServer.h"
+#include "host/control/ControlServer.h"
 #include "mixer/core/MsgEnableMic.h"
 #include "mixer/core/MsgNewInput.h"
 #include "mixer/core/MsgNewOutput.h"

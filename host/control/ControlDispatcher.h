@@ -5,7 +5,7 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include "host/ControlHandler.h"
+#include "host/control/ControlHandler.h"
 #include "host/EngineSink.h"
 #include "host/LatencyProbe.h"
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <thread>
 
-#include "host/ControlHandler.h"
+#include "host/control/ControlHandler.h"
 
 namespace mixer {
 namespace host {

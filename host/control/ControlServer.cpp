@@ -1,4 +1,4 @@
-#include "host/ControlServer.h"
+#include "host/control/ControlServer.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>

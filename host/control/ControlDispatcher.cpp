@@ -1,4 +1,4 @@
-#include "host/ControlDispatcher.h"
+#include "host/control/ControlDispatcher.h"
 
 #include <unistd.h>
 
