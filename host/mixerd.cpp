@@ -21,8 +21,8 @@
 
 #include <boost/make_shared.hpp>
 
-#include "host/AlsaMicInput.h"
-#include "host/AlsaOutput.h"
+#include "host/devices/AlsaMicInput.h"
+#include "host/devices/AlsaOutput.h"
 #include "host/control/ControlDispatcher.h"
 #include "host/control/ControlServer.h"
 #include "host/DaemonConnect.h"
@@ -30,9 +30,9 @@
 #include "host/EventQueue.h"
 #include "host/LatencyProbe.h"
 #include "host/ShutdownSignals.h"
-#include "host/ToneMicInput.h"
-#include "host/WavMicInput.h"
-#include "host/WavOutput.h"
+#include "host/devices/ToneMicInput.h"
+#include "host/devices/WavMicInput.h"
+#include "host/devices/WavOutput.h"
 #include "mixer/core/Log.h"
 #include "mixer/core/MsgEnableMic.h"
 #include "mixer/core/MsgPing.h"

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 #include <thread>
-#include "host/DataTransOutput.h"
+#include "host/devices/DataTransOutput.h"
 #include "host/LatencyCarrierInput.h"
 #include "host/LatencyListener.h"
 #include "tests/support/LogCapture.h"

@@ -1,4 +1,4 @@
-#include "host/DataTransOutput.h"
+#include "host/devices/DataTransOutput.h"
 
 #include <cerrno>
 #include <cstring>

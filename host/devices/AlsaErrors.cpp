@@ -1,4 +1,4 @@
-#include "host/AlsaErrors.h"
+#include "host/devices/AlsaErrors.h"
 
 #include <alsa/asoundlib.h>
 

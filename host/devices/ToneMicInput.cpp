@@ -1,4 +1,4 @@
-#include "host/ToneMicInput.h"
+#include "host/devices/ToneMicInput.h"
 
 #include <cmath>
 

@@ -1,6 +1,6 @@
-#include "host/AlsaMicInput.h"
+#include "host/devices/AlsaMicInput.h"
 
-#include "host/AlsaErrors.h"
+#include "host/devices/AlsaErrors.h"
 #include "mixer/core/Log.h"
 
 namespace mixer {

@@ -1,6 +1,6 @@
-#include "host/AlsaOutput.h"
+#include "host/devices/AlsaOutput.h"
 
-#include "host/AlsaErrors.h"
+#include "host/devices/AlsaErrors.h"
 #include "mixer/algo/Algo.h"
 #include "mixer/core/Log.h"
 

@@ -1,4 +1,4 @@
-#include "host/WavMicInput.h"
+#include "host/devices/WavMicInput.h"
 
 #include <cstring>
 

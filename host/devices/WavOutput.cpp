@@ -1,4 +1,4 @@
-#include "host/WavOutput.h"
+#include "host/devices/WavOutput.h"
 
 #include "mixer/algo/Algo.h"
 #include "mixer/core/Log.h"
