@@ -6,10 +6,10 @@
 #include <boost/pointer_cast.hpp>
 
 #include "host/AlgoChannelMap.h"
-#include "host/AlgoLatencyMark.h"
+#include "host/latency/AlgoLatencyMark.h"
 #include "host/devices/DataTransOutput.h"
 #include "host/devices/DiscardOutput.h"
-#include "host/LatencyCarrierInput.h"
+#include "host/latency/LatencyCarrierInput.h"
 #include "host/MsgNewClientOutput.h"
 #include "client/StreamQueueName.h"
 #include "host/StreamToken.h"

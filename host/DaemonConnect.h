@@ -12,7 +12,7 @@
 #include "host/ClientWatcher.h"
 #include "host/EngineSink.h"
 #include "host/EventQueue.h"
-#include "host/LatencyProbe.h"
+#include "host/latency/LatencyProbe.h"
 #include "mixer/core/Connect.h"
 #include "mixer/core/MsgQ.h"
 #include "mixer/transport/DataTrans.h"

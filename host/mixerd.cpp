@@ -28,7 +28,7 @@
 #include "host/DaemonConnect.h"
 #include "host/DaemonOptions.h"
 #include "host/EventQueue.h"
-#include "host/LatencyProbe.h"
+#include "host/latency/LatencyProbe.h"
 #include "host/ShutdownSignals.h"
 #include "host/devices/ToneMicInput.h"
 #include "host/devices/WavMicInput.h"

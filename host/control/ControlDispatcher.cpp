@@ -7,8 +7,8 @@
 #include <future>
 #include <sstream>
 
-#include "host/LatencyCarrierInput.h"
-#include "host/LatencyListener.h"
+#include "host/latency/LatencyCarrierInput.h"
+#include "host/latency/LatencyListener.h"
 #include "host/MsgWriteInfoNotify.h"
 #include "mixer/core/Log.h"
 #include "mixer/core/MsgEnableMic.h"

@@ -7,7 +7,7 @@
 
 #include "host/control/ControlHandler.h"
 #include "host/EngineSink.h"
-#include "host/LatencyProbe.h"
+#include "host/latency/LatencyProbe.h"
 
 namespace mixer {
 namespace host {

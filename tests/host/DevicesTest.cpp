@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 #include <thread>
 #include "host/devices/DataTransOutput.h"
-#include "host/LatencyCarrierInput.h"
-#include "host/LatencyListener.h"
+#include "host/latency/LatencyCarrierInput.h"
+#include "host/latency/LatencyListener.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ShmName.h"
 

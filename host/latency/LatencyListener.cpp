@@ -1,4 +1,4 @@
-#include "host/LatencyListener.h"
+#include "host/latency/LatencyListener.h"
 
 #include <ctime>
 

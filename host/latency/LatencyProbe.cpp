@@ -1,4 +1,4 @@
-#include "host/LatencyProbe.h"
+#include "host/latency/LatencyProbe.h"
 
 #include <chrono>
 #include <cstdlib>

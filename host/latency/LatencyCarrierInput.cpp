@@ -1,4 +1,4 @@
-#include "host/LatencyCarrierInput.h"
+#include "host/latency/LatencyCarrierInput.h"
 
 namespace mixer {
 namespace host {

@@ -1,4 +1,4 @@
-#include "host/AlgoLatencyMark.h"
+#include "host/latency/AlgoLatencyMark.h"
 
 #include <ctime>
 

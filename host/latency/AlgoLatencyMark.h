@@ -2,7 +2,7 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include "host/LatencyProbe.h"
+#include "host/latency/LatencyProbe.h"
 #include "mixer/algo/AlgoSilence.h"
 
 namespace mixer {
