@@ -1,0 +1,111 @@
+#include "client/ClientStream.h"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "client/StreamQueueName.h"
+#include "mixer/core/StreamInfo.h"
+#include "mixer/discovery/StreamFiles.h"
+
+namespace {
+
+using mixer::client::ClientStream;
+
+bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+std::string QueuePath(const std::string& name) { return "/dev/shm" + mixer::client::StreamQueueName(name); }
+std::string FilePath(const std::string& name) { return std::string(mixer::kStreamDir) + "/" + name; }
+
+ClientStream::Params Make(const std::string& name, unsigned rate, unsigned channels, unsigned blocks) {
+    ClientStream::Params p;
+    p.name = name;
+    p.meta = "music";
+    p.rate = rate;
+    p.channels = channels;
+    p.blocks = blocks;
+    return p;
+}
+
+TEST(ClientStreamTest, BadParametersAreRefusedAndLeaveNothing) {
+    const ClientStream::Params bad[] = {
+        Make("", 48000, 2, 8),       Make("/", 48000, 2, 8),        Make("a/b", 48000, 2, 8),
+        Make("a\nb", 48000, 2, 8),   Make("bad", 0, 2, 8),          Make("bad", 96001, 2, 8),
+        Make("bad", 48000, 0, 8),    Make("bad", 48000, 11, 8),     Make("bad", 48000, 2, 1),
+        Make("bad", 48000, 2, 257),
+    };
+    for (const auto& p : bad) {
+        SCOPED_TRACE(p.name + " " + std::to_string(p.rate) + " " + std::to_string(p.channels) + " " +
+                     std::to_string(p.blocks));
+        ClientStream s;
+        std::string error;
+        EXPECT_EQ(EINVAL, s.Open(ClientStream::kPlayback, p, error));
+        EXPECT_FALSE(error.empty());
+        EXPECT_FALSE(s.IsOpen());
+        EXPECT_FALSE(Exists(QueuePath("bad")));
+        EXPECT_FALSE(Exists(FilePath("bad")));
+    }
+    // The limits themselves are taken.
+    for (const auto& p : {Make("/lo", 1, 1, 2), Make("hi", 96000, 10, 256)}) {
+        ClientStream s;
+        std::string error;
+        EXPECT_EQ(0, s.Open(ClientStream::kPlayback, p, error)) << error;
+    }
+}
+
+TEST(ClientStreamTest, OpenAnnouncesTheStreamAndCloseRemovesBoth) {
+    for (auto dir : {ClientStream::kPlayback, ClientStream::kRecord}) {
+        SCOPED_TRACE(dir);
+        ClientStream s;
+        std::string error;
+        ASSERT_EQ(0, s.Open(dir, Make("/nav", 16000, 3, 5), error)) << error;
+        EXPECT_EQ(5u, s.Queue().GetNumBlk());
+        EXPECT_EQ(16000u / 50 * 3 * 2, s.Queue().GetUserBlkSize());  // 20 ms of 16-bit audio
+        EXPECT_EQ(16000, s.Queue().GetRate());
+        EXPECT_EQ(3, s.Queue().GetNumCh());
+        EXPECT_EQ(2, s.Queue().GetSampleSize());
+        mixer::sStreamInfo info;
+        ASSERT_EQ(0, mixer::UtilReadFile("nav", info));
+        EXPECT_EQ("/nav", info.name);
+        EXPECT_EQ(mixer::client::kTypeDataTrans, info.type);
+        EXPECT_EQ(static_cast<int>(getpid()), info.id);
+        EXPECT_EQ(16000u, info.rate);
+        EXPECT_EQ(3u, info.numCh);
+        EXPECT_EQ(2u, info.sampleSize);
+        EXPECT_EQ(dir == ClientStream::kRecord ? "record" : "music", info.meta);
+        mixer::DataTrans daemonEnd;  // the daemon's end, opened by the rule both sides share
+        ASSERT_EQ(0, daemonEnd.Init(mixer::client::StreamQueueName("nav").c_str()));
+
+        // A second stream of the same name is refused and does not disturb the first.
+        ClientStream twin;
+        EXPECT_EQ(EEXIST, twin.Open(dir, Make("nav", 16000, 3, 5), error));
+        EXPECT_TRUE(Exists(QueuePath("nav")));
+        EXPECT_TRUE(Exists(FilePath("nav")));
+
+        s.Close();
+        EXPECT_FALSE(s.IsOpen());
+        EXPECT_FALSE(Exists(FilePath("nav")));
+        EXPECT_TRUE(daemonEnd.IsHungUp());
+        daemonEnd.DeInit();  // the last end to close removes the queue
+        EXPECT_FALSE(Exists(QueuePath("nav")));
+    }
+}
+
+TEST(ClientStreamTest, UnwritableDescriptionFileTakesTheQueueAlong) {
+    ASSERT_NE(nullptr, getenv("MIXER_PRIVATE_RUN")) << "needs the private mounts of the test wrapper";
+    ASSERT_TRUE(mixer::UtilCheckDir());
+    ASSERT_EQ(0, mount("tmpfs", mixer::kStreamDir, "tmpfs", MS_RDONLY, nullptr)) << errno;
+    ClientStream s;
+    std::string error;
+    auto p = Make("ro", 48000, 2, 8);
+    p.id = 77;
+    EXPECT_EQ(EIO, s.Open(ClientStream::kPlayback, p, error));
+    EXPECT_NE(std::string::npos, error.find("description file")) << error;
+    EXPECT_FALSE(s.IsOpen());
+    EXPECT_FALSE(Exists(QueuePath("ro")));
+    umount(mixer::kStreamDir);
+}
+
+}  // namespace
