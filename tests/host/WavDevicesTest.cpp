@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <vector>
+#include "host/WavMicInput.h"
 #include "host/WavOutput.h"
 #include "tests/host/TempDir.h"
 #include "tests/support/LogCapture.h"
@@ -63,6 +64,31 @@ TEST(WavOutputTest, FramesSilenceAndClampedMixesLandInOrderPacedByTheClockAndOth
     WavOutput bad("/nonexistent-dir/x.wav", 8000, 1, &clock);
     EXPECT_EQ(bad.Open() + bad.WriteFrame(Ramp(SAMPLE_SIZE_16, 8000, 1, 0)), -2);
     EXPECT_EQ(bad.state, STATE_FAULT);
+}
+
+void Write(const std::string& path, int rate, int channels, const std::vector<short>& s) {
+    SF_INFO info = SF_INFO();
+    info.samplerate = rate, info.channels = channels, info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+    SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
+    if (f) sf_writef_short(f, s.data(), static_cast<sf_count_t>(s.size() / channels)), sf_close(f);
+}
+
+TEST(WavMicInputTest, MonoIsHeardOnEveryChannelAndLoopsUnusableFilesAreRefused) {
+    test::TempDir dir;
+    StepClock clock;
+    std::vector<short> s(240);  // 30 ms at 8 kHz: one and a half frames
+    for (size_t i = 0; i < s.size(); ++i) s[i] = static_cast<short>(i + 1);
+    Write(dir.File("m.wav"), 8000, 1, s);
+    auto mic = host::WavMicInput::Open(dir.File("m.wav"), 2, true, &clock);
+    ASSERT_TRUE(mic);
+    Frame a = mic->Process(), b = mic->Process();
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(std::vector<short>({a->Samples16()[0], a->Samples16()[1], a->Samples16()[2 * 159 + 1],
+                                  b->Samples16()[2 * 79], b->Samples16()[2 * 80], b->Samples16()[2 * 80 + 1]}),
+              std::vector<short>({1, 1, 160, 240, 1, 1}));  // the end of the file, then round again
+    Write(dir.File("fast.wav"), 192000, 1, s);
+    Write(dir.File("empty.wav"), 8000, 1, {});
+    for (const char* name : {"fast.wav", "empty.wav", "missing.wav"}) EXPECT_FALSE(host::WavMicInput::Open(dir.File(name), 1, true));
 }
 
 }  // namespace
