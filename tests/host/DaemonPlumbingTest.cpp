@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 #include <sstream>
@@ -6,6 +7,7 @@
 
 #include "host/ClientWatcher.h"
 #include "host/DaemonOptions.h"
+#include "host/ShutdownSignals.h"
 #include "tests/support/ChildProcess.h"
 
 namespace mixer {
@@ -100,6 +102,18 @@ TEST(ClientWatcherTest, ActionsRunOnceAfterTheProcessEndsNeverAfterUnwatchAndUnw
     auto none = [] {};
     EXPECT_EQ(V({watcher.Watch(gone, none, id), int64_t(id), watcher.Watch(0, none, id), watcher.Watch(-1, none, id)}),
               (V{ClientWatcher::kGone, 0, ClientWatcher::kUnwatched, ClientWatcher::kUnwatched}));
+}
+
+TEST(ShutdownSignalsTest, TermAndIntArriveOnTheDescriptorInsteadOfKilling) {
+    host::ShutdownSignals signals;
+    ASSERT_TRUE(signals.Ok());
+    pollfd pfd = {signals.Fd(), POLLIN, 0};
+    for (int sig : {SIGTERM, SIGINT}) {
+        EXPECT_EQ(signals.Take(), 0);
+        ASSERT_EQ(pthread_kill(pthread_self(), sig), 0);
+        ASSERT_EQ(poll(&pfd, 1, 20000), 1);
+        EXPECT_EQ(signals.Take(), sig);
+    }
 }
 
 }  // namespace
