@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <vector>
-#include "host/WavMicInput.h"
-#include "host/WavOutput.h"
+#include "host/devices/WavMicInput.h"
+#include "host/devices/WavOutput.h"
 #include "tests/host/TempDir.h"
 #include "tests/support/LogCapture.h"
 
@@ -13,7 +13,7 @@ using host::WavOutput;
 using Frame = boost::shared_ptr<AudioFrame>;
 
 // Time that moves only when slept on.
-struct StepClock : host::RealTimePacer::Clock {
+struct StepClock : client::RealTimePacer::Clock {
     int64_t now = 1000000;
     int sleeps = 0;
     int64_t NowUs() override { return now; }
