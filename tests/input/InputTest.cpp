@@ -135,6 +135,17 @@ TEST(InputDataTransTest, StateOperationsFollowTheTable) {
     EXPECT_TRUE(!in.Process() && in.state == STATE_HANGUP);
 }
 
+// A flush in the middle of a block gives that block back and empties the queue.
+TEST(InputDataTransTest, FlushDropsTheHeldBlockAndTheQueue) {
+    Client q(3, 6000);
+    for (unsigned k = 0; k < 3; ++k) q.Put(Pattern(6000, k));
+    ASSERT_TRUE(q.input->Process() && q.input->blockLeft != 0);
+    q.input->Flush();
+    EXPECT_TRUE(q.input->state == STATE_PAUSED && q.input->blockLeft == 0 && q.input->readPtr == nullptr);
+    EXPECT_TRUE(q.queue->GetNumBlkFree() == 3 && q.queue->GetNumBlkReady() == 0 && q.queue->AddCount(0) == 0);
+    EXPECT_FALSE(q.input->Process());
+}
+
 // A client process's commands are carried out and acknowledged; a stopped input still
 // plays, and delivers the last frames after the client left.
 TEST(InputDataTransProcessTest, ClientCommandsAndDeparture) {

@@ -337,5 +337,26 @@ TEST(DataTransLockTest, StoppedHolderCostsABoundedEndNoMoreThanItsBound) {
     EXPECT_FALSE(name.Exists());
 }
 
+// The deadlines' second carries, and the two clock readings whose nanoseconds come out as
+// a whole second (kept: both sides of the queue compute them so).
+TEST(DeadlineTest, CarriesTheSecondExactlyPastItsEnd) {
+    const long G = 1000000000L;
+    const struct { long sec, nsec; unsigned ms; long wantSec, wantNsec; } cases[] = {
+        {10, 0, 1, 10, 1000000},          {10, 0, 1000, 11, 0},
+        {10, 999000000, 1, 10, G},        {10, 999000001, 1, 11, 1},
+        {10, 600000000, 2500, 13, 100000000}, {10, 400000000, 2599, 12, 999000000},
+    };
+    for (const auto& c : cases) {
+        const timespec t = deadline::AfterMs(timespec{c.sec, c.nsec}, c.ms);
+        EXPECT_TRUE(t.tv_sec == c.wantSec && t.tv_nsec == c.wantNsec) << c.nsec << " + " << c.ms << " ms";
+    }
+    const struct { long nsec, wantSec, wantNsec; } half[] = {
+        {0, 11, 500000000}, {499999999, 11, 999999999}, {500000000, 11, G}, {500000001, 12, 1}};
+    for (const auto& c : half) {
+        const timespec t = deadline::AfterOneAndHalfSeconds(timespec{10, c.nsec});
+        EXPECT_TRUE(t.tv_sec == c.wantSec && t.tv_nsec == c.wantNsec) << c.nsec;
+    }
+}
+
 }  // namespace
 }  // namespace mixer
