@@ -152,6 +152,10 @@ TEST_F(DataTransTest, PeerScribblesNeverLeadOutsideTheMapping) {
     RawMap raw(name);
     StreamQueue* q = raw.q();
     LogCapture log;
+    ASSERT_EQ(WriteErr(writer), 0);
+    raw.tail(0)->check = 0;  // under the writer's commit: refused, and the tail reset for the next try
+    EXPECT_TRUE(!writer.CommitWriteBuff(8, nullptr) && WriteBlock(writer, 8));
+    reader.Flush();
     raw.tail(0)->check = 0;
     EXPECT_EQ(WriteErr(writer), EFAULT);
     EXPECT_EQ(raw.tail(0)->check, BLOCK_CHECK);  // reset: the next try works
@@ -224,11 +228,16 @@ TEST_F(DataTransTest, WriterSaysHowFarItGot) {
     EXPECT_EQ(reader.AddCount(3) + reader.SubCount(1) + reader.GetNumBlkFree() + reader.WaitTillUserBufEmpty(), 0u);
     ASSERT_EQ(w.Create(name.c_str(), 2, 40, 16000, 1, 2), 0);
     size_t written = 0;
-    EXPECT_TRUE(w.Write(audio.data(), audio.size(), nullptr, 0, &written) == EAGAIN && written == 80u);  // 2 blocks
+    const std::string longId(200, 'i');
+    EXPECT_TRUE(w.Write(audio.data(), audio.size(), longId.c_str(), 0, &written) == EAGAIN && written == 80u);  // 2 blocks
     ASSERT_EQ(reader.Init(name.c_str()), 0);
     EXPECT_EQ(reader.AddCount(0), 80u);
     EXPECT_EQ(std::make_tuple(reader.GetRate(), reader.GetNumCh(), reader.GetSampleSize()), std::make_tuple(16000, 1, 2));
-    EXPECT_EQ(ReadBlock(reader), 40);
+    char* id = nullptr;
+    ASSERT_NE(reader.GetReadBuff(err, len, 0, &id), nullptr);
+    EXPECT_TRUE(len == 40 && std::string(id) == std::string(kBlockTailBufIdLen - 1, 'i'));  // as much as a tail holds
+    free(id);
+    EXPECT_TRUE(reader.ReleaseReadBuff());
     reader.DeInit();
     EXPECT_EQ(w.Write(audio.data(), 10, nullptr, 0), EHOSTDOWN);
     w.Close();
