@@ -80,6 +80,16 @@ TEST(InputDataTransTest, FramesAreCutFromBlocksOfAnySize) {
     }
 }
 
+// A format out of range is replaced by one the engine can mix; the limits themselves hold.
+TEST(InputTest, OutOfRangeFormatIsReplaced) {
+    const struct { unsigned rate, numCh, wantRate, wantCh; } cases[] = {
+        {0, 0, 48000, 1}, {96001, 11, 48000, 1}, {96000, 10, 96000, 10}, {8000, 1, 8000, 1}};
+    for (const auto& c : cases) {
+        const InputDataTrans in(boost::shared_ptr<DataTrans>(), c.rate, c.numCh, 2, "x");
+        EXPECT_TRUE(in.rate == c.wantRate && in.numCh == c.wantCh) << c.rate << " " << c.numCh;
+    }
+}
+
 // A pausing input plays its delay out in 20-ms frames and pauses in the frame that ends it.
 TEST(InputDataTransTest, PauseDelayEndsInTheFrameThatUsesItUp) {
     for (auto c : {std::make_pair(250u, 13u), {240, 12}, {21, 2}, {20, 1}}) {
@@ -210,6 +220,12 @@ TEST(InputDataTransLockTest, ReleaseThatMetABusyLockIsRetriedAndTheBlockIsNotLos
     EXPECT_EQ(Bytes(in.Process()), b);
     EXPECT_TRUE(!in.releasePending && queue->GetNumBlkFree() == 2u);  // both given back, neither lost
     EXPECT_EQ(log.CountPrefix("E "), 0) << log.Dump();
+    // A lock held for 25 periods in a row faults the input, and not a period sooner.
+    ASSERT_TRUE(client.Lock());
+    unsigned periods = 0;
+    while (in.state != STATE_FAULT && periods < 30) in.Process(), ++periods;
+    EXPECT_EQ(periods, 25u);
+    ASSERT_TRUE(client.Unlock());
     EXPECT_EQ(client.Finish(), 0);
 }
 
