@@ -12,6 +12,16 @@
 namespace mixer {
 namespace client {
 
+bool ClientStream::WaitForRoom(unsigned periodUs, unsigned timeoutMs) {
+    DataTrans* q = writer_.Queue().get();
+    for (uint64_t waitedUs = 0;; waitedUs += periodUs) {
+        if (!q || q->IsHungUp() || q->IsStopped()) return false;
+        if (q->GetNumBlkFree() > 0) return true;
+        if (waitedUs >= uint64_t(timeoutMs) * 1000) return false;
+        usleep(periodUs);
+    }
+}
+
 bool ClientStream::ValidName(const std::string& name) {
     return !name.empty() && name != "/" && name.find('\n') == std::string::npos &&
            name.find('/', 1) == std::string::npos;

@@ -13,8 +13,8 @@ namespace client {
 // A playback stream's client writes blocks (Writer); a record stream's client reads
 // the blocks the daemon writes (Queue).
 //
-// Threading: Open and Close from one thread of the client; what Writer and Queue hand
-// out follows their own contracts. Open and Close allocate and do file-system work; they
+// Threading: Open, Close and WaitForRoom from one thread of the client; what Writer and
+// Queue hand out follows their own contracts. Open and Close allocate and do file-system work; they
 // do not wait on the daemon (Close hangs up without waiting).
 class ClientStream {
 public:
@@ -47,6 +47,15 @@ public:
     // Removes the description file and closes the queue (the daemon sees the hang-up).
     // Nothing when no stream is open.
     void Close();
+
+    // For a playback client paced by the clock: waits until the queue has a free block,
+    // checking once every periodUs on the clock rather than waiting on the queue, for at
+    // most timeoutMs. When the mixer plays slower than the client (the WAV output plays
+    // at half speed) the queue stays full, and a writer blocked in Write had to be woken
+    // by the daemon at every block it took: that cost the daemon more than its mixing.
+    // True when a block is free; false when the time ran out or the stream was hung up or
+    // stopped (Write then says which). Sleeps; no allocation.
+    bool WaitForRoom(unsigned periodUs, unsigned timeoutMs);
 
     bool IsOpen() const { return writer_.IsOpen(); }
     // The producer's end, for a playback stream. Valid while open.

@@ -6,6 +6,7 @@
 #include <boost/pointer_cast.hpp>
 
 #include "host/AlgoChannelMap.h"
+#include "host/AlgoSoxrResample.h"
 #include "host/latency/AlgoLatencyMark.h"
 #include "host/devices/DataTransOutput.h"
 #include "host/devices/DiscardOutput.h"
@@ -42,12 +43,16 @@ bool IsRecordName(const std::string& name) {
 
 // Appends the algorithms that take frames of (inRate, inCh) to (outRate, outCh): the
 // channel map first when it reduces the channels, so the resampler has fewer to do.
-void AddFormatChain(Stream& stream, unsigned inRate, unsigned inCh, unsigned outRate, unsigned outCh) {
+boost::shared_ptr<Algo> Resampler(bool soxr, unsigned channels, unsigned inRate, unsigned outRate) {
+    if (soxr) return boost::make_shared<AlgoSoxrResample>(channels, inRate, outRate);
+    return boost::make_shared<AlgoResample>(channels, inRate, outRate);
+}
+
+void AddFormatChain(Stream& stream, bool soxr, unsigned inRate, unsigned inCh, unsigned outRate, unsigned outCh) {
     const bool map = inCh != outCh;
     const bool resample = inRate != outRate;
     if (map && inCh > outCh) stream.AddAlgo(boost::make_shared<AlgoChannelMap>(inCh, outCh));
-    if (resample)
-        stream.AddAlgo(boost::make_shared<AlgoResample>(map && inCh > outCh ? outCh : inCh, inRate, outRate));
+    if (resample) stream.AddAlgo(Resampler(soxr, map && inCh > outCh ? outCh : inCh, inRate, outRate));
     if (map && inCh < outCh) stream.AddAlgo(boost::make_shared<AlgoChannelMap>(inCh, outCh));
 }
 
@@ -246,7 +251,7 @@ void DaemonConnect::Ping() { MIXER_LOG_I("Mixerd_Connect:Ping:stream directory w
 void DaemonConnect::AddPlaybackInputAlgos(boost::shared_ptr<Stream> stream, boost::shared_ptr<MsgNewInput>) {
     boost::shared_ptr<Input> in = stream->GetInput();
     if (!in) return;
-    AddFormatChain(*stream, in->rate, in->numCh, settings_.rate, settings_.numCh);
+    AddFormatChain(*stream, settings_.soxr, in->rate, in->numCh, settings_.rate, settings_.numCh);
     // The latency carrier is no client's sound: it stays out of volumes and ducking.
     if (in->desc != LatencyCarrierInput::kStreamType) stream->AddAlgo(boost::make_shared<AlgoRampGain>());
 }
@@ -254,7 +259,7 @@ void DaemonConnect::AddPlaybackInputAlgos(boost::shared_ptr<Stream> stream, boos
 int DaemonConnect::AddPlaybackOutputAlgos(boost::shared_ptr<Output> output, boost::shared_ptr<Stream> outStream,
                                           tPlaybackModes mode) {
     if (settings_.deviceRate != settings_.rate)
-        outStream->AddAlgo(boost::make_shared<AlgoResample>(settings_.numCh, settings_.rate, settings_.deviceRate));
+        outStream->AddAlgo(Resampler(settings_.soxr, settings_.numCh, settings_.rate, settings_.deviceRate));
     // Last, so that a latency mark reaches the device as written.
     outStream->AddAlgo(boost::make_shared<AlgoLatencyMark>(probe_));
     MIXER_LOG_I("Mixerd_Connect:AddPlaybackOutputAlgos:%s mode %d:", output ? output->name.c_str() : "",
@@ -265,7 +270,7 @@ int DaemonConnect::AddPlaybackOutputAlgos(boost::shared_ptr<Output> output, boos
 void DaemonConnect::AddRecordAlgos(boost::shared_ptr<StreamOut> stream, boost::shared_ptr<MsgNewOutput> msg) {
     boost::shared_ptr<MsgNewClientOutput> client = boost::dynamic_pointer_cast<MsgNewClientOutput>(msg);
     if (!client) return;  // the daemon's own listeners take the microphone as it is
-    AddFormatChain(*stream, settings_.micRate, settings_.micNumCh, client->rate, client->numCh);
+    AddFormatChain(*stream, settings_.soxr, settings_.micRate, settings_.micNumCh, client->rate, client->numCh);
 }
 
 void DaemonConnect::ChainMsgRecord(boost::shared_ptr<MsgHead> msg) {

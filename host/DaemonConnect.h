@@ -41,7 +41,7 @@ namespace host {
 // client that closed, and the daemon's close, the last, removes the shared memory. A
 // process that has ended before its stream is accepted is hung up at once.
 //
-// Chains. Playback inputs: a resampler to the mix rate and a channel map to the mix's
+// Chains (the resampler is the one Settings::soxr picks). Playback inputs: a resampler to the mix rate and a channel map to the mix's
 // channel count where they differ (the cheaper order first), then a ramp gain, which
 // carries volume, focus, ducking and pause fades. The output stream: a resampler from
 // the mix rate to the device's, then the latency mark (AlgoLatencyMark). Record
@@ -67,11 +67,14 @@ namespace host {
 class DaemonConnect : public Connect, public EngineSink {
 public:
     struct Settings {
-        Settings() : rate(48000), numCh(2), deviceRate(48000), speakerVolume(40), micRate(16000), micNumCh(1) {}
+        Settings()
+            : rate(48000), numCh(2), deviceRate(48000), speakerVolume(40), micRate(16000), micNumCh(1),
+              soxr(true) {}
         unsigned rate, numCh;        // the mix
         unsigned deviceRate;         // the playback device's rate
         unsigned speakerVolume;      // percent at start
         unsigned micRate, micNumCh;  // format of the microphone's frames
+        bool soxr;                   // AlgoSoxrResample converts rates, else the library's AlgoResample
     };
     // Opens the playback device: the first call the one opened at start, later calls
     // (after a device failure) a fresh one, or empty when there is none.

@@ -24,7 +24,7 @@ bool ParseUnsigned(const char* text, unsigned lo, unsigned hi, unsigned& value) 
 
 DaemonOptions::DaemonOptions()
     : socketPath("/run/mixerd.sock"), statusFile("/run/mixerd.status"), output("alsa"),
-      device("default"), outFile("out.wav"), mic("alsa"), micDevice("default"), rate(48000),
+      device("default"), outFile("out.wav"), mic("alsa"), micDevice("default"), resampler("soxr"), rate(48000),
       channels(2), deviceRate(0), micRate(16000), micChannels(1), volume(40), haveLogMask(false),
       logMask(0), logStderr(false), readyFd(-1), micOff(false) {}
 
@@ -57,7 +57,7 @@ DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonO
                                            std::string& error) {
     enum { kSocket = 256, kStatus, kOutput, kDevice, kOutFile, kMic, kMicDevice, kMicFile, kRate,
            kChannels, kDeviceRate, kMicRate, kMicChannels, kVolume, kLogMask, kLogStderr, kReadyFd,
-           kMicOff };
+           kMicOff, kResampler, kWriteTrace };
     static const option longOpts[] = {
         {"socket", required_argument, nullptr, kSocket},
         {"status-file", required_argument, nullptr, kStatus},
@@ -77,6 +77,8 @@ DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonO
         {"log-stderr", no_argument, nullptr, kLogStderr},
         {"ready-fd", required_argument, nullptr, kReadyFd},
         {"mic-off", no_argument, nullptr, kMicOff},
+        {"resampler", required_argument, nullptr, kResampler},
+        {"write-trace", required_argument, nullptr, kWriteTrace},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
@@ -117,6 +119,8 @@ DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonO
             break;
         }
         case kMicOff: o.micOff = true; break;
+        case kResampler: o.resampler = arg; ok = arg == "soxr" || arg == "speex"; break;
+        case kWriteTrace: o.writeTrace = arg; ok = !arg.empty(); break;
         case ':':
             error = std::string("option ") + argv[optind - 1] + " needs a value";
             return kError;
@@ -152,7 +156,8 @@ const char* DaemonOptions::Help() {
 "           [--rate HZ] [--channels N] [--device-rate HZ] [--mic-rate HZ]\n"
 "           [--mic-channels N] [--volume PERCENT] [--socket PATH]\n"
 "           [--status-file PATH] [--log-mask MASK] [--log-stderr]\n"
-"           [--mic-off] [--ready-fd FD]\n"
+"           [--mic-off] [--resampler soxr|speex] [--ready-fd FD]\n"
+"           [--write-trace FILE]\n"
 "\n"
 "DESCRIPTION\n"
 "    mixerd mixes the sound of its client programs and plays it on one output\n"
@@ -194,6 +199,14 @@ const char* DaemonOptions::Help() {
 "    --mic-rate HZ         microphone rate for alsa and tone (default 16000)\n"
 "    --mic-channels N      microphone channels (default 1)\n"
 "    --mic-off             start with the microphone disabled (mixerctl mic on)\n"
+"    --resampler soxr|speex\n"
+"                          which converts rates (streams, device, microphone):\n"
+"                          soxr (default) at 16-bit quality, whose passband and\n"
+"                          stop band are at least those of speex at quality 7\n"
+"                          for about a fifth of its CPU; it works in blocks,\n"
+"                          which delays a stream by 10 ms more from 44.1 kHz,\n"
+"                          16 ms from 16 kHz; speex is the library's own\n"
+"                          resampler\n"
 "    --volume PERCENT      speaker volume at start, 0..100 (default 40;\n"
 "                          52 is unity gain, 100 is +24 dB)\n"
 "    --socket PATH         control socket (default /run/mixerd.sock)\n"
@@ -206,6 +219,9 @@ const char* DaemonOptions::Help() {
 "    --log-stderr          write log lines to standard error instead of syslog\n"
 "    --ready-fd FD         write \"ready\" to descriptor FD and close it once the\n"
 "                          daemon serves requests (for scripts and tests)\n"
+"    --write-trace FILE    for benchmarks: one line per frame the output device\n"
+"                          took, the monotonic clock in microseconds after the\n"
+"                          write and the frame's buffer ids\n"
 "    -h, --help            this text\n"
 "    -V, --version         the version\n"
 "\n"
@@ -214,7 +230,10 @@ const char* DaemonOptions::Help() {
 "    other output, the WAV file included, gets at least 40 ms between the writes\n"
 "    of its 20-ms frames: with --output wav, clients play at half speed in wall-\n"
 "    clock time (a 10-second clip takes 20 seconds), while the file's content and\n"
-"    timeline are exactly what a loudspeaker would have played.\n"
+"    timeline are exactly what a loudspeaker would have played. The file is\n"
+"    written, its header updated and synced to disk about once a second, at\n"
+"    pause and at exit: a killed daemon leaves a valid file that lacks at most\n"
+"    its last second.\n"
 "\n"
 "    When a client's stream ends, the stream that follows it in the mix is skipped\n"
 "    for one 20-ms period (the engine's fixed order of work); a ducked stream under\n"

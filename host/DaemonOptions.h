@@ -30,6 +30,8 @@ struct DaemonOptions {
     std::string mic;          // "alsa", "wav" or "tone"
     std::string micDevice;    // ALSA capture device
     std::string micFile;      // WAV microphone file
+    std::string resampler;    // "soxr" or "speex"
+    std::string writeTrace;   // the output's write trace (benchmarks), empty for none
     unsigned rate;            // mix rate, Hz
     unsigned channels;        // mix channels
     unsigned deviceRate;      // playback device rate (0: the mix rate)

@@ -33,6 +33,7 @@
 #include "host/devices/ToneMicInput.h"
 #include "host/devices/WavMicInput.h"
 #include "host/devices/WavOutput.h"
+#include "host/devices/WriteTrace.h"
 #include "mixer/core/Log.h"
 #include "mixer/core/MsgEnableMic.h"
 #include "mixer/core/MsgPing.h"
@@ -54,11 +55,18 @@ unsigned DeviceRate(const DaemonOptions& opts) { return opts.deviceRate ? opts.d
 
 // The playback device; empty after an error line.
 boost::shared_ptr<Output> OpenOutput(const DaemonOptions& opts) {
+    std::shared_ptr<WriteTrace> trace;
+    if (!opts.writeTrace.empty() && !(trace = WriteTrace::Open(opts.writeTrace))) return boost::shared_ptr<Output>();
     boost::shared_ptr<Output> out;
-    if (opts.output == "wav")
-        out = boost::make_shared<WavOutput>(opts.outFile, DeviceRate(opts), opts.channels);
-    else
-        out = boost::make_shared<AlsaOutput>(opts.device, DeviceRate(opts), opts.channels);
+    if (opts.output == "wav") {
+        boost::shared_ptr<WavOutput> wav = boost::make_shared<WavOutput>(opts.outFile, DeviceRate(opts), opts.channels);
+        wav->SetTrace(trace);
+        out = wav;
+    } else {
+        boost::shared_ptr<AlsaOutput> alsa = boost::make_shared<AlsaOutput>(opts.device, DeviceRate(opts), opts.channels);
+        alsa->SetTrace(trace);
+        out = alsa;
+    }
     if (out->Open() != 0) return boost::shared_ptr<Output>();
     return out;
 }
@@ -145,6 +153,7 @@ int Run(const DaemonOptions& opts) {
         settings.speakerVolume = opts.volume;
         settings.micRate = mic ? mic->rate : opts.micRate;
         settings.micNumCh = opts.micChannels;
+        settings.soxr = opts.resampler == "soxr";
         // The device opened here goes first. After a failure a sound card is opened
         // afresh; a WAV file is not reopened, which would truncate what it holds.
         DaemonConnect::OutputSource outputs = [device, opts]() mutable {

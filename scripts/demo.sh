@@ -26,7 +26,7 @@ if [ "${MIXER_DEMO_NS:-}" != 1 ]; then
   for tool in cmake ninja pkg-config sox espeak-ng unshare c++; do
     command -v "$tool" >/dev/null 2>&1 || need=1
   done
-  pkg-config --exists alsa sndfile speexdsp 2>/dev/null || need=1
+  pkg-config --exists alsa sndfile speexdsp soxr 2>/dev/null || need=1
   [ -e /usr/include/boost/shared_ptr.hpp ] || need=1
   if [ "$need" = 1 ]; then
     echo "=== installing dependencies"

@@ -9,7 +9,7 @@ if [ "${1:-}" = demo ]; then
   apt-get update || true
   apt-get install -y --no-install-recommends \
     build-essential cmake ninja-build pkg-config ca-certificates \
-    libboost-dev libspeexdsp-dev libasound2-dev libsndfile1-dev libsystemd-dev \
+    libboost-dev libspeexdsp-dev libsoxr-dev libasound2-dev libsndfile1-dev libsystemd-dev \
     sox espeak-ng util-linux
   exit 0
 fi
@@ -20,7 +20,7 @@ apt-get update || true
 
 apt-get install -y --no-install-recommends \
   build-essential cmake ninja-build pkg-config git ca-certificates \
-  libboost-dev libspeexdsp-dev libgtest-dev libgmock-dev googletest libbenchmark-dev \
+  libboost-dev libspeexdsp-dev libsoxr-dev libgtest-dev libgmock-dev googletest libbenchmark-dev \
   libasound2-dev libsndfile1-dev libsystemd-dev dbus dbus-bin \
   sox espeak-ng util-linux procps \
   clang lld libclang-rt-14-dev \
@@ -28,5 +28,5 @@ apt-get install -y --no-install-recommends \
 
 # -t bookworm keeps the armhf packages at the same versions as the native ones.
 apt-get install -y --no-install-recommends -t bookworm \
-  libspeexdsp-dev:armhf libgtest-dev:armhf libgmock-dev:armhf \
+  libspeexdsp-dev:armhf libsoxr-dev:armhf libgtest-dev:armhf libgmock-dev:armhf \
   libasound2-dev:armhf libsndfile1-dev:armhf libsystemd-dev:armhf

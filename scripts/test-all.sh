@@ -5,7 +5,8 @@
 #   2. a cross build for 32-bit ARM (armhf) whose tests run under qemu-arm, with the
 #      portable kernels, then its algorithm suite again with the NEON kernels;
 #   3. ThreadSanitizer over the threaded suites;
-# and last runs the libFuzzer targets of fuzz/, built with clang, a minute each
+# then the daemon benchmark once briefly (scripts/bench-daemon.sh --brief: it must run
+# and print its table; its figures are not judged), and last runs the libFuzzer targets of fuzz/, built with clang, a minute each
 # (scripts/fuzz.sh).
 # Run from anywhere, as root, on Debian bookworm.
 set -euo pipefail
@@ -46,6 +47,9 @@ cmake --build build/armhf-neon -j "$jobs" --target test_algo
 (cd build/armhf-neon && ctest -R '^(MixKernels|Algo)' --output-on-failure -j "$jobs" --timeout 600)
 run_suite "native tsan" build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMIXER_SANITIZE=thread \
   -DMIXER_BUILD_BENCH=OFF
+
+echo "=== daemon benchmark, brief (figures printed, not judged)"
+scripts/bench-daemon.sh --brief
 
 scripts/fuzz.sh 60
 

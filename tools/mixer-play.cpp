@@ -159,6 +159,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const unsigned periodFrames = rate / 50;  // 20 ms
+    const unsigned kBlockUs = 20000;
 
     struct sigaction sa;
     std::memset(&sa, 0, sizeof(sa));
@@ -253,6 +254,7 @@ int main(int argc, char** argv) {
         std::snprintf(bufId, sizeof(bufId), "%s:%u", name.c_str(), chunk++);
         while (done < bytes && !g_quit) {
             size_t wrote = 0;
+            stream.WaitForRoom(kBlockUs, 200);  // the daemon need not wake us per block
             const int err = writer.Write(reinterpret_cast<const char*>(buf.data()) + done, bytes - done, bufId, 200, &wrote);
             done += wrote;
             if (err == 0 || err == ETIMEDOUT) continue;

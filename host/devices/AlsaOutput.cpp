@@ -103,11 +103,17 @@ int AlsaOutput::WriteFrame(boost::shared_ptr<AudioFrame> frame) {
     }
     snd_pcm_uframes_t count = frame->len;
     if (count * numCh_ * frame->sampleSize > frame->size) count = frame->size / (numCh_ * frame->sampleSize);
-    if (frame->sampleSize == SAMPLE_SIZE_16) return Write(frame->Samples16(), count);
-    buf_.resize(count * numCh_);
-    const int32_t* src = frame->Samples32();
-    for (size_t i = 0; i < buf_.size(); ++i) buf_[i] = Algo::saturate16(src[i]);
-    return Write(buf_.data(), count);
+    int r;
+    if (frame->sampleSize == SAMPLE_SIZE_16) {
+        r = Write(frame->Samples16(), count);
+    } else {
+        buf_.resize(count * numCh_);
+        const int32_t* src = frame->Samples32();
+        for (size_t i = 0; i < buf_.size(); ++i) buf_[i] = Algo::saturate16(src[i]);
+        r = Write(buf_.data(), count);
+    }
+    if (r == 0 && trace_) trace_->Record(*frame);
+    return r;
 }
 
 void AlsaOutput::IdleTick() {

@@ -6,6 +6,7 @@
 
 #include <alsa/asoundlib.h>
 
+#include "host/devices/WriteTrace.h"
 #include "mixer/core/Output.h"
 
 namespace mixer {
@@ -43,6 +44,9 @@ public:
     unsigned NumCh() const { return numCh_; }
     uint32_t Recoveries() const { return recoveries_; }
 
+    // Every frame written is recorded in trace from now on (benchmarks).
+    void SetTrace(std::shared_ptr<WriteTrace> trace) { trace_ = trace; }
+
 private:
     int Write(const int16_t* samples, snd_pcm_uframes_t frames);
 
@@ -53,6 +57,7 @@ private:
     snd_pcm_t* pcm_;
     std::vector<int16_t> buf_;
     uint32_t recoveries_;
+    std::shared_ptr<WriteTrace> trace_;  // or none
 };
 
 }  // namespace host

@@ -17,7 +17,8 @@ const int64_t kMaxLagUs = INT64_C(1) << 62;
 WavOutput::WavOutput(const std::string& path, unsigned rate, unsigned numCh,
                      client::RealTimePacer::Clock* clock)
     : path_(path), rate_(rate), numCh_(numCh), file_(nullptr),
-      pacer_(kLeadUs, kMaxLagUs, clock), framesWritten_(0), silenceWritten_(0) {
+      clock_(clock ? *clock : client::RealTimePacer::Monotonic()), pacer_(kLeadUs, kMaxLagUs, &clock_),
+      lastSyncUs_(0), syncs_(0), pendingMax_(0), framesWritten_(0), silenceWritten_(0) {
     name = "WAV";
     state = STATE_ACTIVE;
 }
@@ -36,8 +37,12 @@ int WavOutput::Open() {
         state = STATE_FAULT;
         return -1;
     }
-    sf_command(file_, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
-    framesWritten_ = silenceWritten_ = 0;
+    framesWritten_ = silenceWritten_ = syncs_ = 0;
+    // A second and a period of audio: the samples reach the file at the syncs.
+    pendingMax_ = (static_cast<size_t>(rate_) * (kSyncUs + 20000) / 1000000) * numCh_;
+    pending_.clear();
+    pending_.reserve(pendingMax_ + static_cast<size_t>(rate_) * numCh_ / 10);
+    lastSyncUs_ = clock_.NowUs();
     pacer_.Reset();
     state = STATE_ACTIVE;
     MIXER_LOG_I("Mixerd_WavOutput:Open:%s %u Hz %u ch:", path_.c_str(), rate_, numCh_);
@@ -46,6 +51,7 @@ int WavOutput::Open() {
 
 void WavOutput::Close() {
     if (file_) {
+        Sync();
         sf_close(file_);
         file_ = nullptr;
         MIXER_LOG_I("Mixerd_WavOutput:Close:%s %llu frames:", path_.c_str(),
@@ -53,7 +59,10 @@ void WavOutput::Close() {
     }
 }
 
-void WavOutput::Pause() { state = STATE_PAUSED; }
+void WavOutput::Pause() {
+    Sync();
+    state = STATE_PAUSED;
+}
 
 void WavOutput::Resume() {
     // The time spent paused is not in the file; the timeline restarts here.
@@ -66,14 +75,22 @@ int WavOutput::WriteSamples(const int16_t* samples, uint64_t count) {
         state = STATE_FAULT;
         return -1;
     }
-    sf_count_t n = sf_writef_short(file_, samples, static_cast<sf_count_t>(count));
-    if (n != static_cast<sf_count_t>(count)) {
+    pending_.insert(pending_.end(), samples, samples + count * numCh_);
+    if (pending_.size() >= pendingMax_ && Flush() != 0) return -1;
+    framesWritten_ += count;
+    pacer_.Advance(static_cast<int64_t>(count) * 1000000 / rate_);
+    return 0;
+}
+
+int WavOutput::Flush() {
+    const sf_count_t frames = static_cast<sf_count_t>(pending_.size() / numCh_);
+    const sf_count_t n = frames ? sf_writef_short(file_, pending_.data(), frames) : 0;
+    pending_.clear();
+    if (n != frames) {
         MIXER_LOG_E("Mixerd_WavOutput:Write:%s: %s:", path_.c_str(), sf_strerror(file_));
         state = STATE_FAULT;
         return -1;
     }
-    framesWritten_ += count;
-    pacer_.Advance(static_cast<int64_t>(count) * 1000000 / rate_);
     return 0;
 }
 
@@ -87,12 +104,18 @@ int WavOutput::WriteFrame(boost::shared_ptr<AudioFrame> frame) {
     }
     uint64_t count = frame->len;
     if (count * numCh_ * frame->sampleSize > frame->size) count = frame->size / (numCh_ * frame->sampleSize);
-    if (frame->sampleSize == SAMPLE_SIZE_16) return WriteSamples(frame->Samples16(), count);
-    // A wide mix is clamped to 16 bits on the way out.
-    buf_.resize(count * numCh_);
-    const int32_t* src = frame->Samples32();
-    for (size_t i = 0; i < buf_.size(); ++i) buf_[i] = Algo::saturate16(src[i]);
-    return WriteSamples(buf_.data(), count);
+    int r;
+    if (frame->sampleSize == SAMPLE_SIZE_16) {
+        r = WriteSamples(frame->Samples16(), count);
+    } else {
+        // A wide mix is clamped to 16 bits on the way out.
+        buf_.resize(count * numCh_);
+        const int32_t* src = frame->Samples32();
+        for (size_t i = 0; i < buf_.size(); ++i) buf_[i] = Algo::saturate16(src[i]);
+        r = WriteSamples(buf_.data(), count);
+    }
+    if (r == 0 && trace_) trace_->Record(*frame);
+    return r;
 }
 
 void WavOutput::IdleTick() {
@@ -100,10 +123,19 @@ void WavOutput::IdleTick() {
     if (buf_.size() < count * numCh_) buf_.resize(count * numCh_);
     std::fill(buf_.begin(), buf_.begin() + count * numCh_, 0);
     if (WriteSamples(buf_.data(), count) == 0) silenceWritten_ += count;
+    PostWrite();  // the engine calls it only after frames
 }
 
 void WavOutput::PostWrite() {
-    if (file_) sf_write_sync(file_);
+    if (clock_.NowUs() - lastSyncUs_ >= kSyncUs) Sync();
+}
+
+void WavOutput::Sync() {
+    if (!file_) return;
+    if (Flush() == 0) sf_command(file_, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+    sf_write_sync(file_);
+    lastSyncUs_ = clock_.NowUs();
+    ++syncs_;
 }
 
 }  // namespace host

@@ -50,12 +50,17 @@ TEST(WavOutputTest, FramesSilenceAndClampedMixesLandInOrderPacedByTheClockAndOth
     EXPECT_EQ(out.WriteFrame(Ramp(SAMPLE_SIZE_16, 8000, 2, 0)), -1);   // channels differ
     EXPECT_EQ(log.CountPrefix("W Mixerd_WavOutput:WriteFrame:format"), 2);
     EXPECT_EQ(out.state, STATE_ACTIVE);
+    out.PostWrite();  // synced at most once a second while playing, and at pause
+    EXPECT_EQ(out.Syncs(), 0u);
     // Paused and resumed much later: a new timeline, no catch-up.
     out.Pause(), clock.now += 5000000, out.Resume();
     const int sleeps = clock.sleeps;
     out.IdleTick();
+    out.PostWrite(), out.PostWrite();
     EXPECT_EQ(clock.sleeps, sleeps);
+    EXPECT_EQ(out.Syncs(), 2u);
     EXPECT_EQ(out.FramesWritten(), 4u * 160);
+    EXPECT_EQ(Samples(dir.File("o.wav")).size(), 4u * 160);  // readable before the close, as after a kill
     out.Close();
     const std::vector<short> s = Samples(dir.File("o.wav"));
     ASSERT_EQ(s.size(), 4u * 160);
