@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -32,7 +33,10 @@ namespace host {
 // Anything else is refused (the library then removes the description file). Each
 // accepted stream carries a token; when an engine drops it (client gone, fault,
 // shutdown) the daemon removes the description file and announces the removal.
-// A second announcement of a stream that is still live is ignored.
+// A record stream is refused while the microphone is off: the record engine touches no
+// output then, so it would hold the client's queue, and its name, until the microphone
+// comes on. A second announcement of a stream that is still live is ignored. The latest refusals
+// are kept with their reasons, so that a client can learn why (StreamVerdict).
 //
 // Client processes. A stream's id is its client's process id (0 or negative: not
 // known). The daemon watches that process for a "dataTrans" stream and, when it ends
@@ -67,11 +71,14 @@ namespace host {
 class DaemonConnect : public Connect, public EngineSink {
 public:
     struct Settings {
-        Settings() : rate(48000), numCh(2), deviceRate(48000), speakerVolume(40), micRate(16000), micNumCh(1) {}
+        Settings()
+            : rate(48000), numCh(2), deviceRate(48000), speakerVolume(40), micRate(16000), micNumCh(1),
+              micEnabled(true) {}
         unsigned rate, numCh;        // the mix
         unsigned deviceRate;         // the playback device's rate
         unsigned speakerVolume;      // percent at start
         unsigned micRate, micNumCh;  // format of the microphone's frames
+        bool micEnabled;             // what the record engine is told at start
     };
     // Opens the playback device: the first call the one opened at start, later calls
     // (after a device failure) a fresh one, or empty when there is none.
@@ -107,6 +114,7 @@ public:
     void PostPlayback(boost::shared_ptr<MsgHead> msg) override;
     void PostRecord(boost::shared_ptr<MsgHead> msg) override;
     void FocusChanged(const std::string& streamType) override;
+    std::string StreamVerdict(const std::string& name, int id) override;
 
     // Names of the client streams an engine holds (any thread).
     std::map<std::string, std::string> LiveStreams() const;  // name -> description file
@@ -117,7 +125,17 @@ private:
         std::string fileName;
         bool announced;  // reached the point of being posted to an engine
         uint64_t watch;  // the client process's watch, 0 for none
+        int id;          // the description file's id
+        bool record;
+        unsigned rate, numCh;
     };
+    struct Refusal {
+        std::string name;
+        int id;
+        std::string reason;
+    };
+    // Remembers why the stream (name, id) was refused, for StreamVerdict.
+    void Refuse(const std::string& name, int id, const std::string& reason);
     // Builds the input or output of an announced stream with onGone as its token; empty
     // (with a log line) when it cannot.
     // queue receives the stream's block queue, if it has one.
@@ -142,6 +160,8 @@ private:
 
     mutable std::mutex mutex_;
     std::map<std::string, Live> live_;  // GUARDED_BY(mutex_): streams an engine holds, by name
+    bool micEnabled_;                   // GUARDED_BY(mutex_): as last posted to the record engine
+    std::deque<Refusal> refusals_;      // GUARDED_BY(mutex_): the latest, oldest first
     uint64_t nextSerial_;               // GUARDED_BY(mutex_)
     std::string focusType_;             // GUARDED_BY(mutex_): empty when none is wanted
     // Last, so it goes first: its thread stops, and no action runs, before the rest goes.

@@ -145,6 +145,7 @@ int Run(const DaemonOptions& opts) {
         settings.speakerVolume = opts.volume;
         settings.micRate = mic ? mic->rate : opts.micRate;
         settings.micNumCh = opts.micChannels;
+        settings.micEnabled = !opts.micOff;
         // The device opened here goes first. After a failure a sound card is opened
         // afresh; a WAV file is not reopened, which would truncate what it holds.
         DaemonConnect::OutputSource outputs = [device, opts]() mutable {

@@ -7,6 +7,8 @@
 #include <future>
 #include <sstream>
 
+#include "client/ControlProtocol.h"
+#include "client/StreamRules.h"
 #include "host/latency/LatencyCarrierInput.h"
 #include "host/latency/LatencyListener.h"
 #include "host/MsgWriteInfoNotify.h"
@@ -73,6 +75,16 @@ client::ControlReply ControlDispatcher::Handle(const client::ControlCommand& cmd
         return Status();
     case client::ControlCommand::kLatency:
         return Latency();
+    case client::ControlCommand::kStream: {
+        std::string verdict = sink_.StreamVerdict(cmd.streamType, cmd.id);
+        if (verdict == client::ControlProtocol::kAccepted && client::StreamRules::IsRecordName(cmd.streamType) &&
+            !MicEnabled())
+            verdict += std::string(" ") + client::ControlProtocol::kMicOff;
+        return client::ControlReply::Ok(verdict + "\n");
+    }
+    case client::ControlCommand::kGetVolume:
+    case client::ControlCommand::kGetSpeaker:
+    case client::ControlCommand::kGetFocus:
     case client::ControlCommand::kHelp:
         break;
     }

@@ -37,6 +37,7 @@ struct FakeSink : host::EngineSink {
     void PostPlayback(boost::shared_ptr<MsgHead> msg) override { Post("P ", msg); }
     void PostRecord(boost::shared_ptr<MsgHead> msg) override { Post("R ", msg); }
     void FocusChanged(const std::string& type) override { posted.push_back("F " + type); }
+    std::string StreamVerdict(const std::string& name, int id) override { return name + to_string(id); }
     void Post(std::string line, boost::shared_ptr<MsgHead> msg) {
         if (auto v = As<MsgSetStreamVol>(msg))
             line += "volume " + v->streamType + " " + to_string(v->volume) + " " + to_string(v->speakerVolume);
