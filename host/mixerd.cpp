@@ -30,6 +30,8 @@
 #include "host/EventQueue.h"
 #include "host/latency/LatencyProbe.h"
 #include "host/ShutdownSignals.h"
+#include "host/StaleQueueSweep.h"
+#include "client/StreamQueueName.h"
 #include "host/devices/ToneMicInput.h"
 #include "host/devices/WavMicInput.h"
 #include "host/devices/WavOutput.h"
@@ -104,6 +106,17 @@ void DeliverEvents(EventQueue& events, NexoHandleStruct* bus) {
         MIXER_LOG_I("Mixerd:Event:%s '%s':", event.c_str(), param.c_str());
         if (bus) nexo::NexoSendStringEvent(bus, event.c_str(), param.c_str());
     });
+}
+
+// How often queues that nobody holds are looked for: a client that runs again after
+// its last run was killed waits for its name about this long (its queue must be
+// kStaleAfterS old as well).
+const int kSweepEveryMs = 1000;
+const unsigned kStaleAfterS = 2;
+
+void SweepQueues() {
+    const std::string prefix = client::StreamQueueName("").substr(1);  // "mixer-"
+    StaleQueueSweep::Sweep("/dev/shm", prefix, kStaleAfterS);
 }
 
 void SignalReady(int fd) {
@@ -185,7 +198,8 @@ int Run(const DaemonOptions& opts) {
 
         if (server.Start() != 0) {
             status = 1;
-        } else if (discovery.reset(new Discovery()), discovery->Init(&connect) != 1) {
+        } else if (StaleQueueSweep::ClearDescriptions(kStreamDir), SweepQueues(),
+                   discovery.reset(new Discovery()), discovery->Init(&connect) != 1) {
             MIXER_LOG_E("Mixerd:Run:the stream directory %s cannot be watched:", kStreamDir);
             status = 1;
         } else {
@@ -194,7 +208,12 @@ int Run(const DaemonOptions& opts) {
             SignalReady(opts.readyFd);
             for (;;) {
                 pollfd fds[2] = {{signals.Fd(), POLLIN, 0}, {events.Fd(), POLLIN, 0}};
-                if (poll(fds, 2, -1) < 0) {
+                const int ready = poll(fds, 2, kSweepEveryMs);
+                if (ready == 0) {
+                    SweepQueues();
+                    continue;
+                }
+                if (ready < 0) {
                     if (errno == EINTR) continue;
                     MIXER_LOG_E("Mixerd:Run:poll: %s:", std::strerror(errno));
                     status = 1;
