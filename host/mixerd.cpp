@@ -51,6 +51,12 @@ using namespace mixer;
 using namespace mixer::host;
 
 void StderrSink(int, const char* line) { std::fprintf(stderr, "%s\n", line); }
+// Until the daemon is ready its errors are why it stops: they go to whoever started it
+// as well as to syslog.
+void StartupSink(int priority, const char* line) {
+    syslog(priority, "%s", line);
+    if (priority <= LOG_ERR) std::fprintf(stderr, "mixerd: %s\n", line);
+}
 
 unsigned DeviceRate(const DaemonOptions& opts) { return opts.deviceRate ? opts.deviceRate : opts.rate; }
 
@@ -206,6 +212,7 @@ int Run(const DaemonOptions& opts) {
             MIXER_LOG_I("Mixerd:Run:ready: output %s, mic %s, mix %u Hz %u ch, control %s:", opts.output.c_str(),
                         opts.mic.c_str(), opts.rate, opts.channels, opts.socketPath.c_str());
             SignalReady(opts.readyFd);
+            if (!opts.logStderr) Log::SetSink(nullptr);  // syslog alone from here on
             for (;;) {
                 pollfd fds[2] = {{signals.Fd(), POLLIN, 0}, {events.Fd(), POLLIN, 0}};
                 const int ready = poll(fds, 2, kSweepEveryMs);
@@ -264,6 +271,6 @@ int main(int argc, char** argv) {
     if (opts.logStderr)
         mixer::Log::SetSink(StderrSink);
     else
-        openlog("mixerd", LOG_PID, LOG_DAEMON);
+        openlog("mixerd", LOG_PID, LOG_DAEMON), mixer::Log::SetSink(StartupSink);
     return Run(opts);
 }
