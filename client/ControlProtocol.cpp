@@ -160,7 +160,8 @@ bool ControlProtocol::ParseReply(const std::string& data, ControlReply& reply) {
 
 const char* ControlProtocol::Usage() {
     return "volume TYPE PERCENT   volume of every stream of a type (0..100; 52 is unity)\n"
-           "speaker PERCENT       speaker volume (0..100)\n"
+           "speaker PERCENT       speaker volume, a gain on the mix (0..100; 52 is unity,\n"
+           "                      100 is +24 dB)\n"
            "focus TYPE|none       give a stream type focus: other streams duck while it plays\n"
            "mic on|off            enable or disable the microphone\n"
            "get volume TYPE       the volume of a stream type (0..100)\n"

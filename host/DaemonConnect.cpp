@@ -11,6 +11,7 @@
 #include "host/devices/DiscardOutput.h"
 #include "host/latency/LatencyCarrierInput.h"
 #include "host/MsgNewClientOutput.h"
+#include "mixer/playback/Playback.h"
 #include "client/ControlProtocol.h"
 #include "client/StreamQueueName.h"
 #include "client/StreamRules.h"
@@ -246,6 +247,27 @@ std::string DaemonConnect::StreamVerdict(const std::string& name, int id) {
     return client::ControlProtocol::kUnknown;
 }
 
+void DaemonConnect::FillView(const Playback& pb, MsgWriteInfoNotify::View& view) {
+    view.speakerVolume = pb.speakerVolume;
+    view.volumes.insert(pb.streamVolumes.begin(), pb.streamVolumes.end());
+    for (const boost::shared_ptr<Stream>& s : pb.inputs) {
+        const std::string& type = s->GetMeta();
+        std::map<std::string, uint32_t>::const_iterator v = pb.streamVolumes.find(type);
+        boost::shared_ptr<Input> in = s->GetInput();
+        const tInOutState state = s->GetState();
+        view.playing.push_back(MsgWriteInfoNotify::View::Playing{
+            type, s->GetName(), MixerIO::GetStateStr(state),
+            v != pb.streamVolumes.end() ? v->second : static_cast<unsigned>(pb.speakerVolume), in ? in->rate : 0});
+        if (s->GetPriority() != 0 && state == STATE_ACTIVE) view.ducking = true;
+    }
+    std::lock_guard<std::mutex> guard(mutex_);
+    view.focus = focusType_;
+    for (const auto& l : live_)
+        if (l.second.record && l.second.announced)
+            view.recording.push_back(MsgWriteInfoNotify::View::Recording{l.first, l.second.rate, l.second.numCh});
+    view.taken = true;
+}
+
 std::map<std::string, std::string> DaemonConnect::LiveStreams() const {
     std::map<std::string, std::string> names;
     std::lock_guard<std::mutex> guard(mutex_);
@@ -265,6 +287,9 @@ void DaemonConnect::AddPlaybackInputAlgos(boost::shared_ptr<Stream> stream, boos
 
 int DaemonConnect::AddPlaybackOutputAlgos(boost::shared_ptr<Output> output, boost::shared_ptr<Stream> outStream,
                                           tPlaybackModes mode) {
+    // The speaker volume: the engine sets it on the output chain's ramp gain (52 unity,
+    // 100 +24 dB, ramped over 50 ms); the outputs have no volume of their own.
+    outStream->AddAlgo(boost::make_shared<AlgoRampGain>());
     if (settings_.deviceRate != settings_.rate)
         outStream->AddAlgo(boost::make_shared<AlgoResample>(settings_.numCh, settings_.rate, settings_.deviceRate));
     // Last, so that a latency mark reaches the device as written.
@@ -281,6 +306,8 @@ void DaemonConnect::AddRecordAlgos(boost::shared_ptr<StreamOut> stream, boost::s
 }
 
 void DaemonConnect::ChainMsgRecord(boost::shared_ptr<MsgHead> msg) {
+    boost::shared_ptr<MsgWriteInfoNotify> info = boost::dynamic_pointer_cast<MsgWriteInfoNotify>(msg);
+    if (info && info->view && playback_) FillView(*playback_, *info->view);
     if (!Post(recordQ_, msg)) MIXER_LOG_W("Mixerd_Connect:ChainMsgRecord:no record engine:");
 }
 

@@ -13,9 +13,11 @@
 #include "host/ClientWatcher.h"
 #include "host/EngineSink.h"
 #include "host/EventQueue.h"
+#include "host/MsgWriteInfoNotify.h"
 #include "host/latency/LatencyProbe.h"
 #include "mixer/core/Connect.h"
 #include "mixer/core/MsgQ.h"
+#include "mixer/playback/Playback.h"
 #include "mixer/transport/DataTrans.h"
 
 namespace mixer {
@@ -47,8 +49,10 @@ namespace host {
 //
 // Chains. Playback inputs: a resampler to the mix rate and a channel map to the mix's
 // channel count where they differ (the cheaper order first), then a ramp gain, which
-// carries volume, focus, ducking and pause fades. The output stream: a resampler from
-// the mix rate to the device's, then the latency mark (AlgoLatencyMark). Record
+// carries volume, focus, ducking and pause fades. The output stream: a ramp gain, which
+// the speaker volume sets (52 is unity, 100 is +24 dB; the outputs have no volume of
+// their own), a resampler from the mix rate to the device's, then the latency mark
+// (AlgoLatencyMark). Record
 // outputs: channel map and resampler from the microphone's format to the client's.
 //
 // Focus. The engine only focuses types that have a stream at that moment; the daemon
@@ -96,6 +100,9 @@ public:
 
     // Host thread, before the engines start.
     void SetQueues(boost::shared_ptr<MsgQ> playback, boost::shared_ptr<MsgQ> record);
+    // The playback engine whose settings a status request's view shows (read on its own
+    // thread only, in ChainMsgRecord); host thread, before the engines start.
+    void SetPlayback(const Playback* playback) { playback_ = playback; }
 
     // Connect.
     int AddNewStream(const std::string& fileName, sStreamInfo& info) override;
@@ -146,6 +153,8 @@ private:
     // The token's action: forgets the stream if serial is still the live one.
     void StreamGone(const std::string& name, uint64_t serial);
     bool Post(const boost::weak_ptr<MsgQ>& queue, boost::shared_ptr<MsgHead> msg);
+    // The daemon's view for a status request; on the playback thread.
+    void FillView(const Playback& pb, MsgWriteInfoNotify::View& view);
     // Watches the client process pid of the stream on queue; returns the watch for
     // Unwatch (0 for none). A process that is gone already hangs the queue up at once.
     uint64_t WatchClient(const std::string& name, int pid, const boost::shared_ptr<DataTrans>& queue);
@@ -157,6 +166,7 @@ private:
     boost::shared_ptr<LatencyProbe> probe_;
     boost::weak_ptr<MsgQ> playbackQ_;  // set before the engines start, read-only after
     boost::weak_ptr<MsgQ> recordQ_;    // likewise
+    const Playback* playback_ = nullptr;  // likewise; its fields are read on its thread only
 
     mutable std::mutex mutex_;
     std::map<std::string, Live> live_;  // GUARDED_BY(mutex_): streams an engine holds, by name

@@ -189,6 +189,7 @@ int Run(const DaemonOptions& opts) {
         // stream directory when it goes, which must not happen to another daemon's.
         std::unique_ptr<Discovery> discovery;
         connect.SetQueues(playback.GetMsgQ(), record.GetMsgQ());
+        connect.SetPlayback(&playback);
         if (!opts.micOff) record.GetMsgQ()->sendMsg(boost::make_shared<MsgEnableMic>(1));
         playback.Init(&connect);
         record.Init(&connect);
