@@ -28,8 +28,6 @@ std::string Stripped(const std::string& name) {
     return start == std::string::npos ? std::string() : name.substr(start);
 }
 
-bool Unreachable(const std::string& detail) { return detail.compare(0, 12, "cannot reach") == 0; }
-
 }  // namespace
 
 bool ClientStream::ValidName(const std::string& name) {
@@ -50,10 +48,10 @@ std::string ClientStream::Refusal(Direction direction, const Params& p) {
     return std::string();
 }
 
-bool ClientStream::Ask(std::string& answer, std::string& detail) {
+bool ClientStream::Ask(std::string& answer, std::string& detail, bool& gone) {
     ControlReply reply;
     const std::string line = std::string("stream ") + Stripped(name_) + " " + std::to_string(id_);
-    if (!ControlClient::Request(socket_, line, reply, detail, static_cast<int>(answerMs_))) return false;
+    if (!ControlClient::Request(socket_, line, reply, detail, static_cast<int>(answerMs_), &gone)) return false;
     if (!reply.ok) {
         // An older daemon, or one that cannot parse the name: no verdict to be had.
         answer = ControlProtocol::kUnknown;
@@ -90,9 +88,10 @@ int ClientStream::Open(Direction direction, const Params& p, std::string& error)
     id_ = p.id != 0 ? p.id : static_cast<int>(getpid());
     name_ = p.name;  // for Ask; cleared again until the description file exists
     std::string answer, detail;
-    if (!socket_.empty() && !Ask(answer, detail)) {
+    bool gone = false;
+    if (!socket_.empty() && !Ask(answer, detail, gone)) {
         name_.clear();
-        error = Unreachable(detail) ? "mixerd is not running (nothing answers on " + socket_ + ")"
+        error = gone ? "mixerd is not running (nothing answers on " + socket_ + ")"
                                     : "mixerd does not answer: " + detail;
         return ECONNREFUSED;
     }
@@ -125,8 +124,8 @@ int ClientStream::Open(Direction direction, const Params& p, std::string& error)
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(answerMs_);
     for (;;) {
-        if (!Ask(answer, detail)) {
-            error = Unreachable(detail) ? "mixerd has gone" : "mixerd does not answer: " + detail;
+        if (!Ask(answer, detail, gone)) {
+            error = gone ? "mixerd has gone" : "mixerd does not answer: " + detail;
             Close();
             return ECONNREFUSED;
         }
@@ -155,11 +154,12 @@ ClientStream::Standing ClientStream::Check(std::string& why) {
     }
     if (socket_.empty()) return kServed;
     std::string answer, detail;
-    if (!Ask(answer, detail)) {
-        why = Unreachable(detail) ? "mixerd has gone" : "mixerd does not answer: " + detail;
+    bool gone = false;
+    if (!Ask(answer, detail, gone)) {
+        why = gone ? "mixerd has gone" : "mixerd does not answer: " + detail;
         // A daemon that does not answer may still hold the queue: only one that is gone
         // leaves it to this end.
-        if (Unreachable(detail)) standing_ = kGone;
+        if (gone) standing_ = kGone;
         return kGone;
     }
     if (answer != ControlProtocol::kAccepted) {

@@ -96,8 +96,9 @@ public:
 
 private:
     // One "stream" request: the first word of the daemon's answer and the rest in
-    // detail; false when the daemon could not be reached (detail says why).
-    bool Ask(std::string& answer, std::string& detail);
+    // detail; false when the daemon could not be reached (detail says why; gone: no
+    // daemon is there).
+    bool Ask(std::string& answer, std::string& detail, bool& gone);
     // Creates the queue; while a daemon is asked, waits out a name the daemon is still
     // letting go of.
     int CreateQueue(const Params& p, const std::string& queueName);

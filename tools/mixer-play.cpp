@@ -7,7 +7,9 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -34,9 +36,10 @@ const char* const kHelp =
 "    Creates the stream's shared block queue, announces the stream to mixerd(8)\n"
 "    with a description file in /var/run/mixer (transport type dataTrans), and\n"
 "    streams FILE in real time. Any format libsndfile reads plays at its level\n"
-"    (floating-point files are scaled to 16 bits, not cut); the stream has the\n"
-"    file's own rate and channel count, which the mixer must take: a rate that\n"
-"    is a multiple of 50 Hz from 8000 to 96000 Hz, 1 to 10 channels. TYPE is the\n"
+"    (floating-point samples are taken to 16 bits, clipped beyond full scale);\n"
+"    the stream has the file's own rate and channel count, which the mixer must\n"
+"    take: a rate that is a multiple of 50 Hz from 8000 to 96000 Hz, 1 to 10\n"
+"    channels. TYPE is the\n"
 "    stream type that volumes and focus refer to (music, prompt, ...). At the end\n"
 "    the rest of the queue is played out (drain), the queue is closed and the\n"
 "    description file removed, also when a signal (SIGINT, SIGTERM, SIGHUP,\n"
@@ -207,8 +210,6 @@ int main(int argc, char** argv) {
                      access(file.c_str(), R_OK) != 0 ? std::strerror(errno) : sf_strerror(nullptr));
         return 2;
     }
-    // Floating-point samples run from -1 to 1: without scaling they would read as 0.
-    sf_command(sf, SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);
     const unsigned rate = static_cast<unsigned>(info.samplerate), ch = static_cast<unsigned>(info.channels);
     const unsigned periodFrames = rate / 50;  // 20 ms
 
@@ -249,6 +250,7 @@ int main(int argc, char** argv) {
     // queue (the mixer plays slower, or paused) holds the writer back as well.
     mixer::client::RealTimePacer pacer(100000, 200000);
     std::vector<int16_t> buf(periodFrames * ch);
+    std::vector<float> in(periodFrames * ch);
     const double total = info.frames > 0 ? double(info.frames) / rate : 0;
     uint64_t sentFrames = 0;
     unsigned chunk = 0;
@@ -317,8 +319,13 @@ int main(int argc, char** argv) {
             flushAt = -1;
             Flush(writer);
         }
-        sf_count_t got = sf_readf_short(sf, buf.data(), periodFrames);
+        // Every format is read as float, full scale at 1, and taken to 16 bits as it is:
+        // integer samples come back exactly, floating-point ones at their level (read as
+        // integers they would be silence, or scaled to the file's peak).
+        sf_count_t got = sf_readf_float(sf, in.data(), periodFrames);
         if (got <= 0) break;
+        for (size_t k = 0; k < static_cast<size_t>(got) * ch; ++k)
+            buf[k] = static_cast<int16_t>(std::lrint(std::min(32767.0f, std::max(-32768.0f, in[k] * 32768.0f))));
         size_t bytes = static_cast<size_t>(got) * ch * 2, done = 0;
         char bufId[32];
         std::snprintf(bufId, sizeof(bufId), "%s:%u", name.c_str(), chunk++);

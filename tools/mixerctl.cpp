@@ -105,8 +105,9 @@ int main(int argc, char** argv) {
         return 0;
     }
     mixer::client::ControlReply reply;
-    if (!mixer::client::ControlClient::Request(socketPath, line, reply, error, timeoutMs)) {
-        if (error.compare(0, 12, "cannot reach") == 0)
+    bool gone = false;
+    if (!mixer::client::ControlClient::Request(socketPath, line, reply, error, timeoutMs, &gone)) {
+        if (gone)
             error = "mixerd is not running (nothing answers on " + socketPath + ")";
         std::fprintf(stderr, "mixerctl: %s\n", error.c_str());
         return 2;
