@@ -13,9 +13,18 @@ namespace client {
 // A playback stream's client writes blocks (Writer); a record stream's client reads
 // the blocks the daemon writes (Queue).
 //
-// Threading: Open, Close and WaitForRoom from one thread of the client; what Writer and
-// Queue hand out follows their own contracts. Open and Close allocate and do file-system work; they
-// do not wait on the daemon (Close hangs up without waiting).
+// Where it stands with the daemon: Open refuses what the daemon would refuse (in the
+// daemon's words, StreamRules) before it makes anything, says "mixerd is not running"
+// when nothing answers on the control socket, and then asks the daemon over that socket
+// until it has accepted or refused the stream (with the daemon's reason), for a bounded
+// time. Check asks again later, for a client whose audio has stalled: a daemon that
+// was killed or restarted no longer serves the stream.
+//
+// Threading: Open, Check, Close and WaitForRoom from one thread of the client; what Writer and Queue
+// hand out follows their own contracts. They allocate, do file-system work and talk to
+// the control socket; each control request is bounded by Params::answerMs, and Open
+// waits at most that long for the verdict (plus as long again for a name that the
+// daemon is still letting go of).
 class ClientStream {
 public:
     enum Direction { kPlayback, kRecord };
@@ -23,10 +32,23 @@ public:
     struct Params {
         std::string name;       // the stream's name: no '/' after the first byte, no line feed
         std::string meta;       // free text for the description file ("record" for record streams)
-        unsigned rate = 48000;  // Hz, 1..96000
-        unsigned channels = 2;  // 1..10
-        unsigned blocks = 8;    // queue depth, 2..256
+        unsigned rate = 48000;  // Hz, see StreamRules
+        unsigned channels = 2;  // see StreamRules
+        unsigned blocks = 8;    // queue depth, kMinBlocks..kMaxBlocks
         int id = 0;             // the description file's id; 0: this process's id
+        // The daemon's control socket; empty: do not ask the daemon anything (the stream
+        // counts as accepted once announced).
+        std::string socket = kDefaultSocket;
+        unsigned answerMs = 3000;  // bound of the wait for the daemon's verdict
+    };
+    static const char* const kDefaultSocket;  // "/run/mixerd.sock"
+    static const unsigned kMinBlocks = 2, kMaxBlocks = 256;
+
+    // Where the daemon stands on an open stream (Check).
+    enum Standing {
+        kServed,  // the daemon serves it
+        kMicOff,  // a record stream that is served, but the microphone is off
+        kGone     // the daemon has gone or no longer serves the stream
     };
 
     ClientStream() = default;
@@ -35,17 +57,29 @@ public:
     ClientStream& operator=(const ClientStream&) = delete;
 
     // Creates the queue (blocks of 20 ms of 16-bit audio), announces rate and channel
-    // count in it, then writes the description file.
+    // count in it, writes the description file and waits for the daemon's verdict.
     //   On entry: no stream open on this object (an open one is closed first).
-    //   Success:  0; the daemon may open the queue from now on.
-    //   Failure:  an errno value (EINVAL for bad parameters, EEXIST when a queue of that
-    //             name exists already, EIO when the description file cannot be written,
-    //             else the queue's error); error says why in one line; neither the queue
-    //             nor the description file is left behind.
+    //   Success:  0; the daemon has accepted the stream (Standing() says whether the
+    //             microphone is on for a record stream).
+    //   Failure:  an errno value, with error saying why in one line: EINVAL for what the
+    //             daemon would refuse or a bad name or queue length, ECONNREFUSED when
+    //             the daemon is not running, EEXIST when a stream of that name is open
+    //             already, EIO when the description file cannot be written, EPERM when
+    //             the daemon refused (its reason in error), ETIMEDOUT when it gave no
+    //             verdict in time, else the queue's error. Neither the queue nor the
+    //             description file is left behind.
     int Open(Direction direction, const Params& params, std::string& error);
 
-    // Removes the description file and closes the queue (the daemon sees the hang-up).
-    // Nothing when no stream is open.
+    // Asks the daemon whether it still serves the stream; why says what is wrong when
+    // it is not kServed. kServed without asking when no socket was given.
+    Standing Check(std::string& why);
+    // What the daemon said at Open (kServed or kMicOff), or kGone after a Check that
+    // found the daemon gone.
+    Standing Current() const { return standing_; }
+
+    // Removes the description file and closes the queue. The daemon sees the hang-up
+    // and removes the queue when it lets go; when the daemon never took the stream or
+    // has gone, this end removes it. Nothing when no stream is open.
     void Close();
 
     // For a playback client paced by the clock: waits until the queue has a free block,
@@ -65,10 +99,25 @@ public:
 
     // Whether name can name a stream (see Params::name).
     static bool ValidName(const std::string& name);
+    // Why a stream of these parameters cannot be opened in this direction, or empty:
+    // the checks Open makes before it asks the daemon anything.
+    static std::string Refusal(Direction direction, const Params& params);
 
 private:
+    // One "stream" request: the first word of the daemon's answer and the rest in
+    // detail; false when the daemon could not be reached (detail says why; gone: no
+    // daemon is there).
+    bool Ask(std::string& answer, std::string& detail, bool& gone);
+    // Creates the queue; while a daemon is asked, waits out a name the daemon is still
+    // letting go of.
+    int CreateQueue(const Params& p, const std::string& queueName);
+
     DataTransWriter writer_;
-    std::string name_;  // of the description file written, empty when none
+    std::string name_;      // of the description file written, empty when none
+    std::string socket_;    // empty: no daemon is asked
+    unsigned answerMs_ = 0;
+    int id_ = 0;            // the description file's id
+    Standing standing_ = kGone;
 };
 
 }  // namespace client

@@ -14,7 +14,10 @@ namespace mixer {
 namespace client {
 
 bool ControlClient::Request(const std::string& path, const std::string& line, ControlReply& reply,
-                            std::string& error, int timeoutMs) {
+                            std::string& error, int timeoutMs, bool* gone) {
+    bool dropped = false;
+    if (!gone) gone = &dropped;
+    *gone = false;
     sockaddr_un addr;
     std::memset(&addr, 0, sizeof(addr));
     addr.sun_family = AF_UNIX;
@@ -30,6 +33,7 @@ bool ControlClient::Request(const std::string& path, const std::string& line, Co
     }
     if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
         error = "cannot reach the daemon at " + path + ": " + std::strerror(errno);
+        *gone = true;
         close(fd);
         return false;
     }
@@ -39,6 +43,7 @@ bool ControlClient::Request(const std::string& path, const std::string& line, Co
         ssize_t n = send(fd, request.data() + off, request.size() - off, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
+            *gone = errno == EPIPE || errno == ECONNRESET;
             error = std::string("send: ") + std::strerror(errno);
             close(fd);
             return false;
@@ -60,6 +65,7 @@ bool ControlClient::Request(const std::string& path, const std::string& line, Co
         ssize_t n = r < 0 ? -1 : recv(fd, buf, sizeof(buf), 0);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
+            *gone = errno == ECONNRESET;
             error = std::string("recv: ") + std::strerror(errno);
             close(fd);
             return false;
@@ -69,6 +75,7 @@ bool ControlClient::Request(const std::string& path, const std::string& line, Co
     }
     close(fd);
     if (!ControlProtocol::ParseReply(data, reply)) {
+        *gone = data.empty();
         error = data.empty() ? "the daemon closed the connection without a reply"
                              : "the daemon's reply is not understood";
         return false;

@@ -15,9 +15,11 @@ public:
     // Sends line to the daemon at path and reads its reply, waiting at most timeoutMs
     // for it. true with reply filled (which may itself be an error from the daemon), or
     // false with a reason in error when the daemon could not be reached or answered
-    // nothing sensible.
+    // nothing sensible; *gone (when given) then tells whether no daemon is there (nothing
+    // listens, or the connection was dropped without a reply) rather than one that is
+    // slow or misbehaves.
     static bool Request(const std::string& path, const std::string& line, ControlReply& reply,
-                        std::string& error, int timeoutMs = 10000);
+                        std::string& error, int timeoutMs = 10000, bool* gone = nullptr);
 };
 
 }  // namespace client

@@ -15,14 +15,20 @@ struct ControlCommand {
         kStatus,         // status
         kLatency,        // latency
         kHelp,           // help
+        kStream,         // stream NAME ID: where the daemon stands on a client's stream
+        kGetVolume,      // get volume TYPE
+        kGetSpeaker,     // get speaker
+        kGetFocus,       // get focus
     };
 
-    ControlCommand() : kind(kHelp), volume(0), enable(false) {}
+    ControlCommand() : kind(kHelp), volume(0), enable(false), id(0) {}
 
     Kind kind;
-    std::string streamType;  // kStreamVolume, kFocus (empty: no focus wanted)
+    std::string streamType;  // kStreamVolume, kFocus (empty: no focus wanted), kGetVolume;
+                             // kStream: the stream's name
     unsigned volume;         // kStreamVolume, kSpeakerVolume: percent 0..100
     bool enable;             // kMic
+    int id;                  // kStream: the id line of the stream's description file
 };
 
 // The daemon's answer: ok with a body (possibly empty, lines ended by line feeds), or

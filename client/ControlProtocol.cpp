@@ -1,5 +1,8 @@
 #include "client/ControlProtocol.h"
 
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
 #include <sstream>
 #include <vector>
 
@@ -51,7 +54,23 @@ bool RefuseWithUsage(const std::string& what, std::string& error) {
     return false;
 }
 
+bool ParseId(const std::string& word, int& id, std::string& error) {
+    char* end = nullptr;
+    const long v = std::strtol(word.c_str(), &end, 10);
+    if (word.empty() || *end || word.size() > 11 || v < INT32_MIN || v > INT32_MAX) {
+        error = "stream id must be a whole number, not '" + word.substr(0, 32) + "'";
+        return false;
+    }
+    id = static_cast<int>(v);
+    return true;
+}
+
 }  // namespace
+
+const char* const ControlProtocol::kAccepted = "accepted";
+const char* const ControlProtocol::kRefused = "refused";
+const char* const ControlProtocol::kUnknown = "unknown";
+const char* const ControlProtocol::kMicOff = "mic-off";
 
 bool ControlProtocol::Parse(const std::string& rawLine, ControlCommand& cmd, std::string& error) {
     std::string line = rawLine;
@@ -85,6 +104,23 @@ bool ControlProtocol::Parse(const std::string& rawLine, ControlCommand& cmd, std
         if (w.size() != 2 || (w[1] != "on" && w[1] != "off")) return RefuseWithUsage("mic on|off", error);
         c.kind = ControlCommand::kMic;
         c.enable = w[1] == "on";
+    } else if (verb == "get") {
+        const std::string what = w.size() > 1 ? w[1] : std::string();
+        if (what == "volume" && w.size() == 3) {
+            if (!ValidType(w[2], error)) return false;
+            c.kind = ControlCommand::kGetVolume;
+            c.streamType = w[2];
+        } else if ((what == "speaker" || what == "focus") && w.size() == 2) {
+            c.kind = what == "speaker" ? ControlCommand::kGetSpeaker : ControlCommand::kGetFocus;
+        } else {
+            return RefuseWithUsage("get volume TYPE|get speaker|get focus", error);
+        }
+    } else if (verb == "stream") {
+        if (w.size() != 3) return RefuseWithUsage("stream NAME ID", error);
+        // A stream name may be longer than a type; only the line bounds it.
+        if (!ParseId(w[2], c.id, error)) return false;
+        c.kind = ControlCommand::kStream;
+        c.streamType = w[1];
     } else if (verb == "status" || verb == "latency" || verb == "help") {
         if (w.size() != 1) return RefuseWithUsage(verb, error);
         c.kind = verb == "status" ? ControlCommand::kStatus
@@ -124,11 +160,17 @@ bool ControlProtocol::ParseReply(const std::string& data, ControlReply& reply) {
 
 const char* ControlProtocol::Usage() {
     return "volume TYPE PERCENT   volume of every stream of a type (0..100; 52 is unity)\n"
-           "speaker PERCENT       speaker volume (0..100)\n"
+           "speaker PERCENT       speaker volume, a gain on the mix (0..100; 52 is unity,\n"
+           "                      100 is +24 dB)\n"
            "focus TYPE|none       give a stream type focus: other streams duck while it plays\n"
            "mic on|off            enable or disable the microphone\n"
-           "status                print the engines' status report\n"
-           "latency               measure the output-to-microphone delay\n"
+           "get volume TYPE       the volume of a stream type (0..100)\n"
+           "get speaker           the speaker volume (0..100)\n"
+           "get focus             the stream type that has focus, or none\n"
+           "status                the engines' status report, then the daemon's view:\n"
+           "                      streams, volumes, speaker, focus and ducking\n"
+           "latency               measure the output-to-microphone delay (needs a\n"
+           "                      microphone that hears the speaker)\n"
            "help                  this list\n";
 }
 

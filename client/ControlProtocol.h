@@ -12,8 +12,16 @@ namespace client {
 //
 //   request  = "volume" TYPE PERCENT | "speaker" PERCENT | "focus" (TYPE | "none")
 //            | "mic" ("on" | "off") | "status" | "latency" | "help"
+//            | "get" ("volume" TYPE | "speaker" | "focus")
+//            | "stream" NAME ID
 //   reply    = "OK" LF body            ; body: zero or more lines
 //            | "ERR " reason LF
+//
+// "stream" is the client layer's own question, not listed by "help": the body is one
+// line, "accepted" (with " mic-off" for a record stream while the microphone is off),
+// "refused " and the reason, or "unknown" (not decided yet, or no longer served). ID is
+// the id line of the stream's description file, so that a verdict on an earlier stream
+// of the same name is not taken for this one's.
 //
 // Words are separated by blanks or tabs; keywords are lower case; PERCENT is a decimal
 // 0..100; TYPE is 1..kMaxTypeLen printable characters without blanks (a stream type, the
@@ -36,6 +44,12 @@ public:
 
     // The request summary that "help" returns and mixerctl prints.
     static const char* Usage();
+
+    // The answers of "stream" (the first word of the body).
+    static const char* const kAccepted;  // "accepted"
+    static const char* const kRefused;   // "refused"
+    static const char* const kUnknown;   // "unknown"
+    static const char* const kMicOff;    // "mic-off"
 };
 
 }  // namespace client

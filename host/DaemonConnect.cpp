@@ -12,13 +12,17 @@
 #include "host/devices/DiscardOutput.h"
 #include "host/latency/LatencyCarrierInput.h"
 #include "host/MsgNewClientOutput.h"
+#include "mixer/playback/Playback.h"
+#include "client/ControlProtocol.h"
 #include "client/StreamQueueName.h"
+#include "client/StreamRules.h"
 #include "host/StreamToken.h"
 #include "host/devices/ToneMicInput.h"
 #include "host/devices/TrailingSilence.h"
 #include "mixer/algo/AlgoRampGain.h"
 #include "mixer/algo/AlgoResample.h"
 #include "mixer/core/Log.h"
+#include "mixer/core/MsgEnableMic.h"
 #include "mixer/core/MsgSetFocus.h"
 #include "mixer/discovery/StreamFiles.h"
 #include "mixer/input/InputDataTrans.h"
@@ -37,9 +41,9 @@ const char* const DaemonConnect::kEventFocusChanged = "MixerFocusChanged";
 
 namespace {
 
-bool IsRecordName(const std::string& name) {
-    return name == kStreamMicAsr || name == kStreamMicHfp || name == kStreamMicRaw;
-}
+// Refusals remembered for the clients that ask why: enough for every client that can
+// be waiting at one time; the oldest goes first.
+const size_t kRefusalsKept = 64;
 
 // Appends the algorithms that take frames of (inRate, inCh) to (outRate, outCh): the
 // channel map first when it reduces the channels, so the resampler has fewer to do.
@@ -60,7 +64,8 @@ void AddFormatChain(Stream& stream, bool soxr, unsigned inRate, unsigned inCh, u
 
 DaemonConnect::DaemonConnect(const Settings& settings, OutputSource outputs, MicSource mics, EventQueue& events,
                              boost::shared_ptr<LatencyProbe> probe)
-    : settings_(settings), outputs_(outputs), mics_(mics), events_(events), probe_(probe), nextSerial_(1) {}
+    : settings_(settings), outputs_(outputs), mics_(mics), events_(events), probe_(probe),
+      micEnabled_(settings.micEnabled), nextSerial_(1) {}
 
 DaemonConnect::~DaemonConnect() {}
 
@@ -79,28 +84,17 @@ bool DaemonConnect::Post(const boost::weak_ptr<MsgQ>& queue, boost::shared_ptr<M
 int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) {
     const size_t start = info.name.find_first_not_of('/');
     const std::string name = start == std::string::npos ? std::string() : info.name.substr(start);
-    const bool record = IsRecordName(name);
+    const bool record = client::StreamRules::IsRecordName(name);
     MIXER_LOG_I("Mixerd_Connect:AddNewStream:%s name %s type %s %u Hz %u ch ss %u meta '%s':", fileName.c_str(),
                 name.c_str(), info.type.c_str(), info.rate, info.numCh, info.sampleSize, info.meta.c_str());
-    const char* refusal = nullptr;
-    if (name.empty() || name.find('/') != std::string::npos)
-        refusal = "no usable stream name";
-    else if (info.sampleSize != SAMPLE_SIZE_16)
-        refusal = "only 16-bit samples are mixed";
-    else if (info.numCh < 1 || info.numCh > 8)
-        refusal = "channel count out of range 1..8";
-    else if (info.rate < 8000 || info.rate > 96000)
-        refusal = "rate out of range 8000..96000 Hz";
-    else if (info.rate % 50 != 0)
-        // A frame is 20 ms: a rate without a whole number of samples in it would play
-        // slow and leave the resampler part of each frame to fill.
-        refusal = "rate does not make whole 20-ms frames";
-    else if (record && info.type != client::kTypeDataTrans)
-        refusal = "record streams use the dataTrans transport";
-    else if (!record && info.type != client::kTypeDataTrans && info.type != kTypeShmQ && info.type != kTypeShmB)
-        refusal = "unknown transport type";
+    const char* refusal = client::StreamRules::Refusal(name, info.type, info.rate, info.numCh, info.sampleSize);
+    if (!refusal && record) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (!micEnabled_) refusal = "the microphone is off (mixerctl mic on)";
+    }
     if (refusal) {
         MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s refused: %s:", fileName.c_str(), refusal);
+        Refuse(name, info.id, refusal);
         return -1;
     }
 
@@ -113,7 +107,7 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
             return 0;
         }
         serial = nextSerial_++;
-        live_[name] = Live{serial, fileName, false, 0};
+        live_[name] = Live{serial, fileName, false, 0, info.id, record, info.rate, info.numCh};
     }
     std::function<void()> onGone = [this, name, serial] { StreamGone(name, serial); };
 
@@ -131,9 +125,12 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
     }
     if (!msg) {
         // Unannounced: a token that was made has let the name go already, silently.
-        std::lock_guard<std::mutex> guard(mutex_);
-        std::map<std::string, Live>::iterator it = live_.find(name);
-        if (it != live_.end() && it->second.serial == serial) live_.erase(it);
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            std::map<std::string, Live>::iterator it = live_.find(name);
+            if (it != live_.end() && it->second.serial == serial) live_.erase(it);
+        }
+        Refuse(name, info.id, "the daemon cannot open the stream's queue");
         return -1;
     }
     // Only now that the token exists: it is what ends the watch.
@@ -151,6 +148,7 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
     if (!Post(record ? recordQ_ : playbackQ_, msg)) {
         // Dropping msg fires the token: the removal is announced as well.
         MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s: the engines have stopped:", name.c_str());
+        Refuse(name, info.id, "the daemon is stopping");
         return -1;
     }
     if (focus) Post(playbackQ_, boost::make_shared<MsgSetFocus>(info.meta));
@@ -239,6 +237,42 @@ void DaemonConnect::StreamGone(const std::string& name, uint64_t serial) {
     MIXER_LOG_I("Mixerd_Connect:StreamGone:%s:", name.c_str());
 }
 
+void DaemonConnect::Refuse(const std::string& name, int id, const std::string& reason) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    refusals_.push_back(Refusal{name, id, reason});
+    if (refusals_.size() > kRefusalsKept) refusals_.pop_front();
+}
+
+std::string DaemonConnect::StreamVerdict(const std::string& name, int id) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    std::map<std::string, Live>::const_iterator it = live_.find(name);
+    if (it != live_.end() && it->second.id == id && it->second.announced) return client::ControlProtocol::kAccepted;
+    for (std::deque<Refusal>::const_reverse_iterator r = refusals_.rbegin(); r != refusals_.rend(); ++r)
+        if (r->name == name && r->id == id) return std::string(client::ControlProtocol::kRefused) + " " + r->reason;
+    return client::ControlProtocol::kUnknown;
+}
+
+void DaemonConnect::FillView(const Playback& pb, MsgWriteInfoNotify::View& view) {
+    view.speakerVolume = pb.speakerVolume;
+    view.volumes.insert(pb.streamVolumes.begin(), pb.streamVolumes.end());
+    for (const boost::shared_ptr<Stream>& s : pb.inputs) {
+        const std::string& type = s->GetMeta();
+        std::map<std::string, uint32_t>::const_iterator v = pb.streamVolumes.find(type);
+        boost::shared_ptr<Input> in = s->GetInput();
+        const tInOutState state = s->GetState();
+        view.playing.push_back(MsgWriteInfoNotify::View::Playing{
+            type, s->GetName(), MixerIO::GetStateStr(state),
+            v != pb.streamVolumes.end() ? v->second : static_cast<unsigned>(pb.speakerVolume), in ? in->rate : 0});
+        if (s->GetPriority() != 0 && state == STATE_ACTIVE) view.ducking = true;
+    }
+    std::lock_guard<std::mutex> guard(mutex_);
+    view.focus = focusType_;
+    for (const auto& l : live_)
+        if (l.second.record && l.second.announced)
+            view.recording.push_back(MsgWriteInfoNotify::View::Recording{l.first, l.second.rate, l.second.numCh});
+    view.taken = true;
+}
+
 std::map<std::string, std::string> DaemonConnect::LiveStreams() const {
     std::map<std::string, std::string> names;
     std::lock_guard<std::mutex> guard(mutex_);
@@ -258,6 +292,9 @@ void DaemonConnect::AddPlaybackInputAlgos(boost::shared_ptr<Stream> stream, boos
 
 int DaemonConnect::AddPlaybackOutputAlgos(boost::shared_ptr<Output> output, boost::shared_ptr<Stream> outStream,
                                           tPlaybackModes mode) {
+    // The speaker volume: the engine sets it on the output chain's ramp gain (52 unity,
+    // 100 +24 dB, ramped over 50 ms); the outputs have no volume of their own.
+    outStream->AddAlgo(boost::make_shared<AlgoRampGain>());
     if (settings_.deviceRate != settings_.rate)
         outStream->AddAlgo(Resampler(settings_.soxr, settings_.numCh, settings_.rate, settings_.deviceRate));
     // Last, so that a latency mark reaches the device as written.
@@ -274,6 +311,8 @@ void DaemonConnect::AddRecordAlgos(boost::shared_ptr<StreamOut> stream, boost::s
 }
 
 void DaemonConnect::ChainMsgRecord(boost::shared_ptr<MsgHead> msg) {
+    boost::shared_ptr<MsgWriteInfoNotify> info = boost::dynamic_pointer_cast<MsgWriteInfoNotify>(msg);
+    if (info && info->view && playback_) FillView(*playback_, *info->view);
     if (!Post(recordQ_, msg)) MIXER_LOG_W("Mixerd_Connect:ChainMsgRecord:no record engine:");
 }
 
@@ -307,6 +346,10 @@ void DaemonConnect::PostPlayback(boost::shared_ptr<MsgHead> msg) {
 }
 
 void DaemonConnect::PostRecord(boost::shared_ptr<MsgHead> msg) {
+    if (boost::shared_ptr<MsgEnableMic> mic = boost::dynamic_pointer_cast<MsgEnableMic>(msg)) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        micEnabled_ = mic->enable != 0;
+    }
     if (!Post(recordQ_, msg)) MIXER_LOG_W("Mixerd_Connect:PostRecord:no record engine:");
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -12,9 +13,11 @@
 #include "host/ClientWatcher.h"
 #include "host/EngineSink.h"
 #include "host/EventQueue.h"
+#include "host/MsgWriteInfoNotify.h"
 #include "host/latency/LatencyProbe.h"
 #include "mixer/core/Connect.h"
 #include "mixer/core/MsgQ.h"
+#include "mixer/playback/Playback.h"
 #include "mixer/transport/DataTrans.h"
 
 namespace mixer {
@@ -32,7 +35,10 @@ namespace host {
 // Anything else is refused (the library then removes the description file). Each
 // accepted stream carries a token; when an engine drops it (client gone, fault,
 // shutdown) the daemon removes the description file and announces the removal.
-// A second announcement of a stream that is still live is ignored.
+// A record stream is refused while the microphone is off: the record engine touches no
+// output then, so it would hold the client's queue, and its name, until the microphone
+// comes on. A second announcement of a stream that is still live is ignored. The latest refusals
+// are kept with their reasons, so that a client can learn why (StreamVerdict).
 //
 // Client processes. A stream's id is its client's process id (0 or negative: not
 // known). The daemon watches that process for a "dataTrans" stream and, when it ends
@@ -43,8 +49,10 @@ namespace host {
 //
 // Chains (the resampler is the one Settings::soxr picks). Playback inputs: a resampler to the mix rate and a channel map to the mix's
 // channel count where they differ (the cheaper order first), then a ramp gain, which
-// carries volume, focus, ducking and pause fades. The output stream: a resampler from
-// the mix rate to the device's, then the latency mark (AlgoLatencyMark). Record
+// carries volume, focus, ducking and pause fades. The output stream: a ramp gain, which
+// the speaker volume sets (52 is unity, 100 is +24 dB; the outputs have no volume of
+// their own), a resampler from the mix rate to the device's, then the latency mark
+// (AlgoLatencyMark). Record
 // outputs: channel map and resampler from the microphone's format to the client's.
 //
 // Focus. The engine only focuses types that have a stream at that moment; the daemon
@@ -69,12 +77,13 @@ public:
     struct Settings {
         Settings()
             : rate(48000), numCh(2), deviceRate(48000), speakerVolume(40), micRate(16000), micNumCh(1),
-              soxr(true) {}
+              soxr(true), micEnabled(true) {}
         unsigned rate, numCh;        // the mix
         unsigned deviceRate;         // the playback device's rate
         unsigned speakerVolume;      // percent at start
         unsigned micRate, micNumCh;  // format of the microphone's frames
         bool soxr;                   // AlgoSoxrResample converts rates, else the library's AlgoResample
+        bool micEnabled;             // what the record engine is told at start
     };
     // Opens the playback device: the first call the one opened at start, later calls
     // (after a device failure) a fresh one, or empty when there is none.
@@ -92,6 +101,9 @@ public:
 
     // Host thread, before the engines start.
     void SetQueues(boost::shared_ptr<MsgQ> playback, boost::shared_ptr<MsgQ> record);
+    // The playback engine whose settings a status request's view shows (read on its own
+    // thread only, in ChainMsgRecord); host thread, before the engines start.
+    void SetPlayback(const Playback* playback) { playback_ = playback; }
 
     // Connect.
     int AddNewStream(const std::string& fileName, sStreamInfo& info) override;
@@ -110,6 +122,7 @@ public:
     void PostPlayback(boost::shared_ptr<MsgHead> msg) override;
     void PostRecord(boost::shared_ptr<MsgHead> msg) override;
     void FocusChanged(const std::string& streamType) override;
+    std::string StreamVerdict(const std::string& name, int id) override;
 
     // Names of the client streams an engine holds (any thread).
     std::map<std::string, std::string> LiveStreams() const;  // name -> description file
@@ -120,7 +133,17 @@ private:
         std::string fileName;
         bool announced;  // reached the point of being posted to an engine
         uint64_t watch;  // the client process's watch, 0 for none
+        int id;          // the description file's id
+        bool record;
+        unsigned rate, numCh;
     };
+    struct Refusal {
+        std::string name;
+        int id;
+        std::string reason;
+    };
+    // Remembers why the stream (name, id) was refused, for StreamVerdict.
+    void Refuse(const std::string& name, int id, const std::string& reason);
     // Builds the input or output of an announced stream with onGone as its token; empty
     // (with a log line) when it cannot.
     // queue receives the stream's block queue, if it has one.
@@ -131,6 +154,8 @@ private:
     // The token's action: forgets the stream if serial is still the live one.
     void StreamGone(const std::string& name, uint64_t serial);
     bool Post(const boost::weak_ptr<MsgQ>& queue, boost::shared_ptr<MsgHead> msg);
+    // The daemon's view for a status request; on the playback thread.
+    void FillView(const Playback& pb, MsgWriteInfoNotify::View& view);
     // Watches the client process pid of the stream on queue; returns the watch for
     // Unwatch (0 for none). A process that is gone already hangs the queue up at once.
     uint64_t WatchClient(const std::string& name, int pid, const boost::shared_ptr<DataTrans>& queue);
@@ -142,9 +167,12 @@ private:
     boost::shared_ptr<LatencyProbe> probe_;
     boost::weak_ptr<MsgQ> playbackQ_;  // set before the engines start, read-only after
     boost::weak_ptr<MsgQ> recordQ_;    // likewise
+    const Playback* playback_ = nullptr;  // likewise; its fields are read on its thread only
 
     mutable std::mutex mutex_;
     std::map<std::string, Live> live_;  // GUARDED_BY(mutex_): streams an engine holds, by name
+    bool micEnabled_;                   // GUARDED_BY(mutex_): as last posted to the record engine
+    std::deque<Refusal> refusals_;      // GUARDED_BY(mutex_): the latest, oldest first
     uint64_t nextSerial_;               // GUARDED_BY(mutex_)
     std::string focusType_;             // GUARDED_BY(mutex_): empty when none is wanted
     // Last, so it goes first: its thread stops, and no action runs, before the rest goes.

@@ -255,11 +255,13 @@ const char* DaemonOptions::Help() {
 "    /run/mixerd.sock      control socket\n"
 "    /run/mixerd.status    status report of the last status request (kept\n"
 "                          out of /var/run/mixer, which holds only stream files)\n"
-"    /dev/shm/mixer-NAME   a client stream's shared block queue\n"
+"    /dev/shm/mixer-NAME   a client stream's shared block queue; one that no\n"
+"                          process holds any more (its client or an earlier\n"
+"                          daemon was killed) is removed within seconds\n"
 "\n"
 "EXIT STATUS\n"
-"    0 after a clean stop, 1 when the daemon could not start, 2 for a bad\n"
-"    command line.\n";
+"    0 after a clean stop, 1 when the daemon could not start (the reason is\n"
+"    printed on standard error as well as logged), 2 for a bad command line.\n";
 }
 
 }  // namespace host

@@ -20,6 +20,9 @@ public:
     virtual void PostRecord(boost::shared_ptr<MsgHead> msg) = 0;
     // A stream type was given focus (empty: focus no longer wanted for new streams).
     virtual void FocusChanged(const std::string& streamType) = 0;
+    // Where the daemon stands on the client stream (name, id): the body of the answer
+    // to a "stream" request (ControlProtocol).
+    virtual std::string StreamVerdict(const std::string& name, int id) = 0;
 };
 
 }  // namespace host

@@ -30,6 +30,8 @@
 #include "host/EventQueue.h"
 #include "host/latency/LatencyProbe.h"
 #include "host/ShutdownSignals.h"
+#include "host/StaleQueueSweep.h"
+#include "client/StreamQueueName.h"
 #include "host/devices/ToneMicInput.h"
 #include "host/devices/WavMicInput.h"
 #include "host/devices/WavOutput.h"
@@ -50,6 +52,12 @@ using namespace mixer;
 using namespace mixer::host;
 
 void StderrSink(int, const char* line) { std::fprintf(stderr, "%s\n", line); }
+// Until the daemon is ready its errors are why it stops: they go to whoever started it
+// as well as to syslog.
+void StartupSink(int priority, const char* line) {
+    syslog(priority, "%s", line);
+    if (priority <= LOG_ERR) std::fprintf(stderr, "mixerd: %s\n", line);
+}
 
 unsigned DeviceRate(const DaemonOptions& opts) { return opts.deviceRate ? opts.deviceRate : opts.rate; }
 
@@ -114,6 +122,17 @@ void DeliverEvents(EventQueue& events, NexoHandleStruct* bus) {
     });
 }
 
+// How often queues that nobody holds are looked for: a client that runs again after
+// its last run was killed waits for its name about this long (its queue must be
+// kStaleAfterS old as well).
+const int kSweepEveryMs = 1000;
+const unsigned kStaleAfterS = 2;
+
+void SweepQueues() {
+    const std::string prefix = client::StreamQueueName("").substr(1);  // "mixer-"
+    StaleQueueSweep::Sweep("/dev/shm", prefix, kStaleAfterS);
+}
+
 void SignalReady(int fd) {
     if (fd < 0) return;
     static const char kReady[] = "ready\n";
@@ -154,6 +173,7 @@ int Run(const DaemonOptions& opts) {
         settings.micRate = mic ? mic->rate : opts.micRate;
         settings.micNumCh = opts.micChannels;
         settings.soxr = opts.resampler == "soxr";
+        settings.micEnabled = !opts.micOff;
         // The device opened here goes first. After a failure a sound card is opened
         // afresh; a WAV file is not reopened, which would truncate what it holds.
         DaemonConnect::OutputSource outputs = [device, opts]() mutable {
@@ -178,6 +198,7 @@ int Run(const DaemonOptions& opts) {
         // stream directory when it goes, which must not happen to another daemon's.
         std::unique_ptr<Discovery> discovery;
         connect.SetQueues(playback.GetMsgQ(), record.GetMsgQ());
+        connect.SetPlayback(&playback);
         if (!opts.micOff) record.GetMsgQ()->sendMsg(boost::make_shared<MsgEnableMic>(1));
         playback.Init(&connect);
         record.Init(&connect);
@@ -193,16 +214,23 @@ int Run(const DaemonOptions& opts) {
 
         if (server.Start() != 0) {
             status = 1;
-        } else if (discovery.reset(new Discovery()), discovery->Init(&connect) != 1) {
+        } else if (StaleQueueSweep::ClearDescriptions(kStreamDir), SweepQueues(),
+                   discovery.reset(new Discovery()), discovery->Init(&connect) != 1) {
             MIXER_LOG_E("Mixerd:Run:the stream directory %s cannot be watched:", kStreamDir);
             status = 1;
         } else {
             MIXER_LOG_I("Mixerd:Run:ready: output %s, mic %s, mix %u Hz %u ch, control %s:", opts.output.c_str(),
                         opts.mic.c_str(), opts.rate, opts.channels, opts.socketPath.c_str());
             SignalReady(opts.readyFd);
+            if (!opts.logStderr) Log::SetSink(nullptr);  // syslog alone from here on
             for (;;) {
                 pollfd fds[2] = {{signals.Fd(), POLLIN, 0}, {events.Fd(), POLLIN, 0}};
-                if (poll(fds, 2, -1) < 0) {
+                const int ready = poll(fds, 2, kSweepEveryMs);
+                if (ready == 0) {
+                    SweepQueues();
+                    continue;
+                }
+                if (ready < 0) {
                     if (errno == EINTR) continue;
                     MIXER_LOG_E("Mixerd:Run:poll: %s:", std::strerror(errno));
                     status = 1;
@@ -253,6 +281,6 @@ int main(int argc, char** argv) {
     if (opts.logStderr)
         mixer::Log::SetSink(StderrSink);
     else
-        openlog("mixerd", LOG_PID, LOG_DAEMON);
+        openlog("mixerd", LOG_PID, LOG_DAEMON), mixer::Log::SetSink(StartupSink);
     return Run(opts);
 }

@@ -7,6 +7,7 @@
 
 #include "host/control/ControlHandler.h"
 #include "host/EngineSink.h"
+#include "host/MsgWriteInfoNotify.h"
 #include "host/latency/LatencyProbe.h"
 
 namespace mixer {
@@ -18,12 +19,16 @@ namespace host {
 //   focus T     -> MsgSetFocus(T) to playback, and EngineSink::FocusChanged(T)
 //   mic on/off  -> MsgEnableMic to record
 //   status      -> a MsgWriteInfo to playback (which passes it on to record); the reply
-//                  carries the report once both engines have written it
+//                  carries the report once both engines have written it, then the
+//                  daemon's view (settings, streams) that the request brought back
+//   get ...     -> the speaker volume and focus as last set here; a type's volume as
+//                  the playback engine holds it (a status request's view)
+//   stream N I  -> where the daemon stands on a client's stream (EngineSink)
 //   latency     -> arms the probe, keeps the output and the microphone running for the
 //                  test, posts the latency-test message, and replies with the delay
 //
 // Threading: Handle runs on the control server's thread; mutex_ guards the remembered
-// speaker volume and microphone switch. status and latency block for at most their
+// speaker volume, focus and microphone switch. status and latency block for at most their
 // time limits.
 class ControlDispatcher : public ControlHandler {
 public:
@@ -48,6 +53,9 @@ public:
     bool MicEnabled() const;
 
 private:
+    // A status request's round trip: the engines' report in the status file and the
+    // daemon's view; false with error after the time limit.
+    bool Snapshot(MsgWriteInfoNotify::View& view, std::string& error);
     client::ControlReply Status();
     client::ControlReply Latency();
 
@@ -57,6 +65,7 @@ private:
     mutable std::mutex mutex_;
     unsigned speakerVolume_;  // GUARDED_BY(mutex_)
     bool micEnabled_;         // GUARDED_BY(mutex_)
+    std::string focus_;       // GUARDED_BY(mutex_): empty for none
 };
 
 }  // namespace host

@@ -26,6 +26,7 @@ ClientStream::Params Make(const std::string& name, unsigned rate, unsigned chann
     p.rate = rate;
     p.channels = channels;
     p.blocks = blocks;
+    p.socket.clear();  // no daemon here: announced counts as accepted
     return p;
 }
 
@@ -34,7 +35,8 @@ TEST(ClientStreamTest, BadParametersAreRefusedAndLeaveNothing) {
         Make("", 48000, 2, 8),       Make("/", 48000, 2, 8),        Make("a/b", 48000, 2, 8),
         Make("a\nb", 48000, 2, 8),   Make("bad", 0, 2, 8),          Make("bad", 96001, 2, 8),
         Make("bad", 48000, 0, 8),    Make("bad", 48000, 11, 8),     Make("bad", 48000, 2, 1),
-        Make("bad", 48000, 2, 257),
+        Make("bad", 48000, 2, 257),  Make("bad", 7950, 2, 8),       Make("bad", 44056, 2, 8),
+        Make("micRaw", 48000, 2, 8),
     };
     for (const auto& p : bad) {
         SCOPED_TRACE(p.name + " " + std::to_string(p.rate) + " " + std::to_string(p.channels) + " " +
@@ -47,8 +49,16 @@ TEST(ClientStreamTest, BadParametersAreRefusedAndLeaveNothing) {
         EXPECT_FALSE(Exists(QueuePath("bad")));
         EXPECT_FALSE(Exists(FilePath("bad")));
     }
+    // Without a daemon nothing is made, and the tool can say so.
+    auto none = Make("bad", 48000, 2, 8);
+    none.socket = "/run/nobody.sock";
+    ClientStream lone;
+    std::string why;
+    EXPECT_EQ(ECONNREFUSED, lone.Open(ClientStream::kPlayback, none, why));
+    EXPECT_EQ("mixerd is not running (nothing answers on /run/nobody.sock)", why);
+    EXPECT_FALSE(Exists(QueuePath("bad")) || Exists(FilePath("bad")));
     // The limits themselves are taken.
-    for (const auto& p : {Make("/lo", 1, 1, 2), Make("hi", 96000, 10, 256)}) {
+    for (const auto& p : {Make("/lo", 8000, 1, 2), Make("hi", 96000, 10, 256)}) {
         ClientStream s;
         std::string error;
         EXPECT_EQ(0, s.Open(ClientStream::kPlayback, p, error)) << error;
@@ -60,15 +70,17 @@ TEST(ClientStreamTest, OpenAnnouncesTheStreamAndCloseRemovesBoth) {
         SCOPED_TRACE(dir);
         ClientStream s;
         std::string error;
-        ASSERT_EQ(0, s.Open(dir, Make("/nav", 16000, 3, 5), error)) << error;
+        const std::string n = dir == ClientStream::kRecord ? "micAsr" : "nav";
+        auto p = Make("/" + n, 16000, 3, 5);
+        ASSERT_EQ(0, s.Open(dir, p, error)) << error;
         EXPECT_EQ(5u, s.Queue().GetNumBlk());
         EXPECT_EQ(16000u / 50 * 3 * 2, s.Queue().GetUserBlkSize());  // 20 ms of 16-bit audio
         EXPECT_EQ(16000, s.Queue().GetRate());
         EXPECT_EQ(3, s.Queue().GetNumCh());
         EXPECT_EQ(2, s.Queue().GetSampleSize());
         mixer::sStreamInfo info;
-        ASSERT_EQ(0, mixer::UtilReadFile("nav", info));
-        EXPECT_EQ("/nav", info.name);
+        ASSERT_EQ(0, mixer::UtilReadFile(n, info));
+        EXPECT_EQ("/" + n, info.name);
         EXPECT_EQ(mixer::client::kTypeDataTrans, info.type);
         EXPECT_EQ(static_cast<int>(getpid()), info.id);
         EXPECT_EQ(16000u, info.rate);
@@ -76,20 +88,20 @@ TEST(ClientStreamTest, OpenAnnouncesTheStreamAndCloseRemovesBoth) {
         EXPECT_EQ(2u, info.sampleSize);
         EXPECT_EQ(dir == ClientStream::kRecord ? "record" : "music", info.meta);
         mixer::DataTrans daemonEnd;  // the daemon's end, opened by the rule both sides share
-        ASSERT_EQ(0, daemonEnd.Init(mixer::client::StreamQueueName("nav").c_str()));
+        ASSERT_EQ(0, daemonEnd.Init(mixer::client::StreamQueueName(n).c_str()));
 
         // A second stream of the same name is refused and does not disturb the first.
         ClientStream twin;
-        EXPECT_EQ(EEXIST, twin.Open(dir, Make("nav", 16000, 3, 5), error));
-        EXPECT_TRUE(Exists(QueuePath("nav")));
-        EXPECT_TRUE(Exists(FilePath("nav")));
+        EXPECT_EQ(EEXIST, twin.Open(dir, Make(n, 16000, 3, 5), error));
+        EXPECT_TRUE(Exists(QueuePath(n)));
+        EXPECT_TRUE(Exists(FilePath(n)));
 
         s.Close();
         EXPECT_FALSE(s.IsOpen());
-        EXPECT_FALSE(Exists(FilePath("nav")));
+        EXPECT_FALSE(Exists(FilePath(n)));
         EXPECT_TRUE(daemonEnd.IsHungUp());
         daemonEnd.DeInit();  // the last end to close removes the queue
-        EXPECT_FALSE(Exists(QueuePath("nav")));
+        EXPECT_FALSE(Exists(QueuePath(n)));
     }
 }
 

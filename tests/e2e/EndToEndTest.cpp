@@ -16,7 +16,8 @@ TEST(EndToEndTest, MusicDucksUnderAFocusedPromptWithoutClicksAndTheDaemonLeavesN
     ASSERT_TRUE(WriteSine(music, 48000, 2, 440, 8000, 4.0) && WriteSine(prompt, 22050, 1, 1000, 8000, 1.2));
     auto said = [&](const char* text) { return d.said.find(text) != std::string::npos; };
     ASSERT_EQ(d.Ctl("focus prompt"), 0) << d.said;
-    EXPECT_TRUE(d.Ctl("volume") == 1 && said("usage: volume TYPE PERCENT")) << d.said;  // refused, the daemon lives on
+    ASSERT_EQ(d.Ctl("speaker 52"), 0) << d.said;  // unity on the mix: the levels are the sources'
+    EXPECT_TRUE(d.Ctl("volume") == 2 && said("usage: volume TYPE PERCENT")) << d.said;  // refused before the daemon
     const pid_t musicPid = Spawn(MIXER_PLAY_PATH " --name music1 --meta music --quiet " + music, d.dir.File("m"));
     ASSERT_TRUE(Eventually([] { return Exists(kStreamDir + "/music1"); })) << Slurp(d.log);
     // A second of sound reaches the output after the music came, before the prompt starts.

@@ -10,6 +10,7 @@
 #include "host/DaemonConnect.h"
 #include "client/StreamQueueName.h"
 #include "mixer/algo/AlgoRampGain.h"
+#include "mixer/core/MsgEnableMic.h"
 #include "mixer/core/MsgSetFocus.h"
 #include "mixer/discovery/StreamFiles.h"
 #include "mixer/stream/StreamOut.h"
@@ -132,14 +133,14 @@ TEST_F(DaemonConnectTest, ClientStreamsBecomeInputsAndOutputsInTheirFormatAndThe
 TEST_F(DaemonConnectTest, StreamsThatCannotPlayAreRefusedWithoutTraceOrAnnouncement) {
     sStreamInfo wide = Info("wide", "music");
     wide.sampleSize = 4;
-    const std::string ch = "channel count out of range 1..8", rate = "rate out of range 8000..96000 Hz";
+    const std::string ch = "channel count out of range 1..10", rate = "rate out of range 8000..96000 Hz";
     const struct {
         sStreamInfo info;
         std::string why;  // the refusal logged; none when the queue does not open
     } cases[] = {
         {Info("", "music"), "no usable stream name"}, {Info("a/b", "music"), "no usable stream name"},
         {wide, "only 16-bit samples are mixed"}, {Info("c0", "music", 48000, 0), ch},
-        {Info("c9", "music", 48000, 9), ch}, {Info("low", "music", 7950), rate}, {Info("high", "music", 96050), rate},
+        {Info("c11", "music", 48000, 11), ch}, {Info("low", "music", 7950), rate}, {Info("high", "music", 96050), rate},
         {Info("odd", "music", 11025), "rate does not make whole 20-ms frames"},
         {Info(kStreamMicAsr, "record", 48000, 2, kTypeShmQ), "record streams use the dataTrans transport"},
         {Info("file", "music", 48000, 2, kTypeFile), "unknown transport type"}, {Info("gone", "music"), ""},
@@ -150,9 +151,17 @@ TEST_F(DaemonConnectTest, StreamsThatCannotPlayAreRefusedWithoutTraceOrAnnouncem
         EXPECT_NE(Add(c.info), 0) << c.info.name;
         EXPECT_EQ(log.CountPrefix("W Mixerd_Connect:AddNewStream:" + c.info.name + " refused: " + c.why),
                   c.why.empty() ? 0 : 1) << c.info.name << log.Dump();
+        // The client that asks learns why, and a later client of the name (another id) nothing yet.
+        EXPECT_EQ(connect->StreamVerdict(c.info.name, 1),
+                  "refused " + (c.why.empty() ? "the daemon cannot open the stream's queue" : c.why));
+        EXPECT_EQ(connect->StreamVerdict(c.info.name, 2), "unknown");
     }
     EXPECT_EQ(Posted(), Strings{});
     EXPECT_EQ(Events(), Strings{});
+    connect->PostRecord(boost::make_shared<MsgEnableMic>(0));  // a microphone switched off holds no new queue
+    Client mic(Info(kStreamMicRaw, "record"));
+    EXPECT_NE(Add(mic.info), 0);
+    EXPECT_EQ(connect->StreamVerdict(kStreamMicRaw, 1), "refused the microphone is off (mixerctl mic on)");
 }
 
 TEST_F(DaemonConnectTest, KilledClientsAreHungUpAndLeaveNothingBehind) {

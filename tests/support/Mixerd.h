@@ -73,9 +73,9 @@ struct Mixerd {
     pid_t pid = -1;
     bool ready = false;
     std::string said;  // what the last mixerctl printed
-    Mixerd() {
+    explicit Mixerd(bool start = true) {
         int fds[2];  // the daemon gets only the write end
-        if (!getenv("MIXER_PRIVATE_RUN") || pipe2(fds, O_CLOEXEC) != 0 || fcntl(fds[1], F_SETFD, 0) != 0) return;
+        if (!start || !getenv("MIXER_PRIVATE_RUN") || pipe2(fds, O_CLOEXEC) != 0 || fcntl(fds[1], F_SETFD, 0) != 0) return;
         pid = Spawn(MIXERD_PATH " --output wav --mic tone --log-stderr --log-mask EWI --out-file " + out +
                         " --ready-fd " + std::to_string(fds[1]), log);
         char word[8] = {0};
@@ -84,15 +84,22 @@ struct Mixerd {
     }
     ~Mixerd() { Stop(SIGKILL); }
     int Stop(int sig = SIGTERM) { return pid > 0 && kill(pid, sig) == 0 ? WaitExit(std::exchange(pid, -1)) : -1000; }
+    // A program run to its end: its exit status; said holds what it printed.
+    int Run(const std::string& cmd, int limitMs = 60000) {
+        const int status = WaitExit(Spawn(cmd, dir.File("run")), limitMs);
+        return said = Slurp(dir.File("run")), status;
+    }
     int Ctl(const std::string& request) {  // mixerctl: its exit status
         const int status = WaitExit(Spawn(MIXERCTL_PATH " " + request, dir.File("ctl")));
         return said = Slurp(dir.File("ctl")), status;
     }
 };
 
-// A sine with 10-ms fades at both ends (so the source itself has no step).
-inline bool WriteSine(const std::string& path, int rate, int channels, double freq, double amplitude, double seconds) {
-    SF_INFO info = {0, rate, channels, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
+// A sine with 10-ms fades at both ends (so the source itself has no step), in a WAV file
+// of the sample format given (amplitude in 16-bit steps whatever the format).
+inline bool WriteSine(const std::string& path, int rate, int channels, double freq, double amplitude, double seconds,
+                      int format = SF_FORMAT_PCM_16) {
+    SF_INFO info = {0, rate, channels, SF_FORMAT_WAV | format, 0, 0};
     SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
     const size_t n = static_cast<size_t>(seconds * rate), fade = static_cast<size_t>(rate / 100);
     std::vector<int16_t> s(n * channels);
@@ -100,7 +107,11 @@ inline bool WriteSine(const std::string& path, int rate, int channels, double fr
         const double t = double(i / channels), g = std::min({1.0, t / fade, (n - t) / fade});
         s[i] = static_cast<int16_t>(std::lround(g * amplitude * std::sin(2 * M_PI * freq * t / rate)));
     }
-    return f && sf_writef_short(f, s.data(), static_cast<sf_count_t>(n)) == sf_count_t(n) && sf_close(f) == 0;
+    std::vector<double> x(s.begin(), s.end());  // floating point: full scale at 1
+    for (double& v : x) v /= 32768;
+    const sf_count_t wrote = format == SF_FORMAT_PCM_16 ? sf_writef_short(f, s.data(), sf_count_t(n))
+                                                        : sf_writef_double(f, x.data(), sf_count_t(n));
+    return f && wrote == sf_count_t(n) && sf_close(f) == 0;
 }
 // A WAV file's samples (interleaved); info (zeroed by the caller): its rate and channels.
 inline std::vector<int16_t> ReadWav(const std::string& path, SF_INFO& info) {

@@ -1,0 +1,90 @@
+#include "host/StaleQueueSweep.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <set>
+
+#include "mixer/core/Log.h"
+
+namespace mixer {
+namespace host {
+
+namespace {
+
+// The regular files in dir whose names begin with prefix.
+std::vector<std::string> Files(const std::string& dir, const std::string& prefix) {
+    std::vector<std::string> names;
+    DIR* d = opendir(dir.c_str());
+    if (!d) return names;
+    while (dirent* e = readdir(d)) {
+        const std::string name = e->d_name;
+        struct stat st;
+        if (name.compare(0, prefix.size(), prefix) == 0 && stat((dir + "/" + name).c_str(), &st) == 0 &&
+            S_ISREG(st.st_mode))
+            names.push_back(name);
+    }
+    closedir(d);
+    return names;
+}
+
+// The paths that pid's maps name under dir (a removed object reads "... (deleted)").
+std::set<std::string> Mapped(const std::string& maps, const std::string& dir) {
+    std::set<std::string> paths;
+    std::ifstream in(maps.c_str());
+    for (std::string line; std::getline(in, line);) {
+        const size_t at = line.find(dir + "/");
+        if (at != std::string::npos) paths.insert(line.substr(at, line.find(' ', at) - at));
+    }
+    return paths;
+}
+
+}  // namespace
+
+std::vector<std::string> StaleQueueSweep::Sweep(const std::string& dir, const std::string& prefix, unsigned minAgeS) {
+    std::vector<std::string> removed;
+    std::set<std::string> candidates;
+    const std::set<std::string> mine = Mapped("/proc/self/maps", dir);
+    const time_t now = time(nullptr);
+    for (const std::string& name : Files(dir, prefix)) {
+        const std::string path = dir + "/" + name;
+        struct stat st;
+        if (mine.count(path) || stat(path.c_str(), &st) != 0 || now - st.st_ctime < static_cast<time_t>(minAgeS))
+            continue;
+        candidates.insert(path);
+    }
+    if (candidates.empty()) return removed;  // the usual case: every queue is the daemon's
+    DIR* proc = opendir("/proc");
+    while (proc && !candidates.empty()) {
+        dirent* e = readdir(proc);
+        if (!e) break;
+        const pid_t pid = static_cast<pid_t>(std::atoi(e->d_name));
+        if (pid <= 0 || pid == getpid()) continue;
+        for (const std::string& path : Mapped(std::string("/proc/") + e->d_name + "/maps", dir))
+            candidates.erase(path);
+    }
+    if (proc) closedir(proc);
+    for (const std::string& path : candidates) {
+        if (unlink(path.c_str()) != 0) continue;
+        removed.push_back(path.substr(dir.size() + 1));
+        MIXER_LOG_W("Mixerd_Sweep:%s: held by no process: removed:", path.c_str());
+    }
+    return removed;
+}
+
+std::vector<std::string> StaleQueueSweep::ClearDescriptions(const std::string& dir) {
+    std::vector<std::string> removed;
+    for (const std::string& name : Files(dir, "")) {
+        if (unlink((dir + "/" + name).c_str()) != 0) continue;
+        removed.push_back(name);
+        MIXER_LOG_W("Mixerd_Sweep:%s/%s: left by an earlier daemon: removed:", dir.c_str(), name.c_str());
+    }
+    return removed;
+}
+
+}  // namespace host
+}  // namespace mixer
