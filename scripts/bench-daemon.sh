@@ -88,7 +88,8 @@ stop_daemon() {
 }
 
 client() {  # STREAMS RATE: plays them for $seconds; its report in $work/client.out
-  "$build/bench/daemon/mixer-bench-client" --streams "$1" --rate "$2" --seconds "$seconds" >"$work/client.out" ||
+  "$build/bench/daemon/mixer-bench-client" --streams "$1" --rate "$2" --seconds "$seconds" \
+    --socket "$work/ctl.sock" >"$work/client.out" ||
     { echo "the benchmark client failed" >&2; cat "$work/mixerd.log" >&2; exit 1; }
 }
 

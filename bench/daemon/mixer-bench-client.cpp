@@ -27,8 +27,10 @@ namespace {
 
 const char* const kUsage =
     "usage: mixer-bench-client --streams N --rate HZ --seconds S [--channels C] [--name PREFIX]\n"
+    "                          [--socket PATH]\n"
     "Plays N tones through mixerd (streams PREFIX0 .. PREFIXN-1, default prefix \"bench\"),\n"
-    "then prints \"queued-ms M\": the median audio queued ahead of a block at its commit.\n";
+    "then prints \"queued-ms M\": the median audio queued ahead of a block at its commit.\n"
+    "PATH is the daemon's control socket (default /run/mixerd.sock).\n";
 
 const unsigned kBlocks = 8;         // mixer-play's default queue
 const int64_t kLeadUs = 100000;     // and its lead over the clock
@@ -41,6 +43,7 @@ int64_t NowUs() {
 }
 
 struct Shared {
+    std::string socket;  // the daemon's control socket, set before the threads start
     std::mutex mutex;
     std::vector<unsigned> ahead;  // blocks queued ahead of each committed block
     std::atomic<int> failures{0};
@@ -54,6 +57,7 @@ void Play(const std::string& name, unsigned rate, unsigned channels, unsigned pe
     params.rate = rate;
     params.channels = channels;
     params.blocks = kBlocks;
+    params.socket = shared.socket;
     std::string error;
     if (stream.Open(mixer::client::ClientStream::kPlayback, params, error) != 0) {
         std::fprintf(stderr, "mixer-bench-client: %s: %s\n", name.c_str(), error.c_str());
@@ -95,7 +99,7 @@ void Play(const std::string& name, unsigned rate, unsigned channels, unsigned pe
 int main(int argc, char** argv) {
     unsigned streams = 0, rate = 0, channels = 2;
     double seconds = 0;
-    std::string prefix = "bench";
+    std::string prefix = "bench", socket = mixer::client::ClientStream::kDefaultSocket;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string a = argv[i];
         if (a == "--streams") streams = static_cast<unsigned>(std::atoi(argv[i + 1]));
@@ -103,6 +107,7 @@ int main(int argc, char** argv) {
         else if (a == "--seconds") seconds = std::atof(argv[i + 1]);
         else if (a == "--channels") channels = static_cast<unsigned>(std::atoi(argv[i + 1]));
         else if (a == "--name") prefix = argv[i + 1];
+        else if (a == "--socket") socket = argv[i + 1];
         else streams = 0, i = argc;
     }
     if (argc % 2 == 0 || streams == 0 || streams > 64 || rate == 0 || seconds <= 0 || channels == 0) {
@@ -110,6 +115,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     Shared shared;
+    shared.socket = socket;
     std::vector<std::thread> threads;
     const unsigned periods = static_cast<unsigned>(std::lround(seconds * 50));
     for (unsigned s = 0; s < streams; ++s)
