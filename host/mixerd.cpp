@@ -123,9 +123,10 @@ void DeliverEvents(EventQueue& events, NexoHandleStruct* bus) {
 }
 
 // How often queues that nobody holds are looked for: a client that runs again after
-// its last run was killed waits for its name about this long (its queue must be
-// kStaleAfterS old as well).
-const int kSweepEveryMs = 1000;
+// its last run was killed before the daemon took its stream waits for its name about
+// this long (its queue must be kStaleAfterS old as well). Not more often: these are the
+// only wake-ups of an idle daemon.
+const int kSweepEveryMs = 5000;
 const unsigned kStaleAfterS = 2;
 
 void SweepQueues() {
