@@ -9,6 +9,7 @@
 #include "host/DaemonOptions.h"
 #include "host/ShutdownSignals.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/LogCapture.h"
 
 namespace mixer {
 namespace {
@@ -100,8 +101,10 @@ TEST(ClientWatcherTest, ActionsRunOnceAfterTheProcessEndsNeverAfterUnwatchAndUnw
     const pid_t gone = ended.pid();
     EXPECT_EQ(ended.Wait(), 0);
     auto none = [] {};
+    test::LogCapture log;  // and are not asked of the kernel: no warning
     EXPECT_EQ(V({watcher.Watch(gone, none, id), int64_t(id), watcher.Watch(0, none, id), watcher.Watch(-1, none, id)}),
               (V{ClientWatcher::kGone, 0, ClientWatcher::kUnwatched, ClientWatcher::kUnwatched}));
+    EXPECT_EQ(log.CountPrefix("W "), 0) << log.Dump();
 }
 
 TEST(ShutdownSignalsTest, TermAndIntArriveOnTheDescriptorInsteadOfKilling) {

@@ -150,10 +150,11 @@ TEST(ControlServerTest, RequestsBecomeEngineMessagesRepliesSayWhatWentWrongAndMi
     // A flood without a line feed is cut off; one that hangs up at once is an empty request; one
     // that sends nothing is answered after the server's time limit, not ours.
     EXPECT_EQ(Exchange(RawSocket(path), std::string(4000, 'x')), "ERR request longer than 256 bytes\n");
+    EXPECT_EQ(Exchange(RawSocket(path), std::string(256, 'x'), true).find("longer"), std::string::npos);  // the longest taken
     close(RawSocket(path));
     EXPECT_EQ(Exchange(RawSocket(path), ""), "ERR no request line received\n");
-    // Refused: "loud", the client that hung up, and the second server's probe connection.
-    EXPECT_EQ(log.CountPrefix("W Mixerd_ControlServer:Serve:refused:"), 3) << log.Dump();
+    // Refused: "loud", the 256 x's, the client that hung up, and the second server's probe.
+    EXPECT_EQ(log.CountPrefix("W Mixerd_ControlServer:Serve:refused:"), 4) << log.Dump();
     // Whether or not the server has taken a connection yet, Stop ends it.
     int fd = RawSocket(path);
     ASSERT_EQ(send(fd, "stat", 4, MSG_NOSIGNAL), 4);
