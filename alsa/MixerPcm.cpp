@@ -70,6 +70,10 @@ int MixerPcm::Fail(int code, const std::string& what) {
     return -code;
 }
 
+int MixerPcm::Unusable() {
+    return Fail(EIO, gone_ ? "the mixer no longer serves the stream" : "the stream is not open (no hw_params yet)");
+}
+
 int MixerPcm::Create(snd_pcm_t** pcmp, const char* name, snd_pcm_stream_t stream, int mode, const Args& args) {
     if (args.meta.empty() || args.meta.find('\n') != std::string::npos) {
         SNDERR("mixer: the stream type (meta) must be one line of text");
@@ -234,7 +238,7 @@ bool MixerPcm::StillServed(bool moved) {
 
 snd_pcm_sframes_t MixerPcm::Pointer(snd_pcm_ioplug_t* io) {
     MixerPcm* self = Of(io);
-    if (self->gone_ || !self->stream_.IsOpen()) return -EIO;
+    if (self->gone_ || !self->stream_.IsOpen()) return self->Unusable();
     if (self->stream_.Queue().IsHungUp()) {
         self->gone_ = true;
         return self->Fail(EIO, "the mixer closed the stream");
@@ -284,7 +288,7 @@ void MixerPcm::ReleaseHeld() {
 snd_pcm_sframes_t MixerPcm::Transfer(snd_pcm_ioplug_t* io, const snd_pcm_channel_area_t* areas,
                                      snd_pcm_uframes_t offset, snd_pcm_uframes_t size) {
     MixerPcm* self = Of(io);
-    if (self->gone_ || !self->stream_.IsOpen()) return -EIO;
+    if (self->gone_ || !self->stream_.IsOpen()) return self->Unusable();
     DataTrans& q = self->stream_.Queue();
     char* at = static_cast<char*>(areas[0].addr) + (areas[0].first + areas[0].step * offset) / 8;
     const size_t bytes = size * self->frameBytes_;
@@ -358,7 +362,7 @@ void MixerPcm::Discard() {
 
 int MixerPcm::Prepare(snd_pcm_ioplug_t* io) {
     MixerPcm* self = Of(io);
-    if (self->gone_ || !self->stream_.IsOpen()) return self->Fail(EIO, "the stream is not open");
+    if (self->gone_ || !self->stream_.IsOpen()) return self->Unusable();
     self->Discard();
     self->frames_ = self->lastPending_ = 0;
     self->heard_ = Clock::now();
@@ -386,7 +390,7 @@ int MixerPcm::Stop(snd_pcm_ioplug_t* io) {
 int MixerPcm::Drain(snd_pcm_ioplug_t* io) {
     MixerPcm* self = Of(io);
     if (!self->Playback()) return 0;
-    if (self->gone_ || !self->stream_.IsOpen()) return -EIO;
+    if (self->gone_ || !self->stream_.IsOpen()) return self->Unusable();
     int err = 0;
     if (!self->CommitStage(true, 1000, err)) return self->Fail(EIO, "the mixer takes no more audio");
     DataTrans& q = self->stream_.Queue();
@@ -405,7 +409,7 @@ int MixerPcm::Drain(snd_pcm_ioplug_t* io) {
 int MixerPcm::Pause(snd_pcm_ioplug_t* io, int enable) {
     MixerPcm* self = Of(io);
     if (!self->Playback()) return 0;
-    if (self->gone_ || !self->stream_.IsOpen()) return -EIO;
+    if (self->gone_ || !self->stream_.IsOpen()) return self->Unusable();
     // The mixer fades out and in.
     self->stream_.Writer().SendCmd(enable ? CMD_PAUSE : CMD_RESUME);
     self->paused_ = enable != 0;

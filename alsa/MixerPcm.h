@@ -87,6 +87,8 @@ private:
     bool StillServed(bool moved);
     // One line on alsa-lib's error output; returns -code.
     int Fail(int code, const std::string& what);
+    // Fail for a stream that is not open or no longer served.
+    int Unusable();
 
     snd_pcm_ioplug_t io_;
     Args args_;

@@ -45,8 +45,14 @@ double Level(const std::vector<int16_t>& s, unsigned channels, double rate, doub
 struct PlayCase {
     unsigned rate, channels;
     bool poll;     // non-blocking, waiting in poll() on the plugin's descriptors
-    bool pause;    // a pause of a second half-way
+    enum Half { kOn, kPause, kDrop } half;  // half-way: a pause of a second, or a drop
 };
+
+std::string Name(const PlayCase& c) {
+    static const char* const kHalf[] = {"", "Pause", "Drop"};
+    return std::to_string(c.rate) + "Hz" + std::to_string(c.channels) + "ch" + (c.poll ? "Poll" : "") + kHalf[c.half];
+}
+void PrintTo(const PlayCase& c, std::ostream* os) { *os << Name(c); }
 
 class AlsaPlay : public testing::TestWithParam<PlayCase> {};
 
@@ -59,6 +65,7 @@ TEST_P(AlsaPlay, ArrivesWholeAtItsLevelAfterDrain) {
     Mixerd d;
     ASSERT_TRUE(d.ready);
     ASSERT_EQ(d.Ctl("speaker 52"), 0) << d.said;  // unity gain
+    snd_pcm_sframes_t dropped = 0;
     {
         Pcm p(SND_PCM_STREAM_PLAYBACK, c.rate, c.channels, c.poll ? SND_PCM_NONBLOCK : 0);
         ASSERT_EQ(p.err, 0) << snd_strerror(p.err);
@@ -66,13 +73,17 @@ TEST_P(AlsaPlay, ArrivesWholeAtItsLevelAfterDrain) {
         for (size_t i = 0; i < s.size(); ++i)
             s[i] = static_cast<int16_t>(std::lround(8000 * std::sin(2 * M_PI * 1000 * double(i / c.channels) / c.rate)));
         const snd_pcm_uframes_t total = c.rate;
-        bool paused = false;
+        bool halfWay = false;
         for (snd_pcm_uframes_t at = 0; at < total;) {
-            if (c.pause && !paused && at >= total / 2) {
-                paused = true;
+            if (c.half == PlayCase::kPause && !std::exchange(halfWay, at >= total / 2) && halfWay) {
                 ASSERT_EQ(snd_pcm_pause(p.pcm, 1), 0);
                 std::this_thread::sleep_for(std::chrono::seconds(1));  // the pause asked for
                 ASSERT_EQ(snd_pcm_pause(p.pcm, 0), 0);
+            }
+            if (c.half == PlayCase::kDrop && !std::exchange(halfWay, at >= total / 2) && halfWay) {
+                ASSERT_EQ(snd_pcm_delay(p.pcm, &dropped), 0);  // what the drop takes back
+                ASSERT_EQ(snd_pcm_drop(p.pcm), 0);
+                ASSERT_EQ(snd_pcm_prepare(p.pcm), 0);
             }
             const snd_pcm_sframes_t n = snd_pcm_writei(p.pcm, &s[at * c.channels], std::min<snd_pcm_uframes_t>(total - at, c.rate / 100));
             if (n == -EAGAIN) {
@@ -96,22 +107,21 @@ TEST_P(AlsaPlay, ArrivesWholeAtItsLevelAfterDrain) {
     for (size_t i = 0; i < a.size(); ++i)
         if (a[i] > 10) on.push_back(i);
     ASSERT_FALSE(on.empty());
-    EXPECT_NEAR(double(on.size()), 50, 2);
+    EXPECT_NEAR(double(on.size()), 50 - double(dropped) / (c.rate / 50), 2);  // delay was what was queued
+    EXPECT_EQ(dropped > 0, c.half == PlayCase::kDrop);
     EXPECT_NEAR(*std::max_element(a.begin(), a.end()), 8000, 8000 * 0.03);
     const size_t gaps = on.back() - on.front() + 1 - on.size();
-    if (c.pause) EXPECT_GE(gaps, 5u);  // at half speed, the second's pause is 25 windows
-    else EXPECT_EQ(gaps, 0u);
+    if (c.half == PlayCase::kPause) EXPECT_GE(gaps, 5u);  // at half speed, the second's pause is 25 windows
+    else EXPECT_LE(gaps, c.half == PlayCase::kDrop ? 2u : 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, AlsaPlay, testing::Values(PlayCase{48000, 2, false, false},
-                                                          PlayCase{44100, 1, false, false},
-                                                          PlayCase{22050, 1, true, false},
-                                                          PlayCase{96000, 8, true, false},
-                                                          PlayCase{48000, 2, false, true}),
-                         [](const testing::TestParamInfo<PlayCase>& i) {
-                             return std::to_string(i.param.rate) + "Hz" + std::to_string(i.param.channels) + "ch" +
-                                    (i.param.poll ? "Poll" : "") + (i.param.pause ? "Pause" : "");
-                         });
+INSTANTIATE_TEST_SUITE_P(Cases, AlsaPlay, testing::Values(PlayCase{48000, 2, false, PlayCase::kOn},
+                                                          PlayCase{44100, 1, false, PlayCase::kOn},
+                                                          PlayCase{22050, 1, true, PlayCase::kOn},
+                                                          PlayCase{96000, 8, true, PlayCase::kOn},
+                                                          PlayCase{48000, 2, false, PlayCase::kPause},
+                                                          PlayCase{16000, 1, true, PlayCase::kDrop}),
+                         [](const testing::TestParamInfo<PlayCase>& i) { return Name(i.param); });
 
 // Two programs record at once, each at its own rate and channel count, each on its own
 // queue: both hear the tone microphone's 440 Hz at its level.
