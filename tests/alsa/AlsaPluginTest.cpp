@@ -1,0 +1,158 @@
+// The ALSA plugin as a program meets it through alsa-lib, against a real mixerd (WAV output,
+// tone microphone): what is played arrives at its level and length, drain returns once it
+// has played, pause holds it back, capture hears the microphone, a killed player leaves
+// nothing behind.
+
+#include <alsa/asoundlib.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include "tests/support/Mixerd.h"
+
+using namespace mixer::test;
+
+namespace {
+
+// The installed configuration, with the plugin taken from the build tree.
+struct Pcm {
+    snd_config_t* cfg = nullptr;
+    snd_pcm_t* pcm = nullptr;
+    int err;
+    Pcm(snd_pcm_stream_t stream, unsigned rate, unsigned channels, int mode = 0) {
+        const std::string text = "pcm_type.mixer { lib \"" PLUGIN_PATH "\" }\n" + Slurp(PLUGIN_CONF);
+        snd_input_t* in = nullptr;
+        snd_config_top(&cfg);
+        snd_input_buffer_open(&in, text.data(), static_cast<ssize_t>(text.size()));
+        snd_config_load(cfg, in);
+        snd_input_close(in);
+        err = snd_pcm_open_lconf(&pcm, "mixer", stream, mode, cfg);
+        if (err == 0) err = snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, channels, rate, 1, 200000);
+    }
+    ~Pcm() {
+        if (pcm) snd_pcm_close(pcm);
+        snd_config_delete(cfg);
+    }
+};
+
+// The amplitude of the tone at freq in the first channel of s.
+double Level(const std::vector<int16_t>& s, unsigned channels, double rate, double freq) {
+    const double k = 2 * std::cos(2 * M_PI * freq / rate);
+    double s1 = 0, s2 = 0;
+    for (size_t j = 0; j < s.size(); j += channels) s2 = std::exchange(s1, s[j] + k * s1 - s2);
+    return 2 * std::sqrt(std::max(s1 * s1 + s2 * s2 - k * s1 * s2, 0.0)) / double(s.size() / channels);
+}
+
+struct PlayCase {
+    unsigned rate, channels;
+    bool poll;     // non-blocking, waiting in poll() on the plugin's descriptors
+    enum Half { kOn, kPause, kDrop } half;  // half-way: a pause of a second, or a drop
+};
+
+std::string Name(const PlayCase& c) {
+    static const char* const kHalf[] = {"", "Pause", "Drop"};
+    return std::to_string(c.rate) + "Hz" + std::to_string(c.channels) + "ch" + (c.poll ? "Poll" : "") + kHalf[c.half];
+}
+void PrintTo(const PlayCase& c, std::ostream* os) { *os << Name(c); }
+
+class AlsaPlay : public testing::TestWithParam<PlayCase> {};
+
+}  // namespace
+
+// One second of a 1-kHz tone at 8000: after drain the daemon is stopped at once, so the
+// output holds the whole second only if drain waited for it to play.
+TEST_P(AlsaPlay, ArrivesWholeAtItsLevelAfterDrain) {
+    const PlayCase c = GetParam();
+    Mixerd d;
+    ASSERT_TRUE(d.ready);
+    ASSERT_EQ(d.Ctl("speaker 52"), 0) << d.said;  // unity gain
+    snd_pcm_sframes_t dropped = 0;
+    {
+        Pcm p(SND_PCM_STREAM_PLAYBACK, c.rate, c.channels, c.poll ? SND_PCM_NONBLOCK : 0);
+        ASSERT_EQ(p.err, 0) << snd_strerror(p.err);
+        std::vector<int16_t> s(c.rate * c.channels);
+        for (size_t i = 0; i < s.size(); ++i)
+            s[i] = static_cast<int16_t>(std::lround(8000 * std::sin(2 * M_PI * 1000 * double(i / c.channels) / c.rate)));
+        const snd_pcm_uframes_t total = c.rate;
+        bool halfWay = false;
+        for (snd_pcm_uframes_t at = 0; at < total;) {
+            if (c.half == PlayCase::kPause && !std::exchange(halfWay, at >= total / 2) && halfWay) {
+                ASSERT_EQ(snd_pcm_pause(p.pcm, 1), 0);
+                std::this_thread::sleep_for(std::chrono::seconds(1));  // the pause asked for
+                ASSERT_EQ(snd_pcm_pause(p.pcm, 0), 0);
+            }
+            if (c.half == PlayCase::kDrop && !std::exchange(halfWay, at >= total / 2) && halfWay) {
+                ASSERT_EQ(snd_pcm_delay(p.pcm, &dropped), 0);  // what the drop takes back
+                ASSERT_EQ(snd_pcm_drop(p.pcm), 0);
+                ASSERT_EQ(snd_pcm_prepare(p.pcm), 0);
+            }
+            const snd_pcm_sframes_t n = snd_pcm_writei(p.pcm, &s[at * c.channels], std::min<snd_pcm_uframes_t>(total - at, c.rate / 100));
+            if (n == -EAGAIN) {
+                pollfd fds[4];
+                const int nfds = snd_pcm_poll_descriptors(p.pcm, fds, 4);
+                unsigned short revents = 0;
+                ASSERT_GT(poll(fds, nfds, 1000), 0);  // readiness comes by the block pace
+                snd_pcm_poll_descriptors_revents(p.pcm, fds, nfds, &revents);
+                continue;
+            }
+            ASSERT_GT(n, 0) << snd_strerror(int(n));
+            at += snd_pcm_uframes_t(n);
+        }
+        snd_pcm_nonblock(p.pcm, 0);
+        ASSERT_EQ(snd_pcm_drain(p.pcm), 0);
+        ASSERT_EQ(d.Stop(), 0);
+    }
+    SF_INFO info{};
+    const std::vector<double> a = Tone(ReadWav(d.out, info), 1000);
+    std::vector<size_t> on;  // the 20-ms windows that hold the tone (a pause fades it out and in)
+    for (size_t i = 0; i < a.size(); ++i)
+        if (a[i] > 10) on.push_back(i);
+    ASSERT_FALSE(on.empty());
+    EXPECT_NEAR(double(on.size()), 50 - double(dropped) / (c.rate / 50), 2);  // delay was what was queued
+    EXPECT_EQ(dropped > 0, c.half == PlayCase::kDrop);
+    EXPECT_NEAR(*std::max_element(a.begin(), a.end()), 8000, 8000 * 0.03);
+    const size_t gaps = on.back() - on.front() + 1 - on.size();
+    if (c.half == PlayCase::kPause) EXPECT_GE(gaps, 5u);  // at half speed, the second's pause is 25 windows
+    else EXPECT_LE(gaps, c.half == PlayCase::kDrop ? 2u : 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, AlsaPlay, testing::Values(PlayCase{48000, 2, false, PlayCase::kOn},
+                                                          PlayCase{44100, 1, false, PlayCase::kOn},
+                                                          PlayCase{22050, 1, true, PlayCase::kOn},
+                                                          PlayCase{96000, 8, true, PlayCase::kOn},
+                                                          PlayCase{48000, 2, false, PlayCase::kPause},
+                                                          PlayCase{16000, 1, true, PlayCase::kDrop}),
+                         [](const testing::TestParamInfo<PlayCase>& i) { return Name(i.param); });
+
+// Two programs record at once, each at its own rate and channel count, each on its own
+// queue: both hear the tone microphone's 440 Hz at its level.
+TEST(AlsaCapture, TwoAtOnceHearTheMicrophone) {
+    Mixerd d;
+    ASSERT_TRUE(d.ready);
+    Pcm a(SND_PCM_STREAM_CAPTURE, 16000, 1), b(SND_PCM_STREAM_CAPTURE, 48000, 2);
+    ASSERT_EQ(a.err, 0) << snd_strerror(a.err);
+    ASSERT_EQ(b.err, 0) << snd_strerror(b.err);
+    std::vector<int16_t> sa(16000 / 2), sb(48000 / 2 * 2);
+    for (size_t at = 0; at < 8; ++at) {  // eighths of half a second, taking turns
+        ASSERT_EQ(snd_pcm_readi(a.pcm, &sa[at * sa.size() / 8], sa.size() / 8), snd_pcm_sframes_t(sa.size() / 8));
+        ASSERT_EQ(snd_pcm_readi(b.pcm, &sb[at * sb.size() / 8], sb.size() / 16), snd_pcm_sframes_t(sb.size() / 16));
+    }
+    EXPECT_NEAR(Level(sa, 1, 16000, 440), 8192, 8192 * 0.1);
+    EXPECT_NEAR(Level(sb, 2, 48000, 440), 8192, 8192 * 0.1);
+}
+
+// No daemon: open fails at once; a player killed while it plays leaves no queue and no
+// description file.
+TEST(AlsaPlay, NoDaemonFailsAtOpenAndAKilledPlayerLeavesNothing) {
+    EXPECT_EQ(Pcm(SND_PCM_STREAM_PLAYBACK, 48000, 2).err, -ECONNREFUSED);
+    Mixerd d;
+    ASSERT_TRUE(d.ready);
+    const pid_t child = fork();
+    if (child == 0) {
+        Pcm p(SND_PCM_STREAM_PLAYBACK, 48000, 2);
+        std::vector<int16_t> s(48000 * 2, 1000);
+        snd_pcm_writei(p.pcm, s.data(), 48000);
+        raise(SIGKILL);
+    }
+    ASSERT_EQ(WaitExit(child), -SIGKILL);
+    EXPECT_TRUE(Eventually([] { return DirNames("/dev/shm", "mixer-").empty() && DirNames(kStreamDir, "test_alsa").empty(); }, 10000));
+}
