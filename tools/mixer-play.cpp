@@ -20,8 +20,11 @@
 
 #include "client/RealTimePacer.h"
 #include "client/ClientStream.h"
+#include "client/ParseWhole.h"
 
 namespace {
+
+using mixer::client::ParseWhole;
 
 const char* const kHelp =
 "NAME\n"
@@ -95,13 +98,6 @@ bool ParseSeconds(const char* text, double& v) {
     char* end = nullptr;
     v = std::strtod(text, &end);
     return *text && !*end && v >= 0;
-}
-
-bool ParseWhole(const char* text, long& v) {
-    char* end = nullptr;
-    errno = 0;
-    v = std::strtol(text, &end, 10);
-    return *text && !*end && errno == 0;
 }
 
 typedef std::chrono::steady_clock Clock;

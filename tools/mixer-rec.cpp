@@ -14,10 +14,13 @@
 #include <string>
 
 #include "client/ClientStream.h"
+#include "client/ParseWhole.h"
 #include "client/StreamRules.h"
 #include "mixer/transport/DataTrans.h"
 
 namespace {
+
+using mixer::client::ParseWhole;
 
 const char* const kHelp =
 "NAME\n"
@@ -84,13 +87,6 @@ int FormatOf(const std::string& path) {
     for (const auto& f : kFormats)
         if (ext == f.ext) return f.format;
     return 0;
-}
-
-bool ParseWhole(const char* text, long& v) {
-    char* end = nullptr;
-    errno = 0;
-    v = std::strtol(text, &end, 10);
-    return *text && !*end && errno == 0;
 }
 
 }  // namespace
