@@ -1,7 +1,7 @@
 #include "host/devices/AlsaOutput.h"
 
 #include "host/devices/AlsaErrors.h"
-#include "mixer/algo/Algo.h"
+#include "host/devices/OutputSamples.h"
 #include "mixer/core/Log.h"
 
 namespace mixer {
@@ -101,17 +101,9 @@ int AlsaOutput::WriteFrame(boost::shared_ptr<AudioFrame> frame) {
                     frame->sampleSize, numCh_);
         return -1;
     }
-    snd_pcm_uframes_t count = frame->len;
-    if (count * numCh_ * frame->sampleSize > frame->size) count = frame->size / (numCh_ * frame->sampleSize);
-    int r;
-    if (frame->sampleSize == SAMPLE_SIZE_16) {
-        r = Write(frame->Samples16(), count);
-    } else {
-        buf_.resize(count * numCh_);
-        const int32_t* src = frame->Samples32();
-        for (size_t i = 0; i < buf_.size(); ++i) buf_[i] = Algo::saturate16(src[i]);
-        r = Write(buf_.data(), count);
-    }
+    size_t count = 0;
+    const int16_t* samples = OutputSamples(*frame, numCh_, buf_, count);
+    const int r = Write(samples, count);
     if (r == 0 && trace_) trace_->Record(*frame);
     return r;
 }

@@ -1,6 +1,6 @@
 #include "host/devices/WavOutput.h"
 
-#include "mixer/algo/Algo.h"
+#include "host/devices/OutputSamples.h"
 #include "mixer/core/Log.h"
 
 namespace mixer {
@@ -102,18 +102,9 @@ int WavOutput::WriteFrame(boost::shared_ptr<AudioFrame> frame) {
                     frame->rate, frame->numCh, frame->sampleSize, rate_, numCh_);
         return -1;
     }
-    uint64_t count = frame->len;
-    if (count * numCh_ * frame->sampleSize > frame->size) count = frame->size / (numCh_ * frame->sampleSize);
-    int r;
-    if (frame->sampleSize == SAMPLE_SIZE_16) {
-        r = WriteSamples(frame->Samples16(), count);
-    } else {
-        // A wide mix is clamped to 16 bits on the way out.
-        buf_.resize(count * numCh_);
-        const int32_t* src = frame->Samples32();
-        for (size_t i = 0; i < buf_.size(); ++i) buf_[i] = Algo::saturate16(src[i]);
-        r = WriteSamples(buf_.data(), count);
-    }
+    size_t count = 0;
+    const int16_t* samples = OutputSamples(*frame, numCh_, buf_, count);
+    const int r = WriteSamples(samples, count);
     if (r == 0 && trace_) trace_->Record(*frame);
     return r;
 }
