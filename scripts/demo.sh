@@ -6,8 +6,8 @@
 #
 # Installs what is missing, builds the daemon and its tools, starts mixerd with the
 # WAV-file output, plays a music clip (made with sox) and a spoken prompt (made with
-# espeak-ng) whose stream type has focus, so the music ducks while the prompt speaks,
-# and leaves in the repository root:
+# espeak-ng, played by aplay through the ALSA plugin) whose stream type has focus, so
+# the music ducks while the prompt speaks, and leaves in the repository root:
 #   out.wav      what a loudspeaker would have played
 #   out.png      its spectrogram
 #   status.txt   the engines' status report, taken while both streams played
@@ -23,7 +23,7 @@ if [ "${MIXER_DEMO_NS:-}" != 1 ]; then
     exit 1
   fi
   need=0
-  for tool in cmake ninja pkg-config sox espeak-ng unshare c++; do
+  for tool in cmake ninja pkg-config sox espeak-ng aplay unshare c++; do
     command -v "$tool" >/dev/null 2>&1 || need=1
   done
   pkg-config --exists alsa sndfile speexdsp soxr 2>/dev/null || need=1
@@ -35,7 +35,7 @@ if [ "${MIXER_DEMO_NS:-}" != 1 ]; then
   echo "=== building"
   cmake -S "$root" -B "$root/build/demo" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DMIXER_BUILD_TESTS=OFF -DMIXER_BUILD_BENCH=OFF >/dev/null
-  cmake --build "$root/build/demo" --target mixerd mixer-play mixerctl -- -j "$(nproc)" >/dev/null
+  cmake --build "$root/build/demo" --target mixerd mixer-play mixerctl asound_module_pcm_mixer -- -j "$(nproc)" >/dev/null
   # Everything that follows sees a /run of its own.
   exec unshare -m sh -c 'mount -t tmpfs tmpfs /run && MIXER_DEMO_NS=1 exec "$0" "$@"' "$0" "$@"
 fi
@@ -76,12 +76,15 @@ ctl() { "$bin/tools/mixerctl" --socket "$work/ctl.sock" "$@"; }
 
 ctl focus prompt
 echo "=== playing music; the prompt follows and has focus"
-"$bin/tools/mixer-play" "$work/music.wav" --name music1 --meta music --quiet &
+"$bin/tools/mixer-play" "$work/music.wav" --name music1 --meta music --socket "$work/ctl.sock" --quiet &
 music=$!
 # The prompt comes in about three seconds into the music (the WAV output plays at
 # half speed in wall-clock time: see mixerd --help).
 sleep 6
-"$bin/tools/mixer-play" "$work/prompt.wav" --name prompt1 --meta prompt --quiet &
+# The prompt comes from an ALSA program, through the plugin in the build tree.
+{ echo "pcm_type.mixer { lib \"$bin/alsa/libasound_module_pcm_mixer.so\" }"
+  sed "s|/run/mixerd.sock|$work/ctl.sock|" "$root/alsa/50-mixer.conf"; } >"$work/asound.conf"
+ALSA_CONFIG_PATH=$work/asound.conf aplay -q -D mixer:META=prompt,NAME=prompt1 "$work/prompt.wav" &
 prompt=$!
 # The report while both play (the daemon takes the new stream on its own thread).
 for _ in $(seq 50); do

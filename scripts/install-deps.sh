@@ -10,7 +10,7 @@ if [ "${1:-}" = demo ]; then
   apt-get install -y --no-install-recommends \
     build-essential cmake ninja-build pkg-config ca-certificates \
     libboost-dev libspeexdsp-dev libsoxr-dev libasound2-dev libsndfile1-dev libsystemd-dev \
-    sox espeak-ng util-linux
+    sox espeak-ng alsa-utils util-linux
   exit 0
 fi
 
@@ -23,6 +23,7 @@ apt-get install -y --no-install-recommends \
   libboost-dev libspeexdsp-dev libsoxr-dev libgtest-dev libgmock-dev googletest libbenchmark-dev \
   libasound2-dev libsndfile1-dev libsystemd-dev dbus dbus-bin \
   sox espeak-ng util-linux procps \
+  alsa-utils gstreamer1.0-tools gstreamer1.0-alsa gstreamer1.0-plugins-base \
   clang lld libclang-rt-14-dev \
   qemu-user crossbuild-essential-armhf
 

@@ -6,7 +6,8 @@
 #      portable kernels, then its algorithm suite again with the NEON kernels;
 #   3. ThreadSanitizer over the threaded suites;
 # then the daemon benchmark once briefly (scripts/bench-daemon.sh --brief: it must run
-# and print its table; its figures are not judged), and last runs the libFuzzer targets of fuzz/, built with clang, a minute each
+# and print its table; its figures are not judged) and the demo (scripts/demo.sh: the
+# README's first command must keep working), and last runs the libFuzzer targets of fuzz/, built with clang, a minute each
 # (scripts/fuzz.sh).
 # Run from anywhere, as root, on Debian bookworm.
 set -euo pipefail
@@ -50,6 +51,9 @@ run_suite "native tsan" build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMIXER_SAN
 
 echo "=== daemon benchmark, brief (figures printed, not judged)"
 scripts/bench-daemon.sh --brief
+
+echo "=== the demo (it must run to its end)"
+scripts/demo.sh
 
 scripts/fuzz.sh 60
 
