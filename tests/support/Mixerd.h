@@ -120,13 +120,13 @@ inline std::vector<int16_t> ReadWav(const std::string& path, SF_INFO& info) {
     if (f) s.resize(static_cast<size_t>(sf_readf_short(f, s.data(), info.frames) * info.channels)), sf_close(f);
     return s;
 }
-// The amplitude of the tone at freq in each 20-ms window of the left of 48-kHz stereo.
-inline std::vector<double> Tone(const std::vector<int16_t>& s, double freq) {
+// The amplitude of the tone at freq in each 20-ms window of one channel of 48-kHz stereo.
+inline std::vector<double> Tone(const std::vector<int16_t>& s, double freq, size_t channel = 0) {
     const double k = 2 * std::cos(2 * M_PI * freq / 48000);
     std::vector<double> a(s.size() / 2 / 960);
     for (size_t i = 0; i < a.size(); ++i) {
         double s1 = 0, s2 = 0;  // Goertzel
-        for (size_t j = i * 960; j < (i + 1) * 960; ++j) s2 = std::exchange(s1, s[2 * j] + k * s1 - s2);
+        for (size_t j = i * 960; j < (i + 1) * 960; ++j) s2 = std::exchange(s1, s[2 * j + channel] + k * s1 - s2);
         a[i] = 2 * std::sqrt(std::max(s1 * s1 + s2 * s2 - k * s1 * s2, 0.0)) / 960;
     }
     return a;
