@@ -392,7 +392,10 @@ int MixerPcm::Drain(snd_pcm_ioplug_t* io) {
     if (!self->Playback()) return 0;
     if (self->gone_ || !self->stream_.IsOpen()) return self->Unusable();
     int err = 0;
-    if (!self->CommitStage(true, 1000, err)) return self->Fail(EIO, "the mixer takes no more audio");
+    if (!self->CommitStage(true, io->nonblock ? 0 : 1000, err)) {
+        if (io->nonblock && (err == EAGAIN || err == ETIMEDOUT)) return -EAGAIN;  // no room yet for the last part
+        return self->Fail(EIO, "the mixer takes no more audio");
+    }
     DataTrans& q = self->stream_.Queue();
     // The mixer plays in real time at most at half speed (the WAV output): twice what is
     // queued, and a margin.
@@ -400,6 +403,7 @@ int MixerPcm::Drain(snd_pcm_ioplug_t* io) {
     const Clock::time_point deadline = Clock::now() + std::chrono::microseconds(2 * queuedUs + 3000000);
     while (q.AddCount(0) > 0 || q.GetNumBlkFree() < q.GetNumBlk()) {
         if (q.IsHungUp() || q.IsStopped()) return self->Fail(EIO, "the mixer closed the stream while draining");
+        if (io->nonblock) return -EAGAIN;  // the program polls and asks again
         if (Clock::now() > deadline) return self->Fail(EIO, "the mixer did not play the queued audio in time");
         q.WaitTillUserBufEmpty();
     }
