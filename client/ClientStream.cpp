@@ -1,5 +1,8 @@
 #include "client/ClientStream.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,7 +30,7 @@ bool ClientStream::WaitForRoom(unsigned periodUs, unsigned timeoutMs) {
     }
 }
 
-const char* const ClientStream::kDefaultSocket = "/run/mixerd.sock";
+const char* const ClientStream::kDefaultSocket = "/run/mixerd/mixerd.sock";
 
 namespace {
 
@@ -36,6 +39,22 @@ const unsigned kAskEveryMs = 20;  // the daemon takes a stream up within a perio
 std::string Stripped(const std::string& name) {
     const size_t start = name.find_first_not_of('/');
     return start == std::string::npos ? std::string() : name.substr(start);
+}
+
+// A new queue is for the daemon's group alone (the stream directory's group): the daemon
+// takes its shared locks, which any user who may write them could subvert. A client
+// outside the group cannot give it away, and a daemon that is not root then cannot open it.
+void CloseToOthers(const std::string& queueName) {
+    const int fd = shm_open(queueName.c_str(), O_RDWR, 0);
+    if (fd < 0) return;
+    struct stat dir;
+    if (stat(kStreamDir, &dir) == 0 && fchown(fd, static_cast<uid_t>(-1), dir.st_gid) != 0) {
+        // Not a member: the queue keeps the client's group.
+    }
+    if (fchmod(fd, 0660) != 0) {
+        // Ours by creation; nothing to do if even so it fails.
+    }
+    close(fd);
 }
 
 }  // namespace
@@ -113,6 +132,7 @@ int ClientStream::Open(Direction direction, const Params& p, std::string& error)
                 (rc == EEXIST ? "a stream of that name is open already" : std::strerror(rc));
         return rc;
     }
+    CloseToOthers(queueName);
     sStreamInfo desc;
     desc.id = id_;
     desc.type = kTypeDataTrans;

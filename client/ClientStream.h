@@ -41,7 +41,7 @@ public:
         std::string socket = kDefaultSocket;
         unsigned answerMs = 3000;  // bound of the wait for the daemon's verdict
     };
-    static const char* const kDefaultSocket;  // "/run/mixerd.sock"
+    static const char* const kDefaultSocket;  // "/run/mixerd/mixerd.sock"
     static const unsigned kMinBlocks = 2, kMaxBlocks = 256;
 
     // Where the daemon stands on an open stream (Check).

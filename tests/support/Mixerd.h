@@ -69,7 +69,7 @@ inline std::set<std::string> DirNames(const std::string& path, const std::string
 // /run and /dev/shm); ready: it said so on --ready-fd.
 struct Mixerd {
     TempDir dir;
-    const std::string out = dir.File("out.wav"), log = dir.File("mixerd.log"), sock = "/run/mixerd.sock";
+    const std::string out = dir.File("out.wav"), log = dir.File("mixerd.log"), sock = "/run/mixerd/mixerd.sock";
     pid_t pid = -1;
     bool ready = false;
     std::string said;  // what the last mixerctl printed
