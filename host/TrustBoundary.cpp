@@ -11,6 +11,8 @@
 #include <cstring>
 #include <vector>
 
+#include "mixer/core/Log.h"
+
 namespace mixer {
 namespace host {
 
@@ -79,11 +81,13 @@ bool TrustBoundary::Drop(uid_t uid, gid_t gid, int rtPrio, std::string& error) {
     // engines keep their priority without CAP_SYS_NICE.
     rlimit rt;
     const rlim_t want = static_cast<rlim_t>(rtPrio);
-    if (getrlimit(RLIMIT_RTPRIO, &rt) != 0) return error = Why("RLIMIT_RTPRIO"), false;
-    if (rt.rlim_cur < want) {
-        rt.rlim_cur = want;
-        if (rt.rlim_max < want) rt.rlim_max = want;
-        if (setrlimit(RLIMIT_RTPRIO, &rt) != 0) return error = Why("RLIMIT_RTPRIO"), false;
+    if (getrlimit(RLIMIT_RTPRIO, &rt) == 0 && rt.rlim_cur < want) {
+        const rlimit raised = {want, rt.rlim_max < want ? want : rt.rlim_max};
+        // Without CAP_SYS_RESOURCE (a container) the engines run at normal priority, as
+        // they would have as root without CAP_SYS_NICE.
+        if (setrlimit(RLIMIT_RTPRIO, &raised) != 0)
+            MIXER_LOG_W("Mixerd_TrustBoundary:Drop:RLIMIT_RTPRIO stays %lu: %s: no real-time priority:",
+                        static_cast<unsigned long>(rt.rlim_cur), std::strerror(errno));
     }
     if (setgroups(1, &gid) != 0 || setresgid(gid, gid, gid) != 0 || setresuid(uid, uid, uid) != 0)
         return error = Why("cannot become user " + std::to_string(uid) + " group " + std::to_string(gid)), false;

@@ -27,7 +27,8 @@ public:
     // mode; false with the reason when it ends up reachable by others or by another group.
     static bool PrepareDir(const std::string& dir, mode_t mode, uid_t uid, gid_t gid, std::string& error);
     // Becomes uid and gid with no supplementary group but gid, keeping real-time priority
-    // up to rtPrio; false with the reason unless every id changed and root cannot come back.
+    // up to rtPrio (a warning when it cannot); false with the reason unless every id changed
+    // and root cannot come back.
     static bool Drop(uid_t uid, gid_t gid, int rtPrio, std::string& error);
 };
 
