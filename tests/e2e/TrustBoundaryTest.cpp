@@ -69,7 +69,7 @@ TEST(TrustBoundaryTest, OnlyTheClientsGroupReachesTheStreamDirectoryTheQueuesAnd
 }
 
 // Given a user, the daemon leaves root before it serves: every id is that user's, its only
-// group the clients', no capability is left, and it still takes a client's stream.
+// group the clients', one capability is left, and it still takes and ends a client's stream.
 TEST(TrustBoundaryTest, GivenAUserTheDaemonLeavesRootAndServesAsIt) {
     const std::string group = std::to_string(Audio());
     Mixerd d(true, "--user " + std::to_string(kNobody) + " --group " + group + " --out-file /run/mixerd/out.wav");
@@ -78,7 +78,7 @@ TEST(TrustBoundaryTest, GivenAUserTheDaemonLeavesRootAndServesAsIt) {
     EXPECT_EQ(StatusLine(d.pid, "Uid"), nobody + nobody + nobody + std::to_string(kNobody));
     EXPECT_EQ(StatusLine(d.pid, "Gid"), group + "\t" + group + "\t" + group + "\t" + group);
     EXPECT_EQ(StatusLine(d.pid, "Groups"), group + " ");
-    EXPECT_EQ(StatusLine(d.pid, "CapEff"), "0000000000000000");
+    EXPECT_EQ(StatusLine(d.pid, "CapEff"), "0000000000000008");  // CAP_FOWNER alone
     struct stat dir, sock;
     ASSERT_EQ(stat(test::kStreamDir.c_str(), &dir) + stat(d.sock.c_str(), &sock), 0);
     EXPECT_EQ(std::vector<unsigned>({dir.st_mode & 07777, dir.st_uid, dir.st_gid, sock.st_mode & 0777, sock.st_gid}),
@@ -89,6 +89,9 @@ TEST(TrustBoundaryTest, GivenAUserTheDaemonLeavesRootAndServesAsIt) {
     std::string error;
     EXPECT_EQ(stream.Open(client::ClientStream::kPlayback, p, error), 0) << error << test::Slurp(d.log);
     EXPECT_EQ(d.Ctl("status"), 0) << d.said;
+    // The daemon, the queue's last user, removes it though it is not the queue's owner.
+    stream.Close();
+    EXPECT_TRUE(test::Eventually([] { return !test::Exists("/dev/shm/mixer-served"); })) << test::Slurp(d.log);
     EXPECT_EQ(d.Stop(), 0);
 }
 
