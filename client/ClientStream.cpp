@@ -57,6 +57,18 @@ void CloseToOthers(const std::string& queueName) {
     close(fd);
 }
 
+// The description file must be this client's own: another member of the group may have
+// put a file or a link under the name first, which the write would follow (a root client
+// writes anywhere). Creating it read-only announces nothing: the daemon acts on the close
+// of a file written.
+bool OwnDescriptionFile(const std::string& name) {
+    const std::string path = std::string(kStreamDir) + "/" + Stripped(name);
+    const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd >= 0) return close(fd), true;
+    struct stat st;
+    return errno != EEXIST || (lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid());
+}
+
 }  // namespace
 
 bool ClientStream::ValidName(const std::string& name) {
@@ -142,8 +154,14 @@ int ClientStream::Open(Direction direction, const Params& p, std::string& error)
     desc.sampleSize = 2;
     desc.meta = direction == kRecord ? "record" : p.meta;
     standing_ = kGone;  // until the daemon says otherwise: Close then removes the queue
+    if (!OwnDescriptionFile(p.name)) {
+        error = "the description file of " + p.name + " in " + kStreamDir + " is another user's";
+        Close();
+        return EEXIST;
+    }
     if (UtilWriteFile(desc) != 0) {
         error = "cannot write the description file of " + p.name + " in " + kStreamDir;
+        UtilRemoveFile(p.name);
         Close();
         return EIO;
     }

@@ -100,9 +100,8 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
     StreamOwner::Verdict verdict = StreamOwner::kOk;
     if (why.empty()) {
         const bool block = record || info.type == client::kTypeDataTrans;
-        verdict = StreamOwner::Check(std::string(kStreamDir) + "/" + fileName,
-                                     kShmDir + (block ? client::StreamQueueName(name) : "/" + name), info.id, owner,
-                                     why);
+        verdict = StreamOwner::Check(fileName, info, kShmDir + (block ? client::StreamQueueName(name) : "/" + name),
+                                     owner, why);
     }
     if (why.empty()) {
         std::lock_guard<std::mutex> guard(mutex_);

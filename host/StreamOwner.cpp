@@ -5,15 +5,33 @@
 #include <fstream>
 #include <sstream>
 
+#include "mixer/discovery/StreamFiles.h"
+
 namespace mixer {
 namespace host {
 
-StreamOwner::Verdict StreamOwner::Check(const std::string& descFile, const std::string& queueFile, int pid,
-                                        uid_t& owner, std::string& reason) {
-    struct stat queue, desc;
+namespace {
+
+bool Same(const sStreamInfo& a, const sStreamInfo& b) {
+    return a.id == b.id && a.type == b.type && a.name == b.name && a.rate == b.rate && a.numCh == b.numCh &&
+           a.sampleSize == b.sampleSize && a.meta == b.meta;
+}
+
+}  // namespace
+
+StreamOwner::Verdict StreamOwner::Check(const std::string& fileName, const sStreamInfo& info,
+                                        const std::string& queueFile, uid_t& owner, std::string& reason) {
+    const std::string descFile = std::string(kStreamDir) + "/" + fileName;
+    struct stat queue, desc, after;
+    sStreamInfo again;
     if (lstat(queueFile.c_str(), &queue) != 0) return kNoQueue;
-    if (lstat(descFile.c_str(), &desc) != 0) return reason = "the description file has gone", kRefused;
+    if (lstat(descFile.c_str(), &desc) != 0 || UtilReadFile(fileName, again) != 0 ||
+        lstat(descFile.c_str(), &after) != 0)
+        return reason = "the description file has gone", kRefused;
+    if (desc.st_ino != after.st_ino || desc.st_uid != after.st_uid || !Same(info, again))
+        return reason = "the description file changed while it was read", kRefused;
     owner = desc.st_uid;
+    const int pid = info.id;
     if (!S_ISREG(queue.st_mode)) return reason = "the queue is not a plain shared object", kRefused;
     if (queue.st_uid != desc.st_uid)
         return reason = "the description file (user " + std::to_string(desc.st_uid) + ") and the queue (user " +

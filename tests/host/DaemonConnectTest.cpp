@@ -199,6 +199,12 @@ TEST_F(DaemonConnectTest, StreamsThatAreNotOneUsersAreRefusedAndTheQueuesOwnerKe
         EXPECT_TRUE(test::PathExists(queue));  // not the announcer's to take away
         if (shmQ) unlink(queue.c_str());
     }
+    // What was read is not what the file there says: its writer replaced it since.
+    Client changed(Info("changed", "music"));
+    sStreamInfo heard = changed.info;
+    heard.rate = 44100;
+    EXPECT_EQ(Add(heard), -1);
+    EXPECT_EQ(connect->StreamVerdict("changed", 1), "refused the description file changed while it was read");
     EXPECT_EQ(Posted(), Strings{});
     EXPECT_EQ(connect->LiveStreams().size(), 1u);
     EXPECT_EQ(Events(), Strings{"MixerStreamAdded live"});
