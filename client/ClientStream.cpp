@@ -41,20 +41,24 @@ std::string Stripped(const std::string& name) {
     return start == std::string::npos ? std::string() : name.substr(start);
 }
 
-// A new queue is for the daemon's group alone (the stream directory's group): the daemon
-// takes its shared locks, which any user who may write them could subvert. A client
-// outside the group cannot give it away, and a daemon that is not root then cannot open it.
-void CloseToOthers(const std::string& queueName) {
-    const int fd = shm_open(queueName.c_str(), O_RDWR, 0);
-    if (fd < 0) return;
+// What a client makes for the daemon is for the daemon's group alone (the stream
+// directory's group): the daemon takes a queue's shared locks, which any user who may
+// write them could subvert, and a daemon that is not root reads a description file through
+// its group whatever the client's umask. A client outside the group cannot give them away,
+// and such a daemon then refuses them.
+void GiveToGroup(int fd, mode_t mode) {
     struct stat dir;
     if (stat(kStreamDir, &dir) == 0 && fchown(fd, static_cast<uid_t>(-1), dir.st_gid) != 0) {
-        // Not a member: the queue keeps the client's group.
+        // Not a member: it keeps the client's group.
     }
-    if (fchmod(fd, 0660) != 0) {
+    if (fchmod(fd, mode) != 0) {
         // Ours by creation; nothing to do if even so it fails.
     }
-    close(fd);
+}
+
+void CloseToOthers(const std::string& queueName) {
+    const int fd = shm_open(queueName.c_str(), O_RDWR, 0);
+    if (fd >= 0) GiveToGroup(fd, 0660), close(fd);
 }
 
 // The description file must be this client's own: another member of the group may have
@@ -64,7 +68,7 @@ void CloseToOthers(const std::string& queueName) {
 bool OwnDescriptionFile(const std::string& name) {
     const std::string path = std::string(kStreamDir) + "/" + Stripped(name);
     const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd >= 0) return close(fd), true;
+    if (fd >= 0) return GiveToGroup(fd, 0640), close(fd), true;
     struct stat st;
     return errno != EEXIST || (lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid());
 }

@@ -87,7 +87,9 @@ TEST(TrustBoundaryTest, GivenAUserTheDaemonLeavesRootAndServesAsIt) {
     client::ClientStream::Params p;
     p.name = "served";
     std::string error;
+    const mode_t umaskWas = umask(077);  // a client's own files for itself alone: the group still reads
     EXPECT_EQ(stream.Open(client::ClientStream::kPlayback, p, error), 0) << error << test::Slurp(d.log);
+    umask(umaskWas);
     EXPECT_EQ(d.Ctl("status"), 0) << d.said;
     // The daemon, the queue's last user, removes it though it is not the queue's owner.
     stream.Close();
