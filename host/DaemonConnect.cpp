@@ -103,6 +103,7 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
         verdict = StreamOwner::Check(fileName, info, kShmDir + (block ? client::StreamQueueName(name) : "/" + name),
                                      owner, why);
     }
+    uint64_t serial = 0;
     if (why.empty()) {
         std::lock_guard<std::mutex> guard(mutex_);
         std::map<std::string, Live>::const_iterator it = live_.find(name);
@@ -111,19 +112,17 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
             MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s is live already; announcement ignored:", name.c_str());
             return 0;
         }
-        if (it != live_.end()) why = "the stream is live as user " + std::to_string(it->second.owner) + "'s";
+        if (it != live_.end()) {
+            why = "the stream is live as user " + std::to_string(it->second.owner) + "'s";
+        } else {
+            serial = nextSerial_++;
+            live_[name] = Live{serial, fileName, false, 0, info.id, record, info.rate, info.numCh, owner};
+        }
     }
     if (!why.empty()) {
         MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s refused: %s:", fileName.c_str(), why.c_str());
         Refuse(name, info.id, why);
         return -1;
-    }
-
-    uint64_t serial;
-    {
-        std::lock_guard<std::mutex> guard(mutex_);
-        serial = nextSerial_++;
-        live_[name] = Live{serial, fileName, false, 0, info.id, record, info.rate, info.numCh, owner};
     }
     std::function<void()> onGone = [this, name, serial] { StreamGone(name, serial); };
 
