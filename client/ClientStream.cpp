@@ -1,5 +1,8 @@
 #include "client/ClientStream.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,7 +30,7 @@ bool ClientStream::WaitForRoom(unsigned periodUs, unsigned timeoutMs) {
     }
 }
 
-const char* const ClientStream::kDefaultSocket = "/run/mixerd.sock";
+const char* const ClientStream::kDefaultSocket = "/run/mixerd/mixerd.sock";
 
 namespace {
 
@@ -36,6 +39,38 @@ const unsigned kAskEveryMs = 20;  // the daemon takes a stream up within a perio
 std::string Stripped(const std::string& name) {
     const size_t start = name.find_first_not_of('/');
     return start == std::string::npos ? std::string() : name.substr(start);
+}
+
+// What a client makes for the daemon is for the daemon's group alone (the stream
+// directory's group): the daemon takes a queue's shared locks, which any user who may
+// write them could subvert, and a daemon that is not root reads a description file through
+// its group whatever the client's umask. A client outside the group cannot give them away,
+// and such a daemon then refuses them.
+void GiveToGroup(int fd, mode_t mode) {
+    struct stat dir;
+    if (stat(kStreamDir, &dir) == 0 && fchown(fd, static_cast<uid_t>(-1), dir.st_gid) != 0) {
+        // Not a member: it keeps the client's group.
+    }
+    if (fchmod(fd, mode) != 0) {
+        // Ours by creation; nothing to do if even so it fails.
+    }
+}
+
+void CloseToOthers(const std::string& queueName) {
+    const int fd = shm_open(queueName.c_str(), O_RDWR, 0);
+    if (fd >= 0) GiveToGroup(fd, 0660), close(fd);
+}
+
+// The description file must be this client's own: another member of the group may have
+// put a file or a link under the name first, which the write would follow (a root client
+// writes anywhere). Creating it read-only announces nothing: the daemon acts on the close
+// of a file written.
+bool OwnDescriptionFile(const std::string& name) {
+    const std::string path = std::string(kStreamDir) + "/" + Stripped(name);
+    const int fd = open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd >= 0) return GiveToGroup(fd, 0640), close(fd), true;
+    struct stat st;
+    return errno != EEXIST || (lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == geteuid());
 }
 
 }  // namespace
@@ -113,6 +148,7 @@ int ClientStream::Open(Direction direction, const Params& p, std::string& error)
                 (rc == EEXIST ? "a stream of that name is open already" : std::strerror(rc));
         return rc;
     }
+    CloseToOthers(queueName);
     sStreamInfo desc;
     desc.id = id_;
     desc.type = kTypeDataTrans;
@@ -122,8 +158,14 @@ int ClientStream::Open(Direction direction, const Params& p, std::string& error)
     desc.sampleSize = 2;
     desc.meta = direction == kRecord ? "record" : p.meta;
     standing_ = kGone;  // until the daemon says otherwise: Close then removes the queue
+    if (!OwnDescriptionFile(p.name)) {
+        error = "the description file of " + p.name + " in " + kStreamDir + " is another user's";
+        Close();
+        return EEXIST;
+    }
     if (UtilWriteFile(desc) != 0) {
         error = "cannot write the description file of " + p.name + " in " + kStreamDir;
+        UtilRemoveFile(p.name);
         Close();
         return EIO;
     }

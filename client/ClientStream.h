@@ -41,7 +41,7 @@ public:
         std::string socket = kDefaultSocket;
         unsigned answerMs = 3000;  // bound of the wait for the daemon's verdict
     };
-    static const char* const kDefaultSocket;  // "/run/mixerd.sock"
+    static const char* const kDefaultSocket;  // "/run/mixerd/mixerd.sock"
     static const unsigned kMinBlocks = 2, kMaxBlocks = 256;
 
     // Where the daemon stands on an open stream (Check).
@@ -64,7 +64,8 @@ public:
     //   Failure:  an errno value, with error saying why in one line: EINVAL for what the
     //             daemon would refuse or a bad name or queue length, ECONNREFUSED when
     //             the daemon is not running, EEXIST when a stream of that name is open
-    //             already, EIO when the description file cannot be written, EPERM when
+    //             already or another user's file holds its description file's name (it
+    //             stays), EIO when the description file cannot be written, EPERM when
     //             the daemon refused (its reason in error), ETIMEDOUT when it gave no
     //             verdict in time, else the queue's error. Neither the queue nor the
     //             description file is left behind.

@@ -16,6 +16,7 @@
 #include "client/ControlProtocol.h"
 #include "client/StreamQueueName.h"
 #include "client/StreamRules.h"
+#include "host/StreamOwner.h"
 #include "host/StreamToken.h"
 #include "host/devices/ToneMicInput.h"
 #include "host/devices/TrailingSilence.h"
@@ -44,6 +45,8 @@ namespace {
 // Refusals remembered for the clients that ask why: enough for every client that can
 // be waiting at one time; the oldest goes first.
 const size_t kRefusalsKept = 64;
+// Where shm_open keeps its objects.
+const std::string kShmDir = "/dev/shm";
 
 // Appends the algorithms that take frames of (inRate, inCh) to (outRate, outCh): the
 // channel map first when it reduces the channels, so the resampler has fewer to do.
@@ -92,28 +95,42 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
         std::lock_guard<std::mutex> guard(mutex_);
         if (!micEnabled_) refusal = "the microphone is off (mixerctl mic on)";
     }
-    if (refusal) {
-        MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s refused: %s:", fileName.c_str(), refusal);
-        Refuse(name, info.id, refusal);
-        return -1;
+    std::string why = refusal ? refusal : "";
+    uid_t owner = 0;
+    StreamOwner::Verdict verdict = StreamOwner::kOk;
+    if (why.empty()) {
+        const bool block = record || info.type == client::kTypeDataTrans;
+        verdict = StreamOwner::Check(fileName, info, kShmDir + (block ? client::StreamQueueName(name) : "/" + name),
+                                     owner, why);
     }
-
-    uint64_t serial;
-    {
+    uint64_t serial = 0;
+    if (why.empty()) {
         std::lock_guard<std::mutex> guard(mutex_);
-        if (live_.count(name)) {
+        std::map<std::string, Live>::const_iterator it = live_.find(name);
+        if (it != live_.end() && it->second.owner == owner) {
             // The client rewrote its file: the stream plays already, and the file stays.
             MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s is live already; announcement ignored:", name.c_str());
             return 0;
         }
-        serial = nextSerial_++;
-        live_[name] = Live{serial, fileName, false, 0, info.id, record, info.rate, info.numCh};
+        if (it != live_.end()) {
+            why = "the stream is live as user " + std::to_string(it->second.owner) + "'s";
+        } else {
+            serial = nextSerial_++;
+            live_[name] = Live{serial, fileName, false, 0, info.id, record, info.rate, info.numCh, owner};
+        }
+    }
+    if (!why.empty()) {
+        MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s refused: %s:", fileName.c_str(), why.c_str());
+        Refuse(name, info.id, why);
+        return -1;
     }
     std::function<void()> onGone = [this, name, serial] { StreamGone(name, serial); };
 
     boost::shared_ptr<MsgHead> msg;
     boost::shared_ptr<DataTrans> queue;
-    if (record) {
+    if (verdict == StreamOwner::kNoQueue) {
+        MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s: no queue:", name.c_str());
+    } else if (record) {
         boost::shared_ptr<Output> out = OpenRecord(info, onGone, queue);
         if (out) msg.reset(new MsgNewClientOutput(out, info.rate, info.numCh));
     } else {

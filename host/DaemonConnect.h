@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -37,7 +39,9 @@ namespace host {
 // shutdown) the daemon removes the description file and announces the removal.
 // A record stream is refused while the microphone is off: the record engine touches no
 // output then, so it would hold the client's queue, and its name, until the microphone
-// comes on. A second announcement of a stream that is still live is ignored. The latest refusals
+// comes on. A second announcement of a stream that is still live is ignored when its user
+// announced it, refused otherwise. A stream whose description file, queue and process are not
+// one user's is refused (StreamOwner). The latest refusals
 // are kept with their reasons, so that a client can learn why (StreamVerdict).
 //
 // Client processes. A stream's id is its client's process id (0 or negative: not
@@ -136,6 +140,7 @@ private:
         int id;          // the description file's id
         bool record;
         unsigned rate, numCh;
+        uid_t owner;     // the user who announced it (StreamOwner)
     };
     struct Refusal {
         std::string name;

@@ -22,9 +22,12 @@ bool ParseUnsigned(const char* text, unsigned lo, unsigned hi, unsigned& value) 
 
 }  // namespace
 
+const char* const DaemonOptions::kRunDir = "/run/mixerd";
+
 DaemonOptions::DaemonOptions()
-    : socketPath("/run/mixerd.sock"), statusFile("/run/mixerd.status"), output("alsa"),
-      device("default"), outFile("out.wav"), mic("alsa"), micDevice("default"), resampler("soxr"), rate(48000),
+    : socketPath("/run/mixerd/mixerd.sock"), statusFile("/run/mixerd/mixerd.status"), output("alsa"),
+      device("default"), outFile("out.wav"), mic("alsa"), micDevice("default"), resampler("soxr"), group("audio"),
+      rate(48000),
       channels(2), deviceRate(0), micRate(16000), micChannels(1), volume(40), haveLogMask(false),
       logMask(0), logStderr(false), readyFd(-1), micOff(false) {}
 
@@ -57,7 +60,7 @@ DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonO
                                            std::string& error) {
     enum { kSocket = 256, kStatus, kOutput, kDevice, kOutFile, kMic, kMicDevice, kMicFile, kRate,
            kChannels, kDeviceRate, kMicRate, kMicChannels, kVolume, kLogMask, kLogStderr, kReadyFd,
-           kMicOff, kResampler, kWriteTrace };
+           kMicOff, kResampler, kWriteTrace, kUser, kGroup };
     static const option longOpts[] = {
         {"socket", required_argument, nullptr, kSocket},
         {"status-file", required_argument, nullptr, kStatus},
@@ -79,6 +82,8 @@ DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonO
         {"mic-off", no_argument, nullptr, kMicOff},
         {"resampler", required_argument, nullptr, kResampler},
         {"write-trace", required_argument, nullptr, kWriteTrace},
+        {"user", required_argument, nullptr, kUser},
+        {"group", required_argument, nullptr, kGroup},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
@@ -121,6 +126,8 @@ DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonO
         case kMicOff: o.micOff = true; break;
         case kResampler: o.resampler = arg; ok = arg == "soxr" || arg == "speex"; break;
         case kWriteTrace: o.writeTrace = arg; ok = !arg.empty(); break;
+        case kUser: o.user = arg; ok = !arg.empty(); break;
+        case kGroup: o.group = arg; ok = !arg.empty(); break;
         case ':':
             error = std::string("option ") + argv[optind - 1] + " needs a value";
             return kError;
@@ -157,7 +164,7 @@ const char* DaemonOptions::Help() {
 "           [--mic-channels N] [--volume PERCENT] [--socket PATH]\n"
 "           [--status-file PATH] [--log-mask MASK] [--log-stderr]\n"
 "           [--mic-off] [--resampler soxr|speex] [--ready-fd FD]\n"
-"           [--write-trace FILE]\n"
+"           [--write-trace FILE] [--user USER] [--group GROUP]\n"
 "\n"
 "DESCRIPTION\n"
 "    mixerd mixes the sound of its client programs and plays it on one output\n"
@@ -209,9 +216,19 @@ const char* DaemonOptions::Help() {
 "                          resampler\n"
 "    --volume PERCENT      speaker volume at start, 0..100 (default 40;\n"
 "                          52 is unity gain, 100 is +24 dB)\n"
-"    --socket PATH         control socket (default /run/mixerd.sock)\n"
+"    --socket PATH         control socket (default /run/mixerd/mixerd.sock)\n"
 "    --status-file PATH    where status reports are written\n"
-"                          (default /run/mixerd.status)\n"
+"                          (default /run/mixerd/mixerd.status)\n"
+"    --user USER           started as root, become USER (a name or a number)\n"
+"                          once the directories are prepared, keeping real-\n"
+"                          time priority through RLIMIT_RTPRIO and of all\n"
+"                          capabilities CAP_FOWNER alone, with which it removes\n"
+"                          the clients' queues from /dev/shm (default: none,\n"
+"                          stay who started it; the installed service starts\n"
+"                          it as mixerd with CAP_FOWNER)\n"
+"    --group GROUP         the clients' group, a name or a number (default\n"
+"                          audio, whose members reach the sound card already\n"
+"                          and which the daemon needs for it)\n"
 "    --log-mask MASK       which diagnostics reach the log: a number (0x2000000\n"
 "                          errors, 0x1000000 warnings, 0x800000 information,\n"
 "                          0x8000 debug, 0x20 performance) or letters from EWIDP\n"
@@ -250,10 +267,20 @@ const char* DaemonOptions::Help() {
 "    stream's name, MixerFocusChanged with the stream type (\"none\" for focus\n"
 "    none). Without a reachable bus the events are only logged.\n"
 "\n"
+"TRUST\n"
+"    Clients are the members of the group (--group). The stream directory\n"
+"    (mode 1770) and the control socket (0660) are the daemon user's and the\n"
+"    group's alone, and so is /run/mixerd (0750) when the socket is there.\n"
+"    Client queues are refused when any user may write them, and a stream whose\n"
+"    description file, queue and process (the id line) are not one user's is\n"
+"    refused, as is a stream of a live name announced by another user.\n"
+"\n"
 "FILES\n"
 "    /var/run/mixer        stream description files (removed at exit)\n"
-"    /run/mixerd.sock      control socket\n"
-"    /run/mixerd.status    status report of the last status request (kept\n"
+"    /run/mixerd/mixerd.sock\n"
+"                          control socket\n"
+"    /run/mixerd/mixerd.status\n"
+"                          status report of the last status request (kept\n"
 "                          out of /var/run/mixer, which holds only stream files)\n"
 "    /dev/shm/mixer-NAME   a client stream's shared block queue; one that no\n"
 "                          process holds any more (its client or an earlier\n"

@@ -22,6 +22,8 @@ struct DaemonOptions {
     // The full --help text, written like a manual page.
     static const char* Help();
 
+    static const char* const kRunDir;  // "/run/mixerd": the socket's and the status file's
+
     std::string socketPath;   // control socket
     std::string statusFile;   // where status reports are written
     std::string output;       // "alsa" or "wav"
@@ -32,6 +34,8 @@ struct DaemonOptions {
     std::string micFile;      // WAV microphone file
     std::string resampler;    // "soxr" or "speex"
     std::string writeTrace;   // the output's write trace (benchmarks), empty for none
+    std::string user;         // who to become when started as root; empty: stay
+    std::string group;        // the clients' group
     unsigned rate;            // mix rate, Hz
     unsigned channels;        // mix channels
     unsigned deviceRate;      // playback device rate (0: the mix rate)

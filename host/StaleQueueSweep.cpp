@@ -7,6 +7,8 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
+#include <map>
 #include <set>
 
 #include "mixer/core/Log.h"
@@ -32,10 +34,12 @@ std::vector<std::string> Files(const std::string& dir, const std::string& prefix
     return names;
 }
 
-// The paths that pid's maps name under dir (a removed object reads "... (deleted)").
-std::set<std::string> Mapped(const std::string& maps, const std::string& dir) {
+// The paths that pid's maps name under dir (a removed object reads "... (deleted)");
+// readable: whether the maps could be read at all.
+std::set<std::string> Mapped(const std::string& maps, const std::string& dir, bool* readable = nullptr) {
     std::set<std::string> paths;
     std::ifstream in(maps.c_str());
+    if (readable) *readable = in.is_open();
     for (std::string line; std::getline(in, line);) {
         const size_t at = line.find(dir + "/");
         if (at != std::string::npos) paths.insert(line.substr(at, line.find(' ', at) - at));
@@ -47,7 +51,7 @@ std::set<std::string> Mapped(const std::string& maps, const std::string& dir) {
 
 std::vector<std::string> StaleQueueSweep::Sweep(const std::string& dir, const std::string& prefix, unsigned minAgeS) {
     std::vector<std::string> removed;
-    std::set<std::string> candidates;
+    std::map<std::string, uid_t> candidates;  // path -> owner
     const std::set<std::string> mine = Mapped("/proc/self/maps", dir);
     const time_t now = time(nullptr);
     for (const std::string& name : Files(dir, prefix)) {
@@ -55,7 +59,7 @@ std::vector<std::string> StaleQueueSweep::Sweep(const std::string& dir, const st
         struct stat st;
         if (mine.count(path) || stat(path.c_str(), &st) != 0 || now - st.st_ctime < static_cast<time_t>(minAgeS))
             continue;
-        candidates.insert(path);
+        candidates[path] = st.st_uid;
     }
     if (candidates.empty()) return removed;  // the usual case: every queue is the daemon's
     DIR* proc = opendir("/proc");
@@ -64,11 +68,19 @@ std::vector<std::string> StaleQueueSweep::Sweep(const std::string& dir, const st
         if (!e) break;
         const pid_t pid = static_cast<pid_t>(std::atoi(e->d_name));
         if (pid <= 0 || pid == getpid()) continue;
-        for (const std::string& path : Mapped(std::string("/proc/") + e->d_name + "/maps", dir))
-            candidates.erase(path);
+        const std::string entry = std::string("/proc/") + e->d_name;
+        bool readable = false;
+        for (const std::string& path : Mapped(entry + "/maps", dir, &readable)) candidates.erase(path);
+        struct stat st;
+        if (readable || stat(entry.c_str(), &st) != 0) continue;
+        // Another user's process (a daemon that is not root): it may hold any of its
+        // user's queues.
+        for (auto c = candidates.begin(); c != candidates.end();)
+            c = c->second == st.st_uid ? candidates.erase(c) : std::next(c);
     }
     if (proc) closedir(proc);
-    for (const std::string& path : candidates) {
+    for (const auto& candidate : candidates) {
+        const std::string& path = candidate.first;
         if (unlink(path.c_str()) != 0) continue;
         removed.push_back(path.substr(dir.size() + 1));
         MIXER_LOG_W("Mixerd_Sweep:%s: held by no process: removed:", path.c_str());

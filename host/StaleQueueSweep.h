@@ -12,7 +12,8 @@ namespace host {
 // stale when it is older than minAgeS (a client maps its new queue at once) and no live
 // process has it mapped. This daemon's own mappings are looked at first; only when a
 // queue is not one of them are the other processes' maps read. A process whose maps
-// cannot be read is taken not to hold it (the daemon, as root, reads them all).
+// cannot be read is taken to hold every queue of its user: a daemon that is not root
+// reads only its own user's, and leaves other users' queues alone.
 //
 // Threading: the daemon's main thread; no state. Sweep reads /proc and the shared-memory
 // directory and allocates.

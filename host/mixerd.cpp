@@ -6,6 +6,7 @@
 // server's; the library's playback, record and discovery threads.
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -31,6 +32,7 @@
 #include "host/latency/LatencyProbe.h"
 #include "host/ShutdownSignals.h"
 #include "host/StaleQueueSweep.h"
+#include "host/TrustBoundary.h"
 #include "client/StreamQueueName.h"
 #include "host/devices/ToneMicInput.h"
 #include "host/devices/WavMicInput.h"
@@ -142,7 +144,43 @@ void SignalReady(int fd) {
     close(fd);
 }
 
+// The engines' SCHED_FIFO priority, which the daemon keeps when it leaves root.
+const int kEnginePriority = 70;
+
+// The trust boundary, before any thread, device or client: the daemon's directories are
+// its group's alone, and a daemon given --user leaves root. gid: the clients' group.
+bool Enclose(const DaemonOptions& opts, gid_t& gid) {
+    umask(007);  // nothing the daemon makes is for other users
+    uid_t uid;
+    bool switchUser;
+    std::string error;
+    const std::string socketDir = opts.socketPath.substr(0, opts.socketPath.rfind('/'));
+    const bool ok = TrustBoundary::Resolve(opts.user, opts.group, uid, gid, switchUser, error) &&
+                    TrustBoundary::PrepareDir(kStreamDir, 01770, uid, gid, error) &&
+                    (socketDir != DaemonOptions::kRunDir ||
+                     TrustBoundary::PrepareDir(DaemonOptions::kRunDir, 0750, uid, gid, error)) &&
+                    (!switchUser || TrustBoundary::Drop(uid, gid, kEnginePriority, error));
+    if (!ok)
+        MIXER_LOG_E("Mixerd:Run:%s:", error.c_str());
+    else
+        MIXER_LOG_I("Mixerd:Run:user %u, clients' group %u:", static_cast<unsigned>(geteuid()),
+                    static_cast<unsigned>(gid));
+    return ok;
+}
+
+// Connecting takes write permission on the socket: the group's and the daemon's alone.
+bool CloseSocket(const std::string& path, gid_t gid) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) == 0 && (st.st_gid == gid || chown(path.c_str(), static_cast<uid_t>(-1), gid) == 0) &&
+        chmod(path.c_str(), 0660) == 0)
+        return true;
+    MIXER_LOG_E("Mixerd:Run:the control socket %s cannot be closed to others: %s:", path.c_str(), std::strerror(errno));
+    return false;
+}
+
 int Run(const DaemonOptions& opts) {
+    gid_t group;
+    if (!Enclose(opts, group)) return 1;
     // Before any thread: SIGTERM and SIGINT are then blocked everywhere and read here.
     ShutdownSignals signals;
     if (!signals.Ok()) return 1;
@@ -213,7 +251,7 @@ int Run(const DaemonOptions& opts) {
         ControlDispatcher dispatcher(connect, probe, control);
         ControlServer server(opts.socketPath, dispatcher);
 
-        if (server.Start() != 0) {
+        if (server.Start() != 0 || !CloseSocket(opts.socketPath, group)) {
             status = 1;
         } else if (StaleQueueSweep::ClearDescriptions(kStreamDir), SweepQueues(),
                    discovery.reset(new Discovery()), discovery->Init(&connect) != 1) {

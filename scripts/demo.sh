@@ -66,13 +66,14 @@ espeak-ng -s 150 -w "$work/prompt.wav" "In two hundred meters, turn left onto St
 echo "=== starting mixerd (WAV output, tone microphone)"
 ready=$work/ready
 mkfifo "$ready"
+# The default control socket, /run/mixerd/mixerd.sock, in the demo's own /run: the
+# players find it there as mixerctl does.
 "$bin/host/mixerd" --output wav --out-file "$root/out.wav" --mic tone \
-  --socket "$work/ctl.sock" --status-file "$work/status" \
   --log-stderr --log-mask EWI --ready-fd 3 3>"$ready" 2>"$work/mixerd.log" &
 daemon=$!
 read -r word <"$ready"
 [ "$word" = ready ] || { echo "mixerd did not start:" >&2; cat "$work/mixerd.log" >&2; exit 1; }
-ctl() { "$bin/tools/mixerctl" --socket "$work/ctl.sock" "$@"; }
+ctl() { "$bin/tools/mixerctl" "$@"; }
 
 ctl focus prompt
 echo "=== playing music; the prompt follows and has focus"

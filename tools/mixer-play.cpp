@@ -73,7 +73,7 @@ const char* const kHelp =
 "                      play on\n"
 "    --stop-at SEC     stop once SEC seconds have been sent\n"
 "    --no-drain        at the end, close without waiting for the queue to play out\n"
-"    --socket PATH     mixerd's control socket (default /run/mixerd.sock)\n"
+"    --socket PATH     mixerd's control socket (default /run/mixerd/mixerd.sock)\n"
 "    --quiet           no progress line\n"
 "    -h, --help        this text\n"
 "\n"

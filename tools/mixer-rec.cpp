@@ -54,7 +54,7 @@ const char* const kHelp =
 "    --channels N    channel count wanted, 1 to 10 (default 1)\n"
 "    --seconds S     stop after S seconds of audio (more than 0; default: until\n"
 "                    interrupted)\n"
-"    --socket PATH   mixerd's control socket (default /run/mixerd.sock)\n"
+"    --socket PATH   mixerd's control socket (default /run/mixerd/mixerd.sock)\n"
 "    --quiet         no progress line\n"
 "    -h, --help      this text\n"
 "\n"

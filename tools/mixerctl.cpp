@@ -27,7 +27,7 @@ const char* const kHelp =
 "%s"
 "\n"
 "OPTIONS\n"
-"    --socket PATH   the daemon's control socket (default /run/mixerd.sock)\n"
+"    --socket PATH   the daemon's control socket (default /run/mixerd/mixerd.sock)\n"
 "    --timeout MS    how long to wait for the reply, 1 to 3600000 (default\n"
 "                    10000)\n"
 "    -h, --help      this text\n"
@@ -47,7 +47,7 @@ const char* const kHelp =
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string socketPath = "/run/mixerd.sock";
+    std::string socketPath = "/run/mixerd/mixerd.sock";
     int timeoutMs = 10000;
     std::string line;
     for (int i = 1; i < argc; ++i) {

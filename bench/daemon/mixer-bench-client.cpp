@@ -30,7 +30,7 @@ const char* const kUsage =
     "                          [--socket PATH]\n"
     "Plays N tones through mixerd (streams PREFIX0 .. PREFIXN-1, default prefix \"bench\"),\n"
     "then prints \"queued-ms M\": the median audio queued ahead of a block at its commit.\n"
-    "PATH is the daemon's control socket (default /run/mixerd.sock).\n";
+    "PATH is the daemon's control socket (default /run/mixerd/mixerd.sock).\n";
 
 const unsigned kBlocks = 8;         // mixer-play's default queue
 const int64_t kLeadUs = 100000;     // and its lead over the clock

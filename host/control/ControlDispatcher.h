@@ -34,7 +34,7 @@ class ControlDispatcher : public ControlHandler {
 public:
     struct Settings {
         Settings()
-            : statusFile("/run/mixerd.status"), speakerVolume(40), statusTimeoutMs(3000),
+            : statusFile("/run/mixerd/mixerd.status"), speakerVolume(40), statusTimeoutMs(3000),
               latencyTimeoutMs(2000), mixRate(48000), mixNumCh(2), micEnabled(false) {}
         std::string statusFile;      // where the engines write the report
         unsigned speakerVolume;      // the speaker volume the engines start with

@@ -1,7 +1,9 @@
 #include "client/ClientStream.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -103,6 +105,28 @@ TEST(ClientStreamTest, OpenAnnouncesTheStreamAndCloseRemovesBoth) {
         daemonEnd.DeInit();  // the last end to close removes the queue
         EXPECT_FALSE(Exists(QueuePath(n)));
     }
+}
+
+// Another member of the group got the name's description file in first, a file or a
+// link: the client writes neither, nor through the link, and takes its queue along.
+TEST(ClientStreamTest, ADescriptionFileOfAnotherUserIsNeitherWrittenNorFollowed) {
+    ASSERT_NE(nullptr, getenv("MIXER_PRIVATE_RUN")) << "needs the private mounts of the test wrapper";
+    ASSERT_TRUE(mixer::UtilCheckDir());
+    const std::string target = FilePath("target");
+    close(open(target.c_str(), O_CREAT | O_WRONLY, 0644));
+    ASSERT_EQ(0, symlink(target.c_str(), FilePath("link").c_str()));
+    close(open(FilePath("file").c_str(), O_CREAT | O_WRONLY, 0644));
+    for (const char* name : {"link", "file"}) {
+        ASSERT_EQ(0, lchown(FilePath(name).c_str(), 65534, 65534));
+        ClientStream s;
+        std::string error;
+        EXPECT_EQ(EEXIST, s.Open(ClientStream::kPlayback, Make(name, 48000, 2, 8), error));
+        EXPECT_NE(std::string::npos, error.find("is another user's")) << error;
+        EXPECT_FALSE(Exists(QueuePath(name)));
+        EXPECT_TRUE(Exists(FilePath(name)));
+    }
+    struct stat st;
+    EXPECT_TRUE(stat(target.c_str(), &st) == 0 && st.st_size == 0);
 }
 
 TEST(ClientStreamTest, UnwritableDescriptionFileTakesTheQueueAlong) {

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 #include <new>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <boost/make_shared.hpp>
 #include <boost/pointer_cast.hpp>
@@ -162,6 +164,50 @@ TEST_F(DaemonConnectTest, StreamsThatCannotPlayAreRefusedWithoutTraceOrAnnouncem
     Client mic(Info(kStreamMicRaw, "record"));
     EXPECT_NE(Add(mic.info), 0);
     EXPECT_EQ(connect->StreamVerdict(kStreamMicRaw, 1), "refused the microphone is off (mixerctl mic on)");
+}
+
+TEST_F(DaemonConnectTest, StreamsThatAreNotOneUsersAreRefusedAndTheQueuesOwnerKeepsIt) {
+    const uid_t nobody = 65534;
+    Client live(Info("live", "music"));
+    ASSERT_TRUE(live.ok);
+    ASSERT_EQ(Add(live.info), 0);
+    Posted();
+    const struct {
+        sStreamInfo info;
+        uid_t file, queue;
+        mode_t mode;
+        std::string why;
+    } cases[] = {
+        {Info("theirs", "music"), 0, nobody, 0660, "the description file (user 0) and the queue (user 65534) belong to different users"},
+        {Info("open", "music"), 0, 0, 0662, "the queue is writable by every user"},
+        {Info("pid1", "music"), nobody, nobody, 0660, "process 1 is not user 65534's"},
+        // A live name announced by another user with a queue of its own (another transport).
+        {Info("live", "music", 48000, 2, kTypeShmQ), nobody, nobody, 0660, "the stream is live as user 0's"},
+    };
+    for (auto c : cases) {
+        const bool shmQ = c.info.type == kTypeShmQ;
+        const std::string queue = shmQ ? "/dev/shm/live" : "/dev/shm/mixer-" + c.info.name;
+        Client owner(shmQ ? Info("unused", "") : c.info);
+        if (shmQ) close(open(queue.c_str(), O_CREAT | O_WRONLY, 0600)), c.info.id = 0, UtilWriteFile(c.info);
+        const std::string file = std::string(kStreamDir) + "/" + c.info.name;
+        ASSERT_EQ(chown(file.c_str(), c.file, 0) + chown(queue.c_str(), c.queue, 0) + chmod(queue.c_str(), c.mode), 0);
+        test::LogCapture log;
+        EXPECT_EQ(Add(c.info), -1) << c.info.name;
+        EXPECT_EQ(log.CountPrefix("W Mixerd_Connect:AddNewStream:" + c.info.name + " refused: " + c.why + ":"), 1)
+            << log.Dump();
+        EXPECT_EQ(connect->StreamVerdict(c.info.name, c.info.id), "refused " + c.why);
+        EXPECT_TRUE(test::PathExists(queue));  // not the announcer's to take away
+        if (shmQ) unlink(queue.c_str());
+    }
+    // What was read is not what the file there says: its writer replaced it since.
+    Client changed(Info("changed", "music"));
+    sStreamInfo heard = changed.info;
+    heard.rate = 44100;
+    EXPECT_EQ(Add(heard), -1);
+    EXPECT_EQ(connect->StreamVerdict("changed", 1), "refused the description file changed while it was read");
+    EXPECT_EQ(Posted(), Strings{});
+    EXPECT_EQ(connect->LiveStreams().size(), 1u);
+    EXPECT_EQ(Events(), Strings{"MixerStreamAdded live"});
 }
 
 TEST_F(DaemonConnectTest, KilledClientsAreHungUpAndLeaveNothingBehind) {

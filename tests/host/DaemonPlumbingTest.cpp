@@ -23,13 +23,13 @@ std::string Dump(const DaemonOptions& o) {
     s << o.output << '|' << o.device << '|' << o.outFile << '|' << o.mic << '|' << o.micDevice << '|' << o.micFile
       << '|' << o.rate << '|' << o.channels << '|' << o.deviceRate << '|' << o.micRate << '|' << o.micChannels << '|'
       << o.volume << '|' << o.socketPath << '|' << o.statusFile << '|' << o.haveLogMask << ':' << std::hex
-      << o.logMask << std::dec << '|' << o.logStderr << '|' << o.readyFd << '|' << o.micOff << '|' << o.resampler << o.writeTrace;
+      << o.logMask << std::dec << '|' << o.logStderr << '|' << o.readyFd << '|' << o.micOff << '|' << o.resampler << o.writeTrace << '|' << o.user << ':' << o.group;
     return s.str();
 }
 
 TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
     const auto kRun = DaemonOptions::kRun, kError = DaemonOptions::kError;
-    const std::string run = "|/run/mixerd.sock|/run/mixerd.status|",
+    const std::string run = "|/run/mixerd/mixerd.sock|/run/mixerd/mixerd.status|",
                       plain = "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run;
     struct Case {
         std::vector<std::string> args;
@@ -37,15 +37,15 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
         std::string text;  // the options taken (kRun) or the error
     };
     std::vector<Case> cases = {
-        {{}, kRun, plain + "0:0|0|-1|0|soxr"}, {{"--log-mask", "0x20"}, kRun, plain + "1:20|0|-1|0|soxr"},
+        {{}, kRun, plain + "0:0|0|-1|0|soxr|:audio"}, {{"--log-mask", "0x20"}, kRun, plain + "1:20|0|-1|0|soxr|:audio"},
         {{"--output", "wav", "--out-file", "/o.wav", "--mic=wav", "--mic-file", "m.wav", "--rate", "8000", "--channels",
           "8", "--device-rate", "16000", "--mic-rate", "8000", "--mic-channels", "1", "--volume", "0", "--socket", "/s",
           "--status-file", "/st", "--log-mask", "EWIDP", "--log-stderr", "--ready-fd", "3", "--mic-off", "--device",
-          "hw:1,0", "--mic-device", "hw:2", "--resampler", "speex", "--write-trace", "/t"},
-         kRun, "wav|hw:1,0|/o.wav|wav|hw:2|m.wav|8000|8|16000|8000|1|0|/s|/st|1:3808020|1|3|1|speex/t"},
+          "hw:1,0", "--mic-device", "hw:2", "--resampler", "speex", "--write-trace", "/t", "--user", "65534", "--group=mixer"},
+         kRun, "wav|hw:1,0|/o.wav|wav|hw:2|m.wav|8000|8|16000|8000|1|0|/s|/st|1:3808020|1|3|1|speex/t|65534:mixer"},
         {{"--rate=96000", "--device-rate", "8000", "--mic-rate", "96000", "--mic-channels", "8", "--volume", "100",
           "--ready-fd", "1023", "--log-mask", "4294967295", "--mic", "tone"},
-         kRun, "alsa|default|out.wav|tone|default||96000|2|8000|96000|8|100" + run + "1:ffffffff|0|1023|0|soxr"},
+         kRun, "alsa|default|out.wav|tone|default||96000|2|8000|96000|8|100" + run + "1:ffffffff|0|1023|0|soxr|:audio"},
         {{"--help"}, DaemonOptions::kHelp, ""}, {{"-V"}, DaemonOptions::kVersion, ""},
         {{"--frobnicate"}, kError, "unknown option --frobnicate (see --help)"},
         {{"--socket"}, kError, "option --socket needs a value"},
@@ -56,7 +56,7 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
     std::istringstream bad("volume=101 rate=+8000 rate=7999 rate=96001 rate=48000x device-rate=7999 mic-rate=96001 "
                            "channels=0 channels=9 mic-channels=9 output=speaker mic=line ready-fd=2 ready-fd=1024 "
                            "log-mask=EWX log-mask=12ab log-mask=0x100000000 log-mask= socket= status-file= device= "
-                           "out-file= mic-device= mic-file= resampler=sinc write-trace=");
+                           "out-file= mic-device= mic-file= resampler=sinc write-trace= user= group=");
     for (std::string w; bad >> w;) {
         const std::string name = "--" + w.substr(0, w.find('=')), value = w.substr(w.find('=') + 1);
         cases.push_back({{name, value}, kError, "bad value '" + value + "' for " + name + " (see --help)"});
