@@ -171,8 +171,10 @@ ClientStream::Standing ClientStream::Check(std::string& why) {
         // A daemon that does not answer may still hold the queue: only one that is gone
         // leaves it to this end.
         if (gone) standing_ = kGone;
+        unanswered_ = !gone;
         return kGone;
     }
+    unanswered_ = false;
     if (answer != ControlProtocol::kAccepted) {
         why = "mixerd no longer serves the stream";
         standing_ = kGone;
@@ -186,7 +188,8 @@ ClientStream::Standing ClientStream::Check(std::string& why) {
 void ClientStream::Close() {
     std::string why;
     // A daemon killed meanwhile leaves its end open for ever: find out before closing.
-    if (writer_.IsOpen() && standing_ != kGone) Check(why);
+    if (writer_.IsOpen() && standing_ != kGone && !unanswered_) Check(why);
+    unanswered_ = false;
     if (!name_.empty()) UtilRemoveFile(name_);
     name_.clear();
     // Nobody else will remove a queue the daemon does not hold: hang it up on the

@@ -43,7 +43,7 @@ public:
     };
     static const char* const kDefaultSocket;  // "/run/mixerd.sock"
     static const unsigned kMinBlocks = 2, kMaxBlocks = 256;
-    static const unsigned kCheckMs = 800;
+    static const unsigned kCheckMs = 500;
 
     // Where the daemon stands on an open stream (Check).
     enum Standing {
@@ -121,6 +121,7 @@ private:
     unsigned answerMs_ = 0;
     int id_ = 0;            // the description file's id
     Standing standing_ = kGone;
+    bool unanswered_ = false;  // the last Check had no answer: Close does not ask again
 };
 
 }  // namespace client
