@@ -163,6 +163,8 @@ void ControlServer::Process(const pollfd* ready) {
             Serve(c);
             keep = false;
         } else if (keep && Clock::now() >= c.deadline) {
+            MIXER_LOG_W("Mixerd_ControlServer:Serve:no request line within %u ms (%u bytes): closed:",
+                        limits_.deadlineMs, static_cast<unsigned>(c.line.size()));
             SendAll(c.fd, Reply(client::ControlReply::Error("no request line received within " +
                                                             std::to_string(limits_.deadlineMs) + " ms")), 0);
             keep = false;

@@ -222,6 +222,7 @@ TEST(ControlServerTest, SlowOrGoneClientsHoldUpNobodyTheirRequestsAreDroppedAndW
                              "refusals are not logged until one is taken:",
                              "W Mixerd_ControlServer:Serve:the client has gone: 'speaker 77' not carried out:"})
         EXPECT_EQ(log.Count(line), 1) << log.Dump();
+    EXPECT_EQ(log.CountPrefix("W Mixerd_ControlServer:Serve:no request line within 1000 ms ("), 1);
 }
 
 }  // namespace
