@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -93,10 +94,10 @@ std::string ClientStream::Refusal(Direction direction, const Params& p) {
     return std::string();
 }
 
-bool ClientStream::Ask(std::string& answer, std::string& detail, bool& gone) {
+bool ClientStream::Ask(std::string& answer, std::string& detail, bool& gone, unsigned boundMs) {
     ControlReply reply;
     const std::string line = std::string("stream ") + Stripped(name_) + " " + std::to_string(id_);
-    if (!ControlClient::Request(socket_, line, reply, detail, static_cast<int>(answerMs_), &gone)) return false;
+    if (!ControlClient::Request(socket_, line, reply, detail, static_cast<int>(boundMs), &gone)) return false;
     if (!reply.ok) {
         // An older daemon, or one that cannot parse the name: no verdict to be had.
         answer = ControlProtocol::kUnknown;
@@ -134,7 +135,7 @@ int ClientStream::Open(Direction direction, const Params& p, std::string& error)
     name_ = p.name;  // for Ask; cleared again until the description file exists
     std::string answer, detail;
     bool gone = false;
-    if (!socket_.empty() && !Ask(answer, detail, gone)) {
+    if (!socket_.empty() && !Ask(answer, detail, gone, answerMs_)) {
         name_.clear();
         error = gone ? "mixerd is not running (nothing answers on " + socket_ + ")"
                                     : "mixerd does not answer: " + detail;
@@ -176,7 +177,7 @@ int ClientStream::Open(Direction direction, const Params& p, std::string& error)
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(answerMs_);
     for (;;) {
-        if (!Ask(answer, detail, gone)) {
+        if (!Ask(answer, detail, gone, answerMs_)) {
             error = gone ? "mixerd has gone" : "mixerd does not answer: " + detail;
             Close();
             return ECONNREFUSED;
@@ -207,13 +208,15 @@ ClientStream::Standing ClientStream::Check(std::string& why) {
     if (socket_.empty()) return kServed;
     std::string answer, detail;
     bool gone = false;
-    if (!Ask(answer, detail, gone)) {
+    if (!Ask(answer, detail, gone, std::min(answerMs_, static_cast<unsigned>(kCheckMs)))) {
         why = gone ? "mixerd has gone" : "mixerd does not answer: " + detail;
         // A daemon that does not answer may still hold the queue: only one that is gone
         // leaves it to this end.
         if (gone) standing_ = kGone;
+        unanswered_ = !gone;
         return kGone;
     }
+    unanswered_ = false;
     if (answer != ControlProtocol::kAccepted) {
         why = "mixerd no longer serves the stream";
         standing_ = kGone;
@@ -227,7 +230,8 @@ ClientStream::Standing ClientStream::Check(std::string& why) {
 void ClientStream::Close() {
     std::string why;
     // A daemon killed meanwhile leaves its end open for ever: find out before closing.
-    if (writer_.IsOpen() && standing_ != kGone) Check(why);
+    if (writer_.IsOpen() && standing_ != kGone && !unanswered_) Check(why);
+    unanswered_ = false;
     if (!name_.empty()) UtilRemoveFile(name_);
     name_.clear();
     // Nobody else will remove a queue the daemon does not hold: hang it up on the

@@ -43,6 +43,7 @@ public:
     };
     static const char* const kDefaultSocket;  // "/run/mixerd/mixerd.sock"
     static const unsigned kMinBlocks = 2, kMaxBlocks = 256;
+    static const unsigned kCheckMs = 500;
 
     // Where the daemon stands on an open stream (Check).
     enum Standing {
@@ -72,7 +73,9 @@ public:
     int Open(Direction direction, const Params& params, std::string& error);
 
     // Asks the daemon whether it still serves the stream; why says what is wrong when
-    // it is not kServed. kServed without asking when no socket was given.
+    // it is not kServed. kServed without asking when no socket was given. Waits at most
+    // kCheckMs for the answer: a client whose audio stalled for a second and whose
+    // daemon does not answer either learns within 2 s that it has gone.
     Standing Check(std::string& why);
     // What the daemon said at Open (kServed or kMicOff), or kGone after a Check that
     // found the daemon gone.
@@ -108,7 +111,7 @@ private:
     // One "stream" request: the first word of the daemon's answer and the rest in
     // detail; false when the daemon could not be reached (detail says why; gone: no
     // daemon is there).
-    bool Ask(std::string& answer, std::string& detail, bool& gone);
+    bool Ask(std::string& answer, std::string& detail, bool& gone, unsigned boundMs);
     // Creates the queue; while a daemon is asked, waits out a name the daemon is still
     // letting go of.
     int CreateQueue(const Params& p, const std::string& queueName);
@@ -119,6 +122,7 @@ private:
     unsigned answerMs_ = 0;
     int id_ = 0;            // the description file's id
     Standing standing_ = kGone;
+    bool unanswered_ = false;  // the last Check had no answer: Close does not ask again
 };
 
 }  // namespace client

@@ -13,7 +13,8 @@ namespace client {
 class ControlClient {
 public:
     // Sends line to the daemon at path and reads its reply, waiting at most timeoutMs
-    // for it. true with reply filled (which may itself be an error from the daemon), or
+    // for the whole exchange (connecting included: a full backlog is waited out within
+    // it). true with reply filled (which may itself be an error from the daemon), or
     // false with a reason in error when the daemon could not be reached or answered
     // nothing sensible; *gone (when given) then tells whether no daemon is there (nothing
     // listens, or the connection was dropped without a reply) rather than one that is

@@ -1,5 +1,7 @@
 #include "host/DaemonConnect.h"
 
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include <boost/make_shared.hpp>
@@ -114,6 +116,8 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
         }
         if (it != live_.end()) {
             why = "the stream is live as user " + std::to_string(it->second.owner) + "'s";
+        } else if (const char* limit = CountRefusal(owner)) {
+            why = limit;
         } else {
             serial = nextSerial_++;
             live_[name] = Live{serial, fileName, false, 0, info.id, record, info.rate, info.numCh, owner};
@@ -131,10 +135,10 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
     if (verdict == StreamOwner::kNoQueue) {
         MIXER_LOG_W("Mixerd_Connect:AddNewStream:%s: no queue:", name.c_str());
     } else if (record) {
-        boost::shared_ptr<Output> out = OpenRecord(info, onGone, queue);
+        boost::shared_ptr<Output> out = OpenRecord(info, onGone, queue, why);
         if (out) msg.reset(new MsgNewClientOutput(out, info.rate, info.numCh));
     } else {
-        boost::shared_ptr<Input> in = OpenPlayback(info, onGone, queue);
+        boost::shared_ptr<Input> in = OpenPlayback(info, onGone, queue, why);
         if (in) {
             in->name = name;
             msg.reset(new MsgNewInput(in));
@@ -147,7 +151,7 @@ int DaemonConnect::AddNewStream(const std::string& fileName, sStreamInfo& info) 
             std::map<std::string, Live>::iterator it = live_.find(name);
             if (it != live_.end() && it->second.serial == serial) live_.erase(it);
         }
-        Refuse(name, info.id, "the daemon cannot open the stream's queue");
+        Refuse(name, info.id, why.empty() ? "the daemon cannot open the stream's queue" : why);
         return -1;
     }
     // Only now that the token exists: it is what ends the watch.
@@ -193,18 +197,38 @@ uint64_t DaemonConnect::WatchClient(const std::string& name, int pid, const boos
     return id;
 }
 
+const char* DaemonConnect::CountRefusal(uid_t owner) const {
+    if (live_.size() >= settings_.maxStreams) return "too many streams (the daemon's limit of all users)";
+    unsigned mine = 0;
+    for (const auto& l : live_) mine += l.second.owner == owner;
+    return mine >= settings_.maxStreamsPerUser ? "too many streams of this user (the daemon's limit)" : nullptr;
+}
+
+boost::shared_ptr<DataTrans> DaemonConnect::OpenQueue(const std::string& qname, const char* op, std::string& why) {
+    boost::shared_ptr<DataTrans> queue = boost::make_shared<DataTrans>();
+    const int err = queue->Init(qname.c_str());
+    if (err != 0) {
+        MIXER_LOG_W("Mixerd_Connect:%s:cannot open %s: %s:", op, qname.c_str(), std::strerror(err));
+        return boost::shared_ptr<DataTrans>();
+    }
+    const uint64_t bytes = static_cast<uint64_t>(queue->GetNumBlk()) * (queue->GetUserBlkSize() + sizeof(BlockTail));
+    if (queue->GetNumBlk() > settings_.maxQueueBlocks || bytes > settings_.maxQueueBytes) {
+        why = "queue too large: " + std::to_string(queue->GetNumBlk()) + " blocks, " + std::to_string(bytes) +
+              " bytes (the daemon's limit: " + std::to_string(settings_.maxQueueBlocks) + " blocks, " +
+              std::to_string(settings_.maxQueueBytes) + " bytes)";
+        MIXER_LOG_W("Mixerd_Connect:%s:%s refused: %s:", op, qname.c_str(), why.c_str());
+        // Closing here hangs the queue up: its client, closing last, removes it.
+        return boost::shared_ptr<DataTrans>();
+    }
+    return queue;
+}
+
 boost::shared_ptr<Input> DaemonConnect::OpenPlayback(const sStreamInfo& info, std::function<void()> onGone,
-                                                     boost::shared_ptr<DataTrans>& queue) {
+                                                     boost::shared_ptr<DataTrans>& queue, std::string& why) {
     const std::string meta = info.meta.empty() ? kStreamDefault : info.meta;
     if (info.type == client::kTypeDataTrans) {
-        queue = boost::make_shared<DataTrans>();
-        const std::string qname = client::StreamQueueName(info.name);
-        int err = queue->Init(qname.c_str());
-        if (err != 0) {
-            MIXER_LOG_W("Mixerd_Connect:OpenPlayback:cannot open %s: %s:", qname.c_str(), std::strerror(err));
-            queue.reset();
-            return boost::shared_ptr<Input>();
-        }
+        queue = OpenQueue(client::StreamQueueName(info.name), "OpenPlayback", why);
+        if (!queue) return boost::shared_ptr<Input>();
         return boost::make_shared<Tracked<TrailingSilence<InputDataTrans> > >(onGone, queue, info.rate, info.numCh,
                                                                                info.sampleSize, meta);
     }
@@ -220,15 +244,9 @@ boost::shared_ptr<Input> DaemonConnect::OpenPlayback(const sStreamInfo& info, st
 }
 
 boost::shared_ptr<Output> DaemonConnect::OpenRecord(const sStreamInfo& info, std::function<void()> onGone,
-                                                   boost::shared_ptr<DataTrans>& queue) {
-    queue = boost::make_shared<DataTrans>();
-    const std::string qname = client::StreamQueueName(info.name);
-    int err = queue->Init(qname.c_str());
-    if (err != 0) {
-        MIXER_LOG_W("Mixerd_Connect:OpenRecord:cannot open %s: %s:", qname.c_str(), std::strerror(err));
-        queue.reset();
-        return boost::shared_ptr<Output>();
-    }
+                                                   boost::shared_ptr<DataTrans>& queue, std::string& why) {
+    queue = OpenQueue(client::StreamQueueName(info.name), "OpenRecord", why);
+    if (!queue) return boost::shared_ptr<Output>();
     const size_t start = info.name.find_first_not_of('/');
     return boost::make_shared<Tracked<DataTransOutput> >(onGone, queue, info.name.substr(start));
 }

@@ -39,7 +39,11 @@ namespace host {
 // shutdown) the daemon removes the description file and announces the removal.
 // A record stream is refused while the microphone is off: the record engine touches no
 // output then, so it would hold the client's queue, and its name, until the microphone
-// comes on. A second announcement of a stream that is still live is ignored when its user
+// comes on. Limits (Settings): a stream beyond the streams of one user (the owner of its
+// description file) or of all users, and a block queue of more blocks or bytes than
+// allowed, are refused before any engine sees them (a flush resets every block of a
+// queue on the engine's thread, so the block count bounds that work).
+// A second announcement of a stream that is still live is ignored when its user
 // announced it, refused otherwise. A stream whose description file, queue and process are not
 // one user's is refused (StreamOwner). The latest refusals
 // are kept with their reasons, so that a client can learn why (StreamVerdict).
@@ -81,13 +85,18 @@ public:
     struct Settings {
         Settings()
             : rate(48000), numCh(2), deviceRate(48000), speakerVolume(40), micRate(16000), micNumCh(1),
-              soxr(true), micEnabled(true) {}
+              soxr(true), micEnabled(true), maxQueueBytes(8u << 20), maxQueueBlocks(256), maxStreamsPerUser(16),
+              maxStreams(32) {}
         unsigned rate, numCh;        // the mix
         unsigned deviceRate;         // the playback device's rate
         unsigned speakerVolume;      // percent at start
         unsigned micRate, micNumCh;  // format of the microphone's frames
         bool soxr;                   // AlgoSoxrResample converts rates, else the library's AlgoResample
         bool micEnabled;             // what the record engine is told at start
+        uint32_t maxQueueBytes;      // a client's block queue: its shared object's size
+        uint32_t maxQueueBlocks;     // and its blocks
+        unsigned maxStreamsPerUser;  // live streams of one user (description file owner)
+        unsigned maxStreams;         // live streams in all
     };
     // Opens the playback device: the first call the one opened at start, later calls
     // (after a device failure) a fresh one, or empty when there is none.
@@ -151,11 +160,15 @@ private:
     void Refuse(const std::string& name, int id, const std::string& reason);
     // Builds the input or output of an announced stream with onGone as its token; empty
     // (with a log line) when it cannot.
-    // queue receives the stream's block queue, if it has one.
+    // queue receives the stream's block queue, if it has one; why a refusal's reason.
     boost::shared_ptr<Input> OpenPlayback(const sStreamInfo& info, std::function<void()> onGone,
-                                          boost::shared_ptr<DataTrans>& queue);
+                                          boost::shared_ptr<DataTrans>& queue, std::string& why);
     boost::shared_ptr<Output> OpenRecord(const sStreamInfo& info, std::function<void()> onGone,
-                                         boost::shared_ptr<DataTrans>& queue);
+                                         boost::shared_ptr<DataTrans>& queue, std::string& why);
+    // Opens the block queue qname within the size limits; empty (logged, why set) if not.
+    boost::shared_ptr<DataTrans> OpenQueue(const std::string& qname, const char* op, std::string& why);
+    // Why one more stream of user uid is too many, or null; caller holds mutex_.
+    const char* CountRefusal(uid_t owner) const;
     // The token's action: forgets the stream if serial is still the live one.
     void StreamGone(const std::string& name, uint64_t serial);
     bool Post(const boost::weak_ptr<MsgQ>& queue, boost::shared_ptr<MsgHead> msg);

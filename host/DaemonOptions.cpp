@@ -29,7 +29,8 @@ DaemonOptions::DaemonOptions()
       device("default"), outFile("out.wav"), mic("alsa"), micDevice("default"), resampler("soxr"), group("audio"),
       rate(48000),
       channels(2), deviceRate(0), micRate(16000), micChannels(1), volume(40), haveLogMask(false),
-      logMask(0), logStderr(false), readyFd(-1), micOff(false) {}
+      logMask(0), logStderr(false), readyFd(-1), micOff(false), queueMaxBytes(8u << 20), queueMaxBlocks(256),
+      streamsPerUser(16), streamsMax(32), volumeTypes(64), controlConnections(16) {}
 
 bool DaemonOptions::ParseLogMask(const std::string& text, uint32_t& mask) {
     if (text.empty()) return false;
@@ -60,7 +61,8 @@ DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonO
                                            std::string& error) {
     enum { kSocket = 256, kStatus, kOutput, kDevice, kOutFile, kMic, kMicDevice, kMicFile, kRate,
            kChannels, kDeviceRate, kMicRate, kMicChannels, kVolume, kLogMask, kLogStderr, kReadyFd,
-           kMicOff, kResampler, kWriteTrace, kUser, kGroup };
+           kMicOff, kResampler, kWriteTrace, kUser, kGroup, kQueueMaxBytes, kQueueMaxBlocks, kStreamsPerUser,
+           kStreamsMax, kVolumeTypes, kControlConnections };
     static const option longOpts[] = {
         {"socket", required_argument, nullptr, kSocket},
         {"status-file", required_argument, nullptr, kStatus},
@@ -84,6 +86,12 @@ DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonO
         {"write-trace", required_argument, nullptr, kWriteTrace},
         {"user", required_argument, nullptr, kUser},
         {"group", required_argument, nullptr, kGroup},
+        {"queue-max-bytes", required_argument, nullptr, kQueueMaxBytes},
+        {"queue-max-blocks", required_argument, nullptr, kQueueMaxBlocks},
+        {"streams-per-user", required_argument, nullptr, kStreamsPerUser},
+        {"streams-max", required_argument, nullptr, kStreamsMax},
+        {"volume-types", required_argument, nullptr, kVolumeTypes},
+        {"control-connections", required_argument, nullptr, kControlConnections},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
@@ -128,6 +136,12 @@ DaemonOptions::Result DaemonOptions::Parse(int argc, char* const argv[], DaemonO
         case kWriteTrace: o.writeTrace = arg; ok = !arg.empty(); break;
         case kUser: o.user = arg; ok = !arg.empty(); break;
         case kGroup: o.group = arg; ok = !arg.empty(); break;
+        case kQueueMaxBytes: ok = ParseUnsigned(optarg, 4096, 1u << 30, o.queueMaxBytes); break;
+        case kQueueMaxBlocks: ok = ParseUnsigned(optarg, 2, 65535, o.queueMaxBlocks); break;
+        case kStreamsPerUser: ok = ParseUnsigned(optarg, 1, 1024, o.streamsPerUser); break;
+        case kStreamsMax: ok = ParseUnsigned(optarg, 1, 1024, o.streamsMax); break;
+        case kVolumeTypes: ok = ParseUnsigned(optarg, 1, 65536, o.volumeTypes); break;
+        case kControlConnections: ok = ParseUnsigned(optarg, 1, 1024, o.controlConnections); break;
         case ':':
             error = std::string("option ") + argv[optind - 1] + " needs a value";
             return kError;
@@ -165,6 +179,8 @@ const char* DaemonOptions::Help() {
 "           [--status-file PATH] [--log-mask MASK] [--log-stderr]\n"
 "           [--mic-off] [--resampler soxr|speex] [--ready-fd FD]\n"
 "           [--write-trace FILE] [--user USER] [--group GROUP]\n"
+"           [--queue-max-bytes N] [--queue-max-blocks N] [--streams-per-user N]\n"
+"           [--streams-max N] [--volume-types N] [--control-connections N]\n"
 "\n"
 "DESCRIPTION\n"
 "    mixerd mixes the sound of its client programs and plays it on one output\n"
@@ -239,6 +255,20 @@ const char* DaemonOptions::Help() {
 "    --write-trace FILE    for benchmarks: one line per frame the output device\n"
 "                          took, the monotonic clock in microseconds after the\n"
 "                          write and the frame's buffer ids\n"
+"\n"
+"  Limits (what a client can make the daemon hold; each refusal is logged once\n"
+"  with its reason, and a refused stream leaves nothing behind):\n"
+"    --queue-max-bytes N   largest block queue a stream may bring, in bytes\n"
+"                          (default 8388608)\n"
+"    --queue-max-blocks N  most blocks in a stream's queue (default 256); a\n"
+"                          flush resets every block on the mixing thread\n"
+"    --streams-per-user N  live streams of one user, the owner of the\n"
+"                          description files (default 16)\n"
+"    --streams-max N       live streams in all (default 32)\n"
+"    --volume-types N      stream types a volume request may name (default 64)\n"
+"    --control-connections N\n"
+"                          control connections open at once (default 16); each\n"
+"                          has 2 s from its connect to send its request\n"
 "    -h, --help            this text\n"
 "    -V, --version         the version\n"
 "\n"

@@ -47,6 +47,13 @@ struct DaemonOptions {
     bool logStderr;           // log lines to stderr instead of syslog
     int readyFd;              // written "ready\n" and closed once serving (-1: none)
     bool micOff;              // start with the microphone disabled
+    // Limits on what clients can make the daemon hold.
+    unsigned queueMaxBytes;   // a client's block queue
+    unsigned queueMaxBlocks;
+    unsigned streamsPerUser;  // live streams of one user
+    unsigned streamsMax;      // live streams in all
+    unsigned volumeTypes;     // stream types given a volume
+    unsigned controlConnections;  // control connections open at once
 };
 
 }  // namespace host

@@ -213,6 +213,10 @@ int Run(const DaemonOptions& opts) {
         settings.micNumCh = opts.micChannels;
         settings.soxr = opts.resampler == "soxr";
         settings.micEnabled = !opts.micOff;
+        settings.maxQueueBytes = opts.queueMaxBytes;
+        settings.maxQueueBlocks = opts.queueMaxBlocks;
+        settings.maxStreamsPerUser = opts.streamsPerUser;
+        settings.maxStreams = opts.streamsMax;
         // The device opened here goes first. After a failure a sound card is opened
         // afresh; a WAV file is not reopened, which would truncate what it holds.
         DaemonConnect::OutputSource outputs = [device, opts]() mutable {
@@ -248,8 +252,11 @@ int Run(const DaemonOptions& opts) {
         control.mixRate = opts.rate;
         control.mixNumCh = opts.channels;
         control.micEnabled = !opts.micOff;
+        control.maxVolumeTypes = opts.volumeTypes;
         ControlDispatcher dispatcher(connect, probe, control);
-        ControlServer server(opts.socketPath, dispatcher);
+        ControlServer::Limits limits;
+        limits.maxConnections = opts.controlConnections;
+        ControlServer server(opts.socketPath, dispatcher, limits);
 
         if (server.Start() != 0 || !CloseSocket(opts.socketPath, group)) {
             status = 1;

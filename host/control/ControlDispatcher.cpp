@@ -41,6 +41,19 @@ bool ControlDispatcher::MicEnabled() const {
 client::ControlReply ControlDispatcher::Handle(const client::ControlCommand& cmd) {
     switch (cmd.kind) {
     case client::ControlCommand::kStreamVolume: {
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            if (!volumeTypes_.count(cmd.streamType)) {
+                if (volumeTypes_.size() >= settings_.maxVolumeTypes) {
+                    MIXER_LOG_W("Mixerd_Control:volume %.40s refused: %u types have a volume already (the limit):",
+                                cmd.streamType.c_str(), settings_.maxVolumeTypes);
+                    return client::ControlReply::Error("too many stream types: " +
+                                                       std::to_string(settings_.maxVolumeTypes) +
+                                                       " have a volume already (the daemon's limit)");
+                }
+                volumeTypes_.insert(cmd.streamType);
+            }
+        }
         unsigned speaker = SpeakerVolume();
         sink_.PostPlayback(boost::shared_ptr<MsgHead>(new MsgSetStreamVol(cmd.streamType, cmd.volume, speaker)));
         MIXER_LOG_I("Mixerd_Control:volume %s %u (speaker %u):", cmd.streamType.c_str(), cmd.volume, speaker);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <mutex>
+#include <set>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
@@ -14,7 +15,9 @@ namespace mixer {
 namespace host {
 
 // Turns control requests into engine messages:
-//   volume T P  -> MsgSetStreamVol(T, P, current speaker volume) to playback
+//   volume T P  -> MsgSetStreamVol(T, P, current speaker volume) to playback; the engine
+//                  keeps each type's volume for good, so at most Settings::maxVolumeTypes
+//                  types may be named: a new one beyond is refused (and logged)
 //   speaker P   -> MsgSetSpeakerVol(P) to playback (and remembered for volume requests)
 //   focus T     -> MsgSetFocus(T) to playback, and EngineSink::FocusChanged(T)
 //   mic on/off  -> MsgEnableMic to record
@@ -35,13 +38,14 @@ public:
     struct Settings {
         Settings()
             : statusFile("/run/mixerd/mixerd.status"), speakerVolume(40), statusTimeoutMs(3000),
-              latencyTimeoutMs(2000), mixRate(48000), mixNumCh(2), micEnabled(false) {}
+              latencyTimeoutMs(2000), mixRate(48000), mixNumCh(2), micEnabled(false), maxVolumeTypes(64) {}
         std::string statusFile;      // where the engines write the report
         unsigned speakerVolume;      // the speaker volume the engines start with
         unsigned statusTimeoutMs;
         unsigned latencyTimeoutMs;
         unsigned mixRate, mixNumCh;  // format of the latency carrier
         bool micEnabled;             // what the daemon told the record engine at start
+        unsigned maxVolumeTypes;     // stream types a volume request may name
     };
 
     ControlDispatcher(EngineSink& sink, boost::shared_ptr<LatencyProbe> probe,
@@ -66,6 +70,7 @@ private:
     unsigned speakerVolume_;  // GUARDED_BY(mutex_)
     bool micEnabled_;         // GUARDED_BY(mutex_)
     std::string focus_;       // GUARDED_BY(mutex_): empty for none
+    std::set<std::string> volumeTypes_;  // GUARDED_BY(mutex_): the types given a volume
 };
 
 }  // namespace host

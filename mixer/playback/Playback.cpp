@@ -138,6 +138,7 @@ void Playback::AddNewInput(boost::shared_ptr<MsgNewInput> msg) {
         std::map<std::string, uint32_t>::iterator it = streamVolumes.find(key);
         if (it == streamVolumes.end()) {
             volume = static_cast<uint32_t>(speakerVolume);
+            ForgetDefaultVolumes();
             streamVolumes[key] = volume;
         } else {
             volume = it->second;
@@ -149,6 +150,20 @@ void Playback::AddNewInput(boost::shared_ptr<MsgNewInput> msg) {
     idleCountdownMs = kIdleCountdownMs;  // not idle before the new stream is heard
     MIXER_LOG_I("Mixer_Playback:AddNewInput:Added the stream to the input list:Stream Type %s",
                 key.c_str());
+}
+
+void Playback::ForgetDefaultVolumes() {
+    // A type at the speaker volume without a stream reads the same without its entry;
+    // dropping those keeps the map to the types given a volume and those playing, not
+    // every type a client ever named.
+    for (std::map<std::string, uint32_t>::iterator it = streamVolumes.begin(); it != streamVolumes.end();) {
+        bool playing = false;
+        for (const boost::shared_ptr<Stream>& s : inputs) playing = playing || s->GetMeta() == it->first;
+        if (!playing && it->second == static_cast<uint32_t>(speakerVolume))
+            it = streamVolumes.erase(it);
+        else
+            ++it;
+    }
 }
 
 void Playback::ChangeOutput(boost::shared_ptr<MsgNewOutput> msg) {

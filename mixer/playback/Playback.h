@@ -79,6 +79,8 @@ public:
     void EnableAudioDucking();
     void DisableAudioDucking();
     void ResetInputStreamVolume();
+    // Drops the stored volumes that equal the speaker volume of types no input plays.
+    void ForgetDefaultVolumes();
     // Carries out the command the client of stream's input has posted, with fades
     // around pause and resume.
     void CheckForCmd(boost::shared_ptr<Stream> stream);

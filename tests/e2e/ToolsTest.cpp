@@ -2,6 +2,7 @@
 // failure said at once with the exit status documented, every sound at its level, nothing left.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tests/support/Mixerd.h"
@@ -116,11 +117,23 @@ TEST(ToolsTest, TheDaemonsAnswersReachTheToolsAndSoundPlaysAsItIs) {
     kill(play, SIGKILL);
     EXPECT_EQ(WaitExit(play), -SIGKILL);
     RunAll(d, {{kPlay + "$D/float.wav --name k --meta music", 0, ""}});
-    play = Spawn(longPlay + "k", d.dir.File("p"));
-    ASSERT_TRUE(Eventually([] { return Exists(kStreamDir + "/k"); }));
-    d.Stop(SIGKILL);
-    EXPECT_EQ(WaitExit(play, 10000), 1);
-    EXPECT_NE(Slurp(d.dir.File("p")).find("mixerd has gone"), std::string::npos) << Slurp(d.dir.File("p"));
+    // A daemon that stops answering (stopped, or dying with its socket still held) or that is gone: a
+    // playing client says so and ends within 2 s.
+    for (int sig : {SIGSTOP, SIGKILL}) {
+        const std::string name = "k" + std::to_string(sig);
+        play = Spawn(longPlay + name, d.dir.File("p"));
+        ASSERT_TRUE(Eventually([&] { return d.Ctl("status") == 0 && d.said.find("\t" + name + "\t") != std::string::npos; }));
+        // Past its opening: its sound reaches the output.
+        const auto size = [&] { struct stat st {}; return stat(d.out.c_str(), &st) == 0 ? st.st_size : 0; };
+        const off_t before = size();
+        ASSERT_TRUE(Eventually([&] { return size() > before + 19200; }));
+        if (sig == SIGSTOP) kill(d.pid, SIGSTOP);
+        else d.Stop(SIGKILL);
+        EXPECT_EQ(WaitExit(play, 2000), 1);
+        const std::string said = Slurp(d.dir.File("p"));
+        EXPECT_NE(said.find(sig == SIGSTOP ? "mixerd does not answer" : "mixerd has gone"), std::string::npos) << said;
+        if (sig == SIGSTOP) kill(d.pid, SIGCONT);
+    }
     Mixerd again;  // on what the killed one left
     ASSERT_TRUE(again.ready) << Slurp(again.log);
     EXPECT_EQ(again.Stop(), 0);

@@ -49,8 +49,8 @@ std::vector<int16_t> S16(const Frame& f) { return {f->Samples16(), f->Samples16(
 
 // The client's end of a stream: its block queue and its description file.
 struct Client {
-    explicit Client(const sStreamInfo& i)
-        : info(i), ok(queue.Init(("/mixer-" + i.name).c_str(), 4, 3840) == 0 && UtilWriteFile(i) == 0) {}
+    explicit Client(const sStreamInfo& i, unsigned blocks = 4)
+        : info(i), ok(queue.Init(("/mixer-" + i.name).c_str(), blocks, 3840) == 0 && UtilWriteFile(i) == 0) {}
     sStreamInfo info;
     DataTrans queue;
     bool ok;
@@ -208,6 +208,37 @@ TEST_F(DaemonConnectTest, StreamsThatAreNotOneUsersAreRefusedAndTheQueuesOwnerKe
     EXPECT_EQ(Posted(), Strings{});
     EXPECT_EQ(connect->LiveStreams().size(), 1u);
     EXPECT_EQ(Events(), Strings{"MixerStreamAdded live"});
+}
+
+TEST_F(DaemonConnectTest, StreamsBeyondTheLimitsAreRefusedOnceWithTheReasonAndNotHeld) {
+    settings.maxQueueBlocks = 8, settings.maxQueueBytes = 5 * (3840 + 168);
+    settings.maxStreams = 3, settings.maxStreamsPerUser = 2;
+    connect.reset(new host::DaemonConnect(settings, outputs, nullptr, events, probe));
+    connect->SetQueues(playbackQ, recordQ);
+    const std::string limit = " (the daemon's limit: 8 blocks, 20040 bytes)";
+    const struct { const char* name; uid_t user; unsigned blocks; std::string why; } rows[] = {
+        {"big", 0, 9, "queue too large: 9 blocks, 36072 bytes" + limit},
+        {"wide", 0, 6, "queue too large: 6 blocks, 24048 bytes" + limit},
+        {"a", 0, 5, ""}, {"b", 0, 2, ""}, {"c", 0, 2, "too many streams of this user (the daemon's limit)"},
+        {"d", 7, 2, ""}, {"e", 7, 2, "too many streams (the daemon's limit of all users)"}};
+    std::vector<std::unique_ptr<Client>> clients;
+    for (const auto& r : rows) {
+        sStreamInfo info = Info(r.name, "music");
+        info.id = r.user ? 0 : info.id;  // pid 1 is root's
+        clients.emplace_back(new Client(info, r.blocks));
+        ASSERT_TRUE(clients.back()->ok && chown((std::string(kStreamDir) + "/" + r.name).c_str(), r.user, 0) == 0 &&
+                    chown(("/dev/shm/mixer-" + std::string(r.name)).c_str(), r.user, 0) == 0);
+        test::LogCapture log;
+        EXPECT_EQ(Add(clients.back()->info), r.why.empty() ? 0 : -1) << r.name;
+        const std::string all = log.Dump();
+        size_t said = 0;
+        for (size_t at = 0; !r.why.empty() && (at = all.find(r.why, at)) != std::string::npos; ++at) ++said;
+        EXPECT_EQ(said, r.why.empty() ? 0u : 1u) << all;
+        EXPECT_EQ(connect->StreamVerdict(r.name, info.id), r.why.empty() ? "accepted" : "refused " + r.why);
+        // A refused queue is let go at once: its client, the last to close it, removes it.
+        EXPECT_EQ(clients.back()->queue.IsHungUp(), r.blocks > 8 || r.name == std::string("wide")) << r.name;
+    }
+    EXPECT_EQ(Posted(), (Strings{"input a music 48000", "input b music 48000", "input d music 48000"}));
 }
 
 TEST_F(DaemonConnectTest, KilledClientsAreHungUpAndLeaveNothingBehind) {

@@ -56,7 +56,9 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
     std::istringstream bad("volume=101 rate=+8000 rate=7999 rate=96001 rate=48000x device-rate=7999 mic-rate=96001 "
                            "channels=0 channels=9 mic-channels=9 output=speaker mic=line ready-fd=2 ready-fd=1024 "
                            "log-mask=EWX log-mask=12ab log-mask=0x100000000 log-mask= socket= status-file= device= "
-                           "out-file= mic-device= mic-file= resampler=sinc write-trace= user= group=");
+                           "out-file= mic-device= mic-file= resampler=sinc write-trace= user= group= "
+                           "queue-max-bytes=4095 queue-max-blocks=1 streams-per-user=0 streams-max=1025 volume-types=0 "
+                           "control-connections=0");
     for (std::string w; bad >> w;) {
         const std::string name = "--" + w.substr(0, w.find('=')), value = w.substr(w.find('=') + 1);
         cases.push_back({{name, value}, kError, "bad value '" + value + "' for " + name + " (see --help)"});

@@ -114,6 +114,12 @@ TEST_F(PlaybackTest, StreamVolumesRampOnChangesAndClientCommandsFade) {
         EXPECT_EQ(Ramp(a), c.ramp) << c.cmd;
         for (int i = 0; i < c.frames; ++i) a->Push(a->MakeFrame(1)), StreamOf(a)->Process();
     }
+    // A new type forgets those at the speaker volume that nothing plays (they read the same without): the
+    // engine keeps the types given a volume and those playing, not every type a client ever named.
+    pb.handleMsg(boost::make_shared<MsgSetStreamVol>("music", 30, 60));
+    pb.inputs.clear();
+    Add("t1"), pb.inputs.clear(), Add("t2");
+    EXPECT_EQ(pb.streamVolumes, (Volumes{{"music", 30}, {"t2", 60}}));
 }
 
 TEST_F(PlaybackTest, ReportShowsTheOutputAndTheInputsInFocusOrderReplacingTheFile) {

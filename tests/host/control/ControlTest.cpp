@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <cstring>
 #include <fstream>
+#include <future>
 #include "client/ControlClient.h"
 #include "host/control/ControlDispatcher.h"
 #include "client/ControlProtocol.h"
@@ -39,6 +41,7 @@ struct FakeSink : host::EngineSink {
     void FocusChanged(const std::string& type) override { posted.push_back("F " + type); }
     std::string StreamVerdict(const std::string& name, int id) override { return name + to_string(id); }
     void Post(std::string line, boost::shared_ptr<MsgHead> msg) {
+        if (onPost) onPost();
         if (auto v = As<MsgSetStreamVol>(msg))
             line += "volume " + v->streamType + " " + to_string(v->volume) + " " + to_string(v->speakerVolume);
         else if (auto sp = As<MsgSetSpeakerVol>(msg)) line += "speaker " + to_string(sp->volume);
@@ -66,6 +69,7 @@ struct FakeSink : host::EngineSink {
     Strings posted;  // written on the server's thread; read once a reply is in or the server stopped
     std::vector<boost::shared_ptr<MsgHead>> kept;
     boost::shared_ptr<Output> listener;
+    std::function<void()> onPost;  // runs on the server's thread before anything is recorded
 };
 
 // A socket without the client helper, to misbehave: connected, or bound and left as a
@@ -77,6 +81,12 @@ int RawSocket(const std::string& path, bool bindOnly = false) {
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     auto* a = reinterpret_cast<sockaddr*>(&addr);
     return (bindOnly ? bind(fd, a, sizeof(addr)) : connect(fd, a, sizeof(addr))) == 0 ? fd : -1;
+}
+
+std::string Ask(const std::string& path, const std::string& line) {
+    ControlReply r;
+    std::string error;
+    return client::ControlClient::Request(path, line, r, error) ? (r.ok ? "OK " : "ERR ") + r.text : error;
 }
 
 // Sends data, then reads until the server closes (recv fails on a reset connection).
@@ -106,11 +116,7 @@ TEST(ControlServerTest, RequestsBecomeEngineMessagesRepliesSayWhatWentWrongAndMi
     EXPECT_EQ(second.Start(), -1);
     EXPECT_EQ(log.Count("E Mixerd_ControlServer:Start:another daemon answers on " + path + ":"), 1);
     second.Stop();  // must not remove the live server's socket
-    auto Do = [&path](const std::string& line) {
-        ControlReply r;
-        std::string error;
-        return client::ControlClient::Request(path, line, r, error) ? (r.ok ? "OK " : "ERR ") + r.text : error;
-    };
+    auto Do = [&path](const std::string& line) { return Ask(path, line); };
     for (const char* line : {"volume music 30", "speaker 61", "volume prompt 70", "focus prompt", "focus none"})
         EXPECT_EQ(Do(line), "OK ") << line;
     EXPECT_EQ(Do("help"), std::string("OK ") + ControlProtocol::Usage());
@@ -152,9 +158,9 @@ TEST(ControlServerTest, RequestsBecomeEngineMessagesRepliesSayWhatWentWrongAndMi
     EXPECT_EQ(Exchange(RawSocket(path), std::string(4000, 'x')), "ERR request longer than 256 bytes\n");
     EXPECT_EQ(Exchange(RawSocket(path), std::string(256, 'x'), true).find("longer"), std::string::npos);  // the longest taken
     close(RawSocket(path));
-    EXPECT_EQ(Exchange(RawSocket(path), ""), "ERR no request line received\n");
-    // Refused: "loud", the 256 x's, the client that hung up, and the second server's probe.
-    EXPECT_EQ(log.CountPrefix("W Mixerd_ControlServer:Serve:refused:"), 4) << log.Dump();
+    EXPECT_EQ(Exchange(RawSocket(path), ""), "ERR no request line received within 2000 ms\n");
+    // Refused: "loud" and the 256 x's; the client that hung up and the second server's probe sent nothing.
+    EXPECT_EQ(log.CountPrefix("W Mixerd_ControlServer:Serve:refused:"), 2) << log.Dump();
     // Whether or not the server has taken a connection yet, Stop ends it.
     int fd = RawSocket(path);
     ASSERT_EQ(send(fd, "stat", 4, MSG_NOSIGNAL), 4);
@@ -162,6 +168,61 @@ TEST(ControlServerTest, RequestsBecomeEngineMessagesRepliesSayWhatWentWrongAndMi
     EXPECT_EQ(Exchange(fd, ""), "");
     EXPECT_NE(access(path.c_str(), F_OK), 0);
     EXPECT_EQ(Do("status").find("cannot reach the daemon at " + path), 0u);
+}
+
+TEST(ControlServerTest, SlowOrGoneClientsHoldUpNobodyTheirRequestsAreDroppedAndWhatTheyCanMakeItKeepIsBounded) {
+    test::TempDir dir;
+    const std::string path = dir.File("ctl.sock");
+    FakeSink sink;
+    host::ControlDispatcher::Settings settings;
+    settings.statusFile = dir.File("status.txt");
+    settings.statusTimeoutMs = 1000;
+    settings.maxVolumeTypes = 2;
+    host::ControlDispatcher d(sink, sink.probe, settings);
+    host::ControlServer::Limits limits;
+    limits.deadlineMs = 1000, limits.maxConnections = 3;
+    test::LogCapture log;
+    host::ControlServer server(path, d, limits);
+    ASSERT_EQ(server.Start(), 0);
+    // A client that has sent one byte holds up nobody, and its bytes do not buy it time: its
+    // deadline counts from its accept.
+    int trickle = RawSocket(path);
+    ASSERT_EQ(send(trickle, "v", 1, MSG_NOSIGNAL), 1);
+    EXPECT_EQ(Ask(path, "volume a 10"), "OK ");
+    pollfd p = {trickle, POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 0), 0);
+    int sent = 1;
+    for (; sent < 60 && poll(&p, 1, 50) == 0; ++sent) ASSERT_EQ(send(trickle, "x", 1, MSG_NOSIGNAL), 1);
+    EXPECT_LT(sent, 60);  // answered within 3 s of trickling, where a time limit per byte never ends
+    EXPECT_EQ(Exchange(trickle, ""), "ERR no request line received within 1000 ms\n");
+    // The volume types a client can make the daemon keep: two here.
+    for (const char* line : {"volume b 20", "volume a 30"}) EXPECT_EQ(Ask(path, line), "OK ") << line;
+    EXPECT_EQ(Ask(path, "volume c 5"), "ERR too many stream types: 2 have a volume already (the daemon's limit)");
+    // Beyond three connections the next is refused at once, with one log line for the lot.
+    int idle[3];
+    for (int& fd : idle) fd = RawSocket(path);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(Ask(path, "speaker 5"), "ERR busy: 3 control connections are open; try again");
+    for (int fd : idle) close(fd);
+    EXPECT_EQ(Ask(path, "speaker 6"), "OK ");
+    // A request whose client closed while the server was busy is not carried out.
+    std::promise<void> busy;
+    sink.onPost = [&busy] { busy.set_value(); };
+    std::future<std::string> status = std::async(std::launch::async, [&path] { return Ask(path, "status"); });
+    ASSERT_EQ(busy.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    int gone = RawSocket(path);
+    ASSERT_EQ(send(gone, "speaker 77\n", 11, MSG_NOSIGNAL), 11);
+    close(gone);
+    EXPECT_EQ(status.get().find("ERR no status report"), 0u);
+    sink.onPost = nullptr;
+    EXPECT_EQ(Exchange(RawSocket(path), "speaker 78\n"), "OK\n");
+    EXPECT_EQ(sink.posted, (Strings{"P volume a 10 40", "P volume b 20 40", "P volume a 30 40", "P speaker 6",
+                                    "P status", "P speaker 78"}));
+    for (const char* line : {"W Mixerd_Control:volume c refused: 2 types have a volume already (the limit):",
+                             "W Mixerd_ControlServer:Accept:refused: 3 connections open (the limit); further "
+                             "refusals are not logged until one is taken:",
+                             "W Mixerd_ControlServer:Serve:the client has gone: 'speaker 77' not carried out:"})
+        EXPECT_EQ(log.Count(line), 1) << log.Dump();
+    EXPECT_EQ(log.CountPrefix("W Mixerd_ControlServer:Serve:no request line within 1000 ms ("), 1);
 }
 
 }  // namespace
