@@ -169,6 +169,11 @@ void* PlaybackrunLoop(void* arg) {
                                 "default out:");
                     pb->SetupDefaultOutput();
                 }
+            } else {
+                // No device to block in or to pace on: the clock keeps the periods 20 ms
+                // apart, or this real-time thread would spin and starve the machine.
+                SleepUntilAfter(*pb, lastOutTimeUs, kPeriodUs);
+                lastOutTimeUs = pb->GetTimeUS();
             }
             MIXER_LOG_P("Mixer_Playback:PlaybackThread::runLoop:Timestamp-%d.%06d:Output "
                         "Processing Done ...:");
