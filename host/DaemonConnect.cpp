@@ -65,7 +65,7 @@ void AddFormatChain(Stream& stream, bool soxr, unsigned inRate, unsigned inCh, u
 DaemonConnect::DaemonConnect(const Settings& settings, OutputSource outputs, MicSource mics, EventQueue& events,
                              boost::shared_ptr<LatencyProbe> probe)
     : settings_(settings), outputs_(outputs), mics_(mics), events_(events), probe_(probe),
-      micEnabled_(settings.micEnabled), nextSerial_(1) {}
+      waker_(boost::make_shared<CondWaker>()), micEnabled_(settings.micEnabled), nextSerial_(1) {}
 
 DaemonConnect::~DaemonConnect() {}
 
@@ -188,6 +188,7 @@ boost::shared_ptr<Input> DaemonConnect::OpenPlayback(const sStreamInfo& info, st
             queue.reset();
             return boost::shared_ptr<Input>();
         }
+        queue->SetWaker(waker_);
         return boost::make_shared<Tracked<TrailingSilence<InputDataTrans> > >(onGone, queue, info.rate, info.numCh,
                                                                                info.sampleSize, meta);
     }
@@ -212,6 +213,7 @@ boost::shared_ptr<Output> DaemonConnect::OpenRecord(const sStreamInfo& info, std
         queue.reset();
         return boost::shared_ptr<Output>();
     }
+    queue->SetWaker(waker_);
     const size_t start = info.name.find_first_not_of('/');
     return boost::make_shared<Tracked<DataTransOutput> >(onGone, queue, info.name.substr(start));
 }
