@@ -73,11 +73,11 @@ struct Mixerd {
     pid_t pid = -1;
     bool ready = false;
     std::string said;  // what the last mixerctl printed
-    explicit Mixerd(bool start = true) {
+    explicit Mixerd(bool start = true, const std::string& options = "") {
         int fds[2];  // the daemon gets only the write end
         if (!start || !getenv("MIXER_PRIVATE_RUN") || pipe2(fds, O_CLOEXEC) != 0 || fcntl(fds[1], F_SETFD, 0) != 0) return;
         pid = Spawn(MIXERD_PATH " --output wav --mic tone --log-stderr --log-mask EWI --out-file " + out +
-                        " --ready-fd " + std::to_string(fds[1]), log);
+                        " --ready-fd " + std::to_string(fds[1]) + " " + options, log);
         char word[8] = {0};
         ready = close(fds[1]) == 0 && pid > 0 && read(fds[0], word, 7) > 0 && std::string(word) == "ready\n";
         close(fds[0]);
