@@ -12,6 +12,8 @@ namespace mixer {
 
 typedef std::vector<std::pair<boost::shared_ptr<CondWaker::Target>, unsigned> > Batch;
 
+const unsigned CondWaker::kStopWaitMs;
+
 struct CondWaker::State {
     State(unsigned boundMs, unsigned maxStuck_) : bound(boundMs), maxStuck(maxStuck_), stuck(0) {}
     const std::chrono::milliseconds bound;
@@ -21,6 +23,7 @@ struct CondWaker::State {
     std::vector<boost::shared_ptr<Target> > targets;  // guarded by mutex
     bool work = false;                                // guarded by mutex: marks to collect
     bool stopping = false;                            // guarded by mutex
+    bool finished = false;                            // guarded by mutex: the dispatcher ended
     std::atomic<unsigned> stuck;                      // workers abandoned and not back
 };
 
@@ -55,7 +58,15 @@ CondWaker::~CondWaker() {
         state_->stopping = true;
     }
     state_->changed.notify_all();
-    dispatcher_.join();  // bounded: it waits for a worker no longer than the bound
+    // Its last round ends within the bound; a stop must not wait for that when a
+    // client's condition holds the round up: the dispatcher then ends on its own.
+    std::unique_lock<std::mutex> lock(state_->mutex);
+    if (state_->changed.wait_for(lock, std::chrono::milliseconds(kStopWaitMs), [this] { return state_->finished; })) {
+        lock.unlock();
+        dispatcher_.join();
+    } else {
+        dispatcher_.detach();
+    }
 }
 
 boost::shared_ptr<CondWaker::Target> CondWaker::Attach(StreamQueue* queue, size_t mapSize, const std::string& name) {
@@ -74,7 +85,7 @@ void CondWaker::Post(const boost::shared_ptr<Target>& target, unsigned conds) {
         std::lock_guard<std::mutex> guard(state_->mutex);
         state_->work = true;
     }
-    state_->changed.notify_one();
+    state_->changed.notify_all();
 }
 
 void CondWaker::Detach(const boost::shared_ptr<Target>& target) {
@@ -84,7 +95,7 @@ void CondWaker::Detach(const boost::shared_ptr<Target>& target) {
         target->detached_ = true;
         state_->work = true;
     }
-    state_->changed.notify_one();
+    state_->changed.notify_all();
 }
 
 unsigned CondWaker::Stuck() const { return state_->stuck.load(); }
@@ -192,6 +203,9 @@ void CondWaker::Dispatch(std::shared_ptr<State> s) {
         worker->changed.notify_all();
         thread.join();  // idle: every batch it took has come back
     }
+    lock.lock();
+    s->finished = true;
+    s->changed.notify_all();
 }
 
 }  // namespace mixer

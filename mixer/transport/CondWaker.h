@@ -37,13 +37,18 @@ namespace mixer {
 // Threading: Attach, Post, Detach, Stuck and Exhausted from any thread. Post never
 // waits for the dispatcher or a worker: it sets bits and takes the private mutex that
 // the dispatcher holds only to collect marks (never around a broadcast). No allocation
-// in Post. The destructor stops the dispatcher and the live worker, each within the
-// bound; stuck workers are left where they are.
+// in Post. The destructor stops the dispatcher and the live worker (waiting at most
+// kStopWaitMs; a round held up by a client finishes on its own); stuck workers are left
+// where they are.
 class MIXER_API CondWaker {
 public:
     enum { kDataAvail = 1, kSpaceAvail = 2, kCmdExecuted = 4, kAll = 7 };
-    static const unsigned kBoundMs = 200;
+    // How long a round of broadcasts may take: a legitimate one takes microseconds,
+    // but a client thread that is preempted inside its own wait can hold one up.
+    static const unsigned kBoundMs = 500;
     static const unsigned kMaxStuck = 4;
+    // How long the destructor waits for the dispatcher's last round.
+    static const unsigned kStopWaitMs = 100;
 
     // One queue's mapping while the waker serves it. Owns the mapping: unmapped when
     // the last share goes (the queue's DataTrans, the dispatcher, a worker).

@@ -76,13 +76,14 @@ public:
     // Bounds every lock this object takes to ms milliseconds (0xFFFFFFFF: no bound, the
     // default). A free lock costs no more with a bound than without.
     void SetLockWaitMs(unsigned ms);
-    // The mixer's end, on an open queue before other threads use it (until DeInit): every broadcast on
-    // the queue's conditions is handed to waker, whose threads make it; no call here
-    // sleeps in a condition (GetReadBuff and GetWriteBuff with a time-out poll every
-    // 2 ms instead; SetCmd and WaitTillUserBufEmpty do not wait); the mapping belongs
-    // to the waker's share, so that a broadcast stuck in it never loses its memory.
-    // Once a broadcast on this queue got stuck, every call fails (EFAULT, or its "not
-    // taken" result) and DeInit hangs up and unlinks without the lock.
+    // The mixer's end, on an open queue before other threads use it (until DeInit):
+    // every broadcast on the queue's conditions is handed to waker, whose threads make
+    // it; no call here sleeps in a condition (GetReadBuff and GetWriteBuff with a
+    // time-out poll every 2 ms instead; SetCmd and WaitTillUserBufEmpty do not wait);
+    // the mapping belongs to the waker's share, so that a broadcast stuck in it never
+    // loses its memory. Once a broadcast on this queue got stuck, every call fails
+    // (EFAULT, or its "not taken" result) and DeInit hangs up and unlinks without the
+    // lock.
     void SetWaker(const boost::shared_ptr<CondWaker>& waker);
     // Declares the peer gone, as if it had closed its end: hangUp is set and every
     // waiter on this queue wakes. For a host that learns of the peer's death some other

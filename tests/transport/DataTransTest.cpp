@@ -395,7 +395,10 @@ TEST(DataTransWakerTest, ClientWedgingAConditionFaultsItsQueueAloneAndNeverHolds
         ASSERT_TRUE(log.WaitFor("E Mixer_DataTrans:Waker:reason=BroadcastStuck,name=" + bad.str() + ",stuck=1:"));
         EXPECT_TRUE(ReadErr(badEngine) == EFAULT && waker->Stuck() == 1);
         int woke = -1;
-        std::thread waiter([&] { woke = WriteErr(goodClient, 20000); });  // full: waits for the engine's release
+        std::thread waiter([&] {  // the queue is full: it waits for the engine's release
+            int e = 0;
+            woke = goodClient.GetWriteBuff(e, 20000) ? 0 : e;
+        });
         for (auto end = Clock::now() + std::chrono::seconds(20); !HasStatus(log, "GetWriteBuff-Enter") && Clock::now() < end;)
             std::this_thread::yield();
         EXPECT_EQ(ReadBlock(goodEngine), 8);
