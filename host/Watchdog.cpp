@@ -38,7 +38,7 @@ void Watchdog::Stopping() {
 }
 
 void Watchdog::Run(uint64_t intervalUs) {
-    const std::chrono::microseconds every(intervalUs / 5);
+    const std::chrono::microseconds every(intervalUs / 10);
     const unsigned maxAgeMs = static_cast<unsigned>(intervalUs / 2000);
     std::string failing;  // the reason logged last: each failure is logged once
     std::unique_lock<std::mutex> lock(mutex_);

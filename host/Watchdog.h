@@ -13,7 +13,7 @@ namespace host {
 // Tells the service manager that the daemon lives (sd_notify "WATCHDOG=1") for as long
 // as a check passes, so that a daemon wedged anywhere is killed and restarted: the
 // manager's watchdog interval (WATCHDOG_USEC) is read at Start, the check runs and the
-// daemon pets five times per interval, and a failing check stops the pets (logged once
+// daemon pets ten times per interval, and a failing check stops the pets (logged once
 // per failure, with the check's reason). Without a manager's watchdog it does nothing.
 // Also says READY=1 and STOPPING=1 when told. A Watchdog is started at most once.
 //
