@@ -70,7 +70,7 @@ void AddFormatChain(Stream& stream, bool soxr, unsigned inRate, unsigned inCh, u
 DaemonConnect::DaemonConnect(const Settings& settings, OutputSource outputs, MicSource mics, EventQueue& events,
                              boost::shared_ptr<LatencyProbe> probe)
     : settings_(settings), outputs_(outputs), mics_(mics), events_(events), probe_(probe),
-      micEnabled_(settings.micEnabled), nextSerial_(1) {}
+      waker_(boost::make_shared<CondWaker>()), micEnabled_(settings.micEnabled), nextSerial_(1) {}
 
 DaemonConnect::~DaemonConnect() {}
 
@@ -229,6 +229,7 @@ boost::shared_ptr<Input> DaemonConnect::OpenPlayback(const sStreamInfo& info, st
     if (info.type == client::kTypeDataTrans) {
         queue = OpenQueue(client::StreamQueueName(info.name), "OpenPlayback", why);
         if (!queue) return boost::shared_ptr<Input>();
+        queue->SetWaker(waker_);
         return boost::make_shared<Tracked<TrailingSilence<InputDataTrans> > >(onGone, queue, info.rate, info.numCh,
                                                                                info.sampleSize, meta);
     }
@@ -247,6 +248,7 @@ boost::shared_ptr<Output> DaemonConnect::OpenRecord(const sStreamInfo& info, std
                                                    boost::shared_ptr<DataTrans>& queue, std::string& why) {
     queue = OpenQueue(client::StreamQueueName(info.name), "OpenRecord", why);
     if (!queue) return boost::shared_ptr<Output>();
+    queue->SetWaker(waker_);
     const size_t start = info.name.find_first_not_of('/');
     return boost::make_shared<Tracked<DataTransOutput> >(onGone, queue, info.name.substr(start));
 }

@@ -117,6 +117,8 @@ public:
     // The playback engine whose settings a status request's view shows (read on its own
     // thread only, in ChainMsgRecord); host thread, before the engines start.
     void SetPlayback(const Playback* playback) { playback_ = playback; }
+    // Makes the broadcasts on the client queues' conditions (no engine thread does).
+    const boost::shared_ptr<CondWaker>& Waker() const { return waker_; }
 
     // Connect.
     int AddNewStream(const std::string& fileName, sStreamInfo& info) override;
@@ -186,6 +188,7 @@ private:
     boost::weak_ptr<MsgQ> playbackQ_;  // set before the engines start, read-only after
     boost::weak_ptr<MsgQ> recordQ_;    // likewise
     const Playback* playback_ = nullptr;  // likewise; its fields are read on its thread only
+    const boost::shared_ptr<CondWaker> waker_;
 
     mutable std::mutex mutex_;
     std::map<std::string, Live> live_;  // GUARDED_BY(mutex_): streams an engine holds, by name

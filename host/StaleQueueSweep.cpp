@@ -1,6 +1,8 @@
 #include "host/StaleQueueSweep.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -10,7 +12,9 @@
 #include <iterator>
 #include <map>
 #include <set>
+#include <sstream>
 
+#include "client/StreamQueueName.h"
 #include "mixer/core/Log.h"
 
 namespace mixer {
@@ -45,6 +49,23 @@ std::set<std::string> Mapped(const std::string& maps, const std::string& dir, bo
         if (at != std::string::npos) paths.insert(line.substr(at, line.find(' ', at) - at));
     }
     return paths;
+}
+
+// The block queue that the description file at path names (its first line the stream,
+// its second the transport), or empty. A client wrote it: not followed if a link, not
+// waited on if a FIFO, and only its head is read.
+std::string QueueNamed(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return std::string();
+    char head[512];
+    const ssize_t n = read(fd, head, sizeof(head));
+    close(fd);
+    std::istringstream lines(std::string(head, n > 0 ? static_cast<size_t>(n) : 0));
+    std::string stream, type;
+    if (!std::getline(lines, stream) || !std::getline(lines, type) || type != client::kTypeDataTrans ||
+        stream.find_first_not_of('/') == std::string::npos)
+        return std::string();
+    return client::StreamQueueName(stream);
 }
 
 }  // namespace
@@ -88,12 +109,16 @@ std::vector<std::string> StaleQueueSweep::Sweep(const std::string& dir, const st
     return removed;
 }
 
-std::vector<std::string> StaleQueueSweep::ClearDescriptions(const std::string& dir) {
+std::vector<std::string> StaleQueueSweep::ClearDescriptions(const std::string& dir, const char* why) {
     std::vector<std::string> removed;
     for (const std::string& name : Files(dir, "")) {
-        if (unlink((dir + "/" + name).c_str()) != 0) continue;
+        const std::string path = dir + "/" + name;
+        const std::string queue = QueueNamed(path);
+        if (!queue.empty() && shm_unlink(queue.c_str()) == 0)
+            MIXER_LOG_W("Mixerd_Sweep:queue %s of %s: %s: removed:", queue.c_str(), path.c_str(), why);
+        if (unlink(path.c_str()) != 0) continue;
         removed.push_back(name);
-        MIXER_LOG_W("Mixerd_Sweep:%s/%s: left by an earlier daemon: removed:", dir.c_str(), name.c_str());
+        MIXER_LOG_W("Mixerd_Sweep:%s: %s: removed:", path.c_str(), why);
     }
     return removed;
 }

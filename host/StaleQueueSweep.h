@@ -22,9 +22,11 @@ public:
     // dir: where the system keeps shared memory; prefix: the queues' file names begin
     // with it. The names removed.
     static std::vector<std::string> Sweep(const std::string& dir, const std::string& prefix, unsigned minAgeS);
-    // Removes the stream description files in dir: at start nothing of an earlier
-    // daemon's is live any more. The names removed.
-    static std::vector<std::string> ClearDescriptions(const std::string& dir);
+    // Removes the stream description files in dir and the block queues they name: at
+    // start nothing of an earlier daemon's is live any more, and at an exit that could
+    // not close its streams nobody else would remove them (a client keeps its mapping,
+    // only the name goes). why: the reason the log lines give. The files removed.
+    static std::vector<std::string> ClearDescriptions(const std::string& dir, const char* why);
 };
 
 }  // namespace host

@@ -15,6 +15,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -33,6 +34,7 @@
 #include "host/ShutdownSignals.h"
 #include "host/StaleQueueSweep.h"
 #include "host/TrustBoundary.h"
+#include "host/Watchdog.h"
 #include "client/StreamQueueName.h"
 #include "host/devices/ToneMicInput.h"
 #include "host/devices/WavMicInput.h"
@@ -134,6 +136,36 @@ const unsigned kStaleAfterS = 2;
 void SweepQueues() {
     const std::string prefix = client::StreamQueueName("").substr(1);  // "mixer-"
     StaleQueueSweep::Sweep("/dev/shm", prefix, kStaleAfterS);
+}
+
+// SIGTERM stops the daemon within 2 s whatever its threads do: the orderly stop gets
+// this long, then the daemon removes its files itself and exits.
+const int kStopWithinMs = 1500;
+
+// The daemon's health for the watchdog: both engines move or sleep by design, and the
+// queues' broadcasts still have a worker.
+std::string Health(const Playback& playback, const Record& record, const DaemonConnect& connect, unsigned maxAgeMs) {
+    if (!playback.heartbeat.Alive(maxAgeMs))
+        return "the playback engine has not moved for " + std::to_string(maxAgeMs) + " ms";
+    if (!record.GetHeartbeat().Alive(maxAgeMs))
+        return "the record engine has not moved for " + std::to_string(maxAgeMs) + " ms";
+    if (connect.Waker()->Exhausted()) return "every queue waker is stuck in a client's condition";
+    return std::string();
+}
+
+// Runs stop with a bound; past it, removes what the daemon leaves (control socket,
+// description files and the queues they name, the stream directory) and ends the
+// process at once: a thread that does not come back must not keep it alive.
+void StopWithin(const std::function<void()>& stop, const DaemonOptions& opts) {
+    std::packaged_task<void()> task(stop);
+    std::future<void> done = task.get_future();
+    std::thread(std::move(task)).detach();
+    if (done.wait_for(std::chrono::milliseconds(kStopWithinMs)) == std::future_status::ready) return;
+    MIXER_LOG_E("Mixerd:Run:not stopped within %d ms (a thread is stuck): files removed, exiting:", kStopWithinMs);
+    unlink(opts.socketPath.c_str());
+    StaleQueueSweep::ClearDescriptions(kStreamDir, "the daemon exits without closing it");
+    rmdir(kStreamDir);
+    _exit(1);
 }
 
 void SignalReady(int fd) {
@@ -257,10 +289,11 @@ int Run(const DaemonOptions& opts) {
         ControlServer::Limits limits;
         limits.maxConnections = opts.controlConnections;
         ControlServer server(opts.socketPath, dispatcher, limits);
+        Watchdog watchdog([&](unsigned maxAgeMs) { return Health(playback, record, connect, maxAgeMs); });
 
         if (server.Start() != 0 || !CloseSocket(opts.socketPath, group)) {
             status = 1;
-        } else if (StaleQueueSweep::ClearDescriptions(kStreamDir), SweepQueues(),
+        } else if (StaleQueueSweep::ClearDescriptions(kStreamDir, "left by an earlier daemon"), SweepQueues(),
                    discovery.reset(new Discovery()), discovery->Init(&connect) != 1) {
             MIXER_LOG_E("Mixerd:Run:the stream directory %s cannot be watched:", kStreamDir);
             status = 1;
@@ -268,6 +301,8 @@ int Run(const DaemonOptions& opts) {
             MIXER_LOG_I("Mixerd:Run:ready: output %s, mic %s, mix %u Hz %u ch, control %s:", opts.output.c_str(),
                         opts.mic.c_str(), opts.rate, opts.channels, opts.socketPath.c_str());
             SignalReady(opts.readyFd);
+            watchdog.Ready();
+            watchdog.Start();
             if (!opts.logStderr) Log::SetSink(nullptr);  // syslog alone from here on
             for (;;) {
                 pollfd fds[2] = {{signals.Fd(), POLLIN, 0}, {events.Fd(), POLLIN, 0}};
@@ -294,10 +329,13 @@ int Run(const DaemonOptions& opts) {
         }
         // No new requests or streams, then the engines; their streams go at the end of
         // this scope, which fires their tokens.
-        server.Stop();
-        if (discovery) discovery->DeInit();
-        playback.DeInit();
-        StopRecord(record);
+        watchdog.Stopping();
+        StopWithin([&] {
+            server.Stop();
+            if (discovery) discovery->DeInit();
+            playback.DeInit();
+            StopRecord(record);
+        }, opts);
     }
     DeliverEvents(events, bus);
     if (bus) NexoClose(bus);

@@ -2,13 +2,16 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "device_metrics.h"
 #include "mixer/core/Log.h"
@@ -24,6 +27,29 @@ const size_t kEventBuf = 160;
 const size_t kEventHead = offsetof(struct inotify_event, name);  // 16
 const unsigned kRetryMetricEvery = 10;
 const useconds_t kRetryPauseUs = 5000;
+const size_t kSeenSlack = 64;
+
+// A file's version: inode and modification time in nanoseconds; 0 when it is gone.
+std::pair<uint64_t, int64_t> Version(const std::string& name) {
+    struct stat st;
+    const std::string path = std::string(kStreamDir) + "/" + name;
+    if (lstat(path.c_str(), &st) != 0) return std::make_pair(0, 0);
+    return std::make_pair(static_cast<uint64_t>(st.st_ino),
+                          static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec);
+}
+
+// A description file is whole once its seventh line has ended. Opened as the reader
+// opens it: a link is not followed, a FIFO does not block.
+bool HoldsSevenLines(const std::string& name) {
+    const std::string path = std::string(kStreamDir) + "/" + name;
+    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return false;
+    // Seven lines of at most 199 characters fit: a longer file is not read to its end.
+    char buf[1400];
+    const ssize_t n = read(fd, buf, sizeof(buf));
+    close(fd);
+    return n > 0 && std::count(buf, buf + n, '\n') >= 7;
+}
 
 bool IsRegularFile(const struct dirent* ent) {
     if (ent->d_type != DT_UNKNOWN) return ent->d_type == DT_REG;
@@ -36,7 +62,8 @@ bool IsRegularFile(const struct dirent* ent) {
 }  // namespace
 
 Discovery::Discovery()
-    : inotifyFd(-1), watchFd(-1), running(0), thread(), connect(nullptr), threadStarted(false), watcherFd(-1) {}
+    : inotifyFd(-1), watchFd(-1), running(0), thread(), connect(nullptr), threadStarted(false), watcherFd(-1),
+      seenLimit(kSeenSlack) {}
 
 Discovery::~Discovery() { DeInit(); }
 
@@ -73,7 +100,9 @@ int Discovery::Init(Connect* connect_) {
     // Files from before the watch are only reported: their writers' closes were not
     // seen, so they may be incomplete or stale.
     while (const struct dirent* ent = readdir(dir)) {
-        if (IsRegularFile(ent)) MIXER_LOG_D("Mixer_Discovery:Discovered filename is %s::", ent->d_name);
+        if (!IsRegularFile(ent)) continue;
+        MIXER_LOG_D("Mixer_Discovery:Discovered filename is %s::", ent->d_name);
+        seen[ent->d_name] = Version(ent->d_name);
     }
     closedir(dir);
 
@@ -115,6 +144,13 @@ int Discovery::DeInit() {
 }
 
 void Discovery::AddStream(const std::string& fileName) {
+    seen[fileName] = Version(fileName);
+    if (seen.size() > seenLimit) {
+        // Streams end and their files go: keep the record to what the directory holds.
+        for (std::map<std::string, std::pair<uint64_t, int64_t> >::iterator it = seen.begin(); it != seen.end();)
+            it = Version(it->first).first == 0 ? seen.erase(it) : ++it;
+        seenLimit = 2 * seen.size() + kSeenSlack;
+    }
     if (fileName == kPingFileName) {
         UtilRemoveFile(fileName);
         MIXER_LOG_D("Mixer_Discovery:AddStream:%s:", fileName.c_str());
@@ -126,6 +162,27 @@ void Discovery::AddStream(const std::string& fileName) {
     // only accepted streams.
     if (UtilReadFile(fileName, info) != 0 || connect->AddNewStream(fileName, info) != 0) {
         UtilRemoveFile(fileName);
+    }
+}
+
+void Discovery::Rescan() {
+    DIR* dir = opendir(kStreamDir);
+    if (dir == nullptr) return;
+    std::map<std::string, std::pair<uint64_t, int64_t> > present;
+    std::vector<std::string> offer;
+    while (const struct dirent* ent = readdir(dir)) {
+        if (!IsRegularFile(ent)) continue;
+        const std::string name = ent->d_name;
+        const std::pair<uint64_t, int64_t> version = Version(name);
+        std::map<std::string, std::pair<uint64_t, int64_t> >::const_iterator old = seen.find(name);
+        if (old != seen.end() && old->second == version) present.insert(*old);
+        else if (name == kPingFileName || HoldsSevenLines(name)) offer.push_back(name);
+    }
+    closedir(dir);
+    seen.swap(present);  // forgets the files that have gone
+    for (const std::string& name : offer) {
+        MIXER_LOG_I("Mixer_Discovery:Rescan:%s:", name.c_str());
+        AddStream(name);
     }
 }
 
@@ -176,6 +233,8 @@ void* DiscoveryrunLoop(void* arg) {
                 break;
             } else {
                 MIXER_LOG_E("Mixer_Discovery:runLoop:Unhandled Evt %x %s:", ev.mask, fileName.c_str());
+                // Closes were lost: look at the directory itself.
+                if (ev.mask & IN_Q_OVERFLOW) self->Rescan();
             }
             off += kEventHead + ev.len;
         }

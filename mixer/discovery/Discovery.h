@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include "mixer/core/Api.h"
@@ -45,6 +46,12 @@ public:
     // Handles one file closed after writing; watcher thread only.
     void AddStream(const std::string& fileName);
 
+    // After the kernel's event queue overflowed (closes were lost): offers every
+    // complete description file in the directory that has not been offered in its
+    // present version; a file still being written is left to its own close event.
+    // Watcher thread only.
+    void Rescan();
+
 private:
     friend void* DiscoveryrunLoop(void* discovery);
     Discovery(const Discovery&) = delete;
@@ -59,6 +66,11 @@ private:
     // The instance the watcher reads: a copy of inotifyFd made before the thread starts
     // and not written while it runs, since DeInit clears inotifyFd under its feet.
     int32_t watcherFd;
+    // Each file's version (inode and modification time) when it was last offered or,
+    // before the watch, seen: what a rescan leaves alone. Written by Init before the
+    // watcher starts, then by the watcher only.
+    std::map<std::string, std::pair<uint64_t, int64_t> > seen;
+    size_t seenLimit;  // past this many entries, those of removed files are dropped
 };
 
 }  // namespace mixer

@@ -13,6 +13,7 @@
 #include "mixer/core/Api.h"
 #include "mixer/core/AudioFrame.h"
 #include "mixer/core/Connect.h"
+#include "mixer/core/Heartbeat.h"
 #include "mixer/core/MsgHead.h"
 #include "mixer/core/MsgNewInput.h"
 #include "mixer/core/MsgNewOutput.h"
@@ -92,6 +93,8 @@ public:
     // The engine's state. Read and written by PlaybackrunLoop and the handlers on the
     // mixing thread only (or by a test driving the handlers without a thread).
     std::atomic<bool> running;                      // host writes false, thread reads
+    // Beaten by the thread each period, idle while it waits on its queue: for a watchdog.
+    Heartbeat heartbeat;
     boost::shared_ptr<MsgQ> msgQ;
     std::list<boost::shared_ptr<Stream> > inputs;   // in focus order
     boost::shared_ptr<StreamOut> outStream;         // chain run over each mix

@@ -72,6 +72,7 @@ void* PlaybackrunLoop(void* arg) {
     int64_t lastOutTimeUs = 0;
 
     while (pb->running) {
+        pb->heartbeat.Beat();
         MIXER_LOG_P("Mixer_Playback:PlaybackThread::runLoop:Timestamp-%d.%06d:Entering...:");
 
         // Nothing to play, or silent for too long: pause the output and sleep on the queue.
@@ -85,8 +86,9 @@ void* PlaybackrunLoop(void* arg) {
         }
         // Blocks at most once, for the first message; the rest are taken without waiting.
         while (pb->running) {
+            if (wait) pb->heartbeat.SetIdle(true);
             boost::shared_ptr<MsgHead> msg = pb->msgQ->getMsg(wait);
-            if (wait) pb->idleCountdownMs = kIdleCountdownMs;
+            if (wait) pb->heartbeat.SetIdle(false), pb->idleCountdownMs = kIdleCountdownMs;
             if (!msg) break;
             pb->handleMsg(msg);
             wait = false;
@@ -169,6 +171,11 @@ void* PlaybackrunLoop(void* arg) {
                                 "default out:");
                     pb->SetupDefaultOutput();
                 }
+            } else {
+                // No device to block in or to pace on: the clock keeps the periods 20 ms
+                // apart, or this real-time thread would spin and starve the machine.
+                SleepUntilAfter(*pb, lastOutTimeUs, kPeriodUs);
+                lastOutTimeUs = pb->GetTimeUS();
             }
             MIXER_LOG_P("Mixer_Playback:PlaybackThread::runLoop:Timestamp-%d.%06d:Output "
                         "Processing Done ...:");

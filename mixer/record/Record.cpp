@@ -135,11 +135,14 @@ void* RecordrunLoop(void* arg) {
     int64_t lastTime = self->GetTimeUS();
 
     while (self->running) {
+        self->heartbeat.Beat();
         // Messages. Sleeps on the queue while nobody listens or the microphone is off,
         // with the input paused once a message has been handled in that condition.
         while (self->running) {
             const bool wait = self->outputs.empty() || self->micEnable == 0;
+            if (wait) self->heartbeat.SetIdle(true);
             boost::shared_ptr<MsgHead> msg = self->msgQ->getMsg(wait);
+            if (wait) self->heartbeat.SetIdle(false);
             if (!msg) break;
             self->handleMsg(msg);
             if (!self->outputs.empty() && self->micEnable != 0) continue;

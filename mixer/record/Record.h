@@ -11,6 +11,7 @@
 
 #include "mixer/core/Api.h"
 #include "mixer/core/Connect.h"
+#include "mixer/core/Heartbeat.h"
 #include "mixer/core/MsgHead.h"
 #include "mixer/core/MsgNewOutput.h"
 #include "mixer/core/MsgQ.h"
@@ -50,6 +51,8 @@ public:
     void DeInit();
 
     boost::shared_ptr<MsgQ> GetMsgQ() { return msgQ; }
+    // Beaten by the thread each pass, idle while it waits on its queue: for a watchdog.
+    const Heartbeat& GetHeartbeat() const { return heartbeat; }
 
     // Monotonic microseconds, formed with a 32-bit product of the seconds: the value
     // jumps back by 2^32 us about every 71.6 minutes.
@@ -67,6 +70,7 @@ private:
     Record& operator=(const Record&) = delete;
 
     std::atomic<int32_t> running;               // 1 while the thread is to keep going
+    Heartbeat heartbeat;
     boost::shared_ptr<MsgQ> msgQ;
     std::list<boost::shared_ptr<StreamOut> > outputs;  // record thread; registration order
     boost::shared_ptr<Input> input;             // record thread; empty until it starts

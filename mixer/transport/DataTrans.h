@@ -4,9 +4,12 @@
 #include <cstdint>
 #include <string>
 
+#include <boost/shared_ptr.hpp>
+
 #include "mixer/core/Api.h"
 #include "mixer/core/InOut.h"
 #include "mixer/transport/BlockTail.h"
+#include "mixer/transport/CondWaker.h"
 #include "mixer/transport/StreamQueue.h"
 
 namespace mixer {
@@ -40,6 +43,9 @@ namespace mixer {
 //   opened and kept in this object; every address is computed from these copies and
 //   every position read from the header is checked against them, so a header rewritten
 //   later cannot move an access outside the mapping.
+// - The conditions live in the peer's memory too, and a broadcast sleeps for ever on
+//   one whose internal lock the peer has set. The mixer's end therefore gets a waker
+//   (SetWaker): see there.
 class MIXER_API DataTrans {
 public:
     // The lock bound an engine thread (playback, record) sets on the queues of its
@@ -70,6 +76,15 @@ public:
     // Bounds every lock this object takes to ms milliseconds (0xFFFFFFFF: no bound, the
     // default). A free lock costs no more with a bound than without.
     void SetLockWaitMs(unsigned ms);
+    // The mixer's end, on an open queue before other threads use it (until DeInit):
+    // every broadcast on the queue's conditions is handed to waker, whose threads make
+    // it; no call here sleeps in a condition (GetReadBuff and GetWriteBuff with a
+    // time-out poll every 2 ms instead; SetCmd and WaitTillUserBufEmpty do not wait);
+    // the mapping belongs to the waker's share, so that a broadcast stuck in it never
+    // loses its memory. Once a broadcast on this queue got stuck, every call fails
+    // (EFAULT, or its "not taken" result) and DeInit hangs up and unlinks without the
+    // lock.
+    void SetWaker(const boost::shared_ptr<CondWaker>& waker);
     // Declares the peer gone, as if it had closed its end: hangUp is set and every
     // waiter on this queue wakes. For a host that learns of the peer's death some other
     // way (a client process that was killed never closes); this end's DeInit then
@@ -174,6 +189,8 @@ private:
     // A lock whose owner died meanwhile is repaired as in Acquire.
     int WaitOn(pthread_cond_t* cond, const timespec* deadline);
     void OwnerDied(pthread_mutex_t* m);
+    // Broadcasts conds (CondWaker bits) here, or hands them to the waker.
+    void Wake(unsigned conds);
     // Keeps the geometry of a checked header (creation or opening) for every address.
     void Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSize);
     bool BeginBlockWait(const char* op, const char* enterTag, unsigned timeoutMs, int& err, timespec& deadline);
@@ -196,6 +213,8 @@ private:
     uint32_t blkSize_;
     uint32_t userBlkSize_;
     unsigned lockWaitMs_;  // 0xFFFFFFFF: no bound
+    boost::shared_ptr<CondWaker> waker_;
+    boost::shared_ptr<CondWaker::Target> target_;  // while open with a waker: owns the mapping
 };
 
 }  // namespace mixer

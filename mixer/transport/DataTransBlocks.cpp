@@ -108,7 +108,31 @@ bool DataTrans::BeginBlockWait(const char* op, const char* enterTag, unsigned ti
     return true;
 }
 
+namespace {
+
+// The mixer's end waits for a block by trying again every 2 ms up to the time-out
+// (SetWaker): attempt is the same call without waiting. A time-out ends in ETIMEDOUT.
+template <class Attempt>
+char* Polled(unsigned timeoutMs, int& err, Attempt attempt) {
+    const timespec step = {0, 2000000};
+    timespec now, until = {0, 0};
+    if (Now(now) == 0 && timeoutMs != deadline::kForever) until = deadline::AfterMs(now, timeoutMs);
+    for (;;) {
+        char* block = attempt();
+        if (block != nullptr || err != EAGAIN) return block;
+        if (timeoutMs != deadline::kForever &&
+            (Now(now) != 0 || now.tv_sec > until.tv_sec || (now.tv_sec == until.tv_sec && now.tv_nsec >= until.tv_nsec))) {
+            err = ETIMEDOUT;
+            return nullptr;
+        }
+        nanosleep(&step, nullptr);
+    }
+}
+
+}  // namespace
+
 char* DataTrans::GetWriteBuff(int& err, unsigned timeoutMs) {
+    if (target_ && timeoutMs != 0) return Polled(timeoutMs, err, [&] { return GetWriteBuff(err, 0); });
     timespec deadline;
     if (!BeginBlockWait("GetWriteBuff", "GetWriteBuff-Enter", timeoutMs, err, deadline)) return nullptr;
     return GetWriteBuffLocked(err, timeoutMs, deadline);
@@ -195,7 +219,7 @@ bool DataTrans::CommitWriteBuff(unsigned len, char* bufId) {
     // Woken after the unlock, the reader finds the lock free instead of blocking on it
     // at once (a third of the cross-process round trip). A waiter cannot miss it: it
     // tested numReady under the lock before it waited.
-    if (ok) pthread_cond_broadcast(&q->condDataAvail);
+    if (ok) Wake(CondWaker::kDataAvail);
     return ok;
 }
 
@@ -233,6 +257,7 @@ bool DataTrans::CommitWriteBuffLocked(unsigned len, char* bufId) {
 }
 
 char* DataTrans::GetReadBuff(int& err, unsigned& len, unsigned timeoutMs, char** bufId) {
+    if (target_ && timeoutMs != 0) return Polled(timeoutMs, err, [&] { return GetReadBuff(err, len, 0, bufId); });
     timespec deadline;
     if (!BeginBlockWait("GetReadBuff", "GetReadBuff-Enter", timeoutMs, err, deadline)) return nullptr;
     return GetReadBuffLocked(err, len, timeoutMs, deadline, bufId);
@@ -331,7 +356,7 @@ bool DataTrans::ReleaseReadBuff(int& err) {
     LogStatus("ReleaseReadBuff-Exit");
     Unlock(&q->mutex);
     // After the unlock for the same reason as in CommitWriteBuff.
-    if (ok) pthread_cond_broadcast(&q->condSpaceAvail);
+    if (ok) Wake(CondWaker::kSpaceAvail);
     return ok;
 }
 

@@ -67,7 +67,7 @@ void DataTrans::CmdExecuted(tInOutCmd cmd) {
     if (q == nullptr || Acquire(&q->mutex, "CmdExecuted") != 0) return;
     const bool match = q->cmd == cmd;
     MIXER_LOG_I("def:Mixer_DataTrans:CmdExecuted:cmd = %d, signal = %d", static_cast<int>(cmd), match ? 1 : 0);
-    if (match) pthread_cond_broadcast(&q->cmdExecutedCond);
+    if (match) Wake(CondWaker::kCmdExecuted);
     // Kept so: another command's acknowledgement clears the slot without waking the
     // sender, which then waits out its deadline.
     q->cmd = CMD_NONE;

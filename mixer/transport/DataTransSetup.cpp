@@ -258,10 +258,26 @@ void DataTrans::Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSiz
 
 void DataTrans::SetLockWaitMs(unsigned ms) { lockWaitMs_ = ms; }
 
+void DataTrans::SetWaker(const boost::shared_ptr<CondWaker>& waker) {
+    if (queue_ == nullptr || target_ || !waker) return;
+    waker_ = waker;
+    target_ = waker->Attach(queue_, mapSize_, name_);
+}
+
+void DataTrans::Wake(unsigned conds) {
+    if (target_) waker_->Post(target_, conds);
+    else CondWaker::Broadcast(queue_, conds);
+}
+
 bool DataTrans::DeInit() {
     StreamQueue* q = queue_;
     if (q == nullptr) return true;
-    if (Acquire(&q->mutex, "DeInit") != 0) {
+    if (target_ && target_->Wedged()) {
+        // The client wedged a condition: nothing of its queue is touched but the flag.
+        StoreRelaxed(q->hangUp, static_cast<uint8_t>(1));
+        if (!name_.empty()) shm_unlink(name_.c_str());
+        MIXER_LOG_W("Mixer_DataTrans:DeInit:wedged, DataTrans Hangup & unlinked:");
+    } else if (Acquire(&q->mutex, "DeInit") != 0) {
         // The peer holds the lock and does not let go (stopped, or dead without robust
         // locks): close without it. The locks are left alone, someone holds one.
         if (LoadRelaxed(q->hangUp)) {
@@ -283,7 +299,14 @@ bool DataTrans::DeInit() {
         Unlock(&q->mutex);
         MIXER_LOG_I("Mixer_DataTrans:DeInit:DataTrans Hangup & Closed:");
     }
-    munmap(q, mapSize_);
+    if (target_) {
+        // The waker's last broadcasts still use the mapping; the last share unmaps it.
+        waker_->Detach(target_);
+        target_.reset();
+        waker_.reset();
+    } else {
+        munmap(q, mapSize_);
+    }
     queue_ = nullptr;
     mapSize_ = 0;
     numBlk_ = blkSize_ = userBlkSize_ = 0;
@@ -294,9 +317,7 @@ void DataTrans::HangUpLocked() {
     StreamQueue* q = queue_;
     StoreRelaxed(q->hangUp, static_cast<uint8_t>(1));
     // Every waiter wakes and sees the hang-up.
-    pthread_cond_broadcast(&q->condDataAvail);
-    pthread_cond_broadcast(&q->condSpaceAvail);
-    pthread_cond_broadcast(&q->cmdExecutedCond);
+    Wake(CondWaker::kAll);
 }
 
 void DataTrans::HangUpPeer() {
@@ -309,6 +330,8 @@ void DataTrans::HangUpPeer() {
 }
 
 int DataTrans::Acquire(pthread_mutex_t* m, const char* op) {
+    // A queue whose client wedged a condition is done with (logged by the waker).
+    if (target_ && target_->Wedged()) return EFAULT;
     int rc;
     if (lockWaitMs_ == deadline::kForever) {
         rc = pthread_mutex_lock(m);
@@ -331,6 +354,7 @@ int DataTrans::Acquire(pthread_mutex_t* m, const char* op) {
 
 int DataTrans::WaitOn(pthread_cond_t* cond, const timespec* deadline) {
     StreamQueue* q = queue_;
+    if (target_) return ETIMEDOUT;  // the mixer's end never sleeps in a condition
     int rc = deadline == nullptr ? pthread_cond_wait(cond, &q->mutex)
                                  : pthread_cond_timedwait(cond, &q->mutex, deadline);
     if (rc == EOWNERDEAD) {

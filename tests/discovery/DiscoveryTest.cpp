@@ -257,6 +257,35 @@ TEST_F(DiscoveryTest, WatcherEndsWhenTheDirectoryGoesOrANameOverfillsItsBuffer) 
     EXPECT_EQ(Lines{std::string(140, 'f')}, Offered());
 }
 
+TEST_F(DiscoveryTest, AfterTheEventQueueOverflowedTheDirectoryIsRescannedForWhatWasNotOffered) {
+    int limit = 0;
+    if (!(std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit) || limit > 65536) GTEST_SKIP() << limit;
+    std::mutex m;
+    std::condition_variable cv;
+    bool held = true;
+    host.SetNewStreamHook([&](const std::string& name, const sStreamInfo&) {
+        std::unique_lock<std::mutex> l(m);
+        cv.wait(l, [&] { return !held || name != "first"; });
+    });
+    ASSERT_EQ(0, UtilWriteFile(Info("old")));  // from before the watch: never offered
+    Discovery discovery;
+    ASSERT_EQ(1, discovery.Init(&host));
+    ASSERT_EQ(0, UtilWriteFile(Info("first")));
+    ASSERT_TRUE(WaitCalls("AddNewStream", 1));  // the watcher is held in the host: the kernel queues
+    for (int i = 0; i < limit; ++i) ASSERT_TRUE(WriteRaw(i % 2 ? "a" : "b", ""));  // alternating: none merged
+    ASSERT_EQ(0, UtilWriteFile(Info("late")));      // these closes are lost
+    ASSERT_TRUE(WriteRaw("part", "part\nshmQ\n"));  // still being written, as far as a rescan can tell
+    m.lock(), held = false, m.unlock(), cv.notify_all();
+    ASSERT_TRUE(WaitCalls("AddNewStream", limit + 2));
+    ASSERT_TRUE(WriteRaw("part", "part\nshmQ\n1\n48000\n2\n2\nmusic\n"));  // its own close offers it
+    ASSERT_TRUE(WaitCalls("AddNewStream", limit + 3));
+    EXPECT_TRUE(log.Has("E Mixer_Discovery:runLoop:Unhandled Evt 4000 :")) << log.Dump();
+    const Lines offered = Offered();
+    EXPECT_EQ(Lines({"late", "part"}), Lines(offered.end() - 2, offered.end()));
+    EXPECT_EQ(0, std::count(offered.begin(), offered.end(), "old"));
+    EXPECT_EQ(limit, std::count(offered.begin(), offered.end(), "a") + std::count(offered.begin(), offered.end(), "b"));
+}
+
 TEST_F(DiscoveryTest, EveryTenthInterruptedReadInARowIsCountedAndLogged) {
     g_fd = dup(0);  // the lowest free descriptor: Init's inotify instance gets it (no watcher yet, no lock)
     close(g_fd);

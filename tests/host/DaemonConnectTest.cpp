@@ -4,8 +4,13 @@
 #include <gtest/gtest.h>
 #include <new>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 #include <boost/make_shared.hpp>
 #include <boost/pointer_cast.hpp>
@@ -19,6 +24,9 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/PrivateRun.h"
+#ifdef MIXERD_PATH
+#include "tests/support/Mixerd.h"
+#endif
 
 namespace mixer {
 namespace {
@@ -281,6 +289,56 @@ TEST_F(DaemonConnectTest, KilledClientsAreHungUpAndLeaveNothingBehind) {
     EXPECT_EQ(Events(), (Strings{"MixerStreamAdded killed", "MixerStreamAdded micRaw", "MixerStreamRemoved killed",
                                  "MixerStreamRemoved micRaw"}));
 }
+
+#ifdef MIXERD_PATH
+// The contract with the service manager, this test standing in for it (its notification socket, a 1-s watchdog): a
+// daemon started over a killed one's leftovers removes them, says READY=1, pets while both engines live, stops petting
+// once the playback engine is wedged (a status file that hangs its writer: a FIFO nobody reads, mounted over the
+// path so that it cannot be replaced), and SIGTERM still ends it, with STOPPING=1 and its files removed.
+TEST(DaemonWatchdogTest, PetsWhileTheEnginesLiveStopOnceOneIsWedgedAndSigtermStillEndsIt) {
+    MIXER_REQUIRE_PRIVATE_RUN();
+    const sockaddr_un manager = {AF_UNIX, "/run/notify"};
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&manager), sizeof(manager)), 0);
+    auto next = [fd](int ms) {  // the next notification, empty when none came within ms
+        char text[256] = {0};
+        pollfd p = {fd, POLLIN, 0};
+        return poll(&p, 1, ms) == 1 && recv(fd, text, sizeof(text) - 1, 0) > 0 ? std::string(text) : std::string();
+    };
+    ASSERT_TRUE(mkdir(kStreamDir, 0755) == 0 && UtilWriteFile(Info("old", "music")) == 0);
+    const int old = shm_open("/mixer-old", O_CREAT | O_RDWR, 0600), stale = socket(AF_UNIX, SOCK_STREAM, 0);
+    const sockaddr_un control = {AF_UNIX, "/run/mixerd.sock"};
+    ASSERT_TRUE(old >= 0 && close(old) == 0 && bind(stale, reinterpret_cast<const sockaddr*>(&control), sizeof(control)) == 0);
+    close(stale);
+    ASSERT_TRUE(mkfifo("/run/hang", 0600) == 0 && close(open("/run/status", O_CREAT | O_WRONLY, 0600)) == 0 &&
+                mount("/run/hang", "/run/status", nullptr, MS_BIND, nullptr) == 0);
+    setenv("NOTIFY_SOCKET", manager.sun_path, 1), setenv("WATCHDOG_USEC", "1000000", 1);
+    test::Mixerd d(true, "--status-file /run/status");
+    unsetenv("NOTIFY_SOCKET"), unsetenv("WATCHDOG_USEC");
+    ASSERT_TRUE(d.ready) << test::Slurp(d.log);
+    EXPECT_EQ(next(20000), "READY=1");
+    EXPECT_FALSE(test::Exists(std::string(kStreamDir) + "/old") || test::Exists("/dev/shm/mixer-old"));
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(next(20000), "WATCHDOG=1") << i;
+    const pid_t ctl = test::Spawn(MIXERCTL_PATH " status", d.dir.File("ctl"));  // the engine opens the FIFO: stuck
+    int pets = 0;
+    while (next(1500) == "WATCHDOG=1" && pets < 100) ++pets;  // until a manager's interval and a half passes without
+    EXPECT_LT(pets, 100);
+    ASSERT_EQ(kill(d.pid, SIGTERM), 0);
+    EXPECT_EQ(next(20000), "STOPPING=1");
+    EXPECT_EQ(test::WaitExit(std::exchange(d.pid, -1), 20000), 1);
+    test::WaitExit(ctl, 20000);
+    const std::string log = test::Slurp(d.log);
+    EXPECT_NE(log.find("E Mixerd:Watchdog:the playback engine has not moved for 500 ms: the service manager is no "
+                       "longer told the daemon lives:"), std::string::npos) << log;
+    EXPECT_NE(log.find("E Mixerd:Run:not stopped within 1500 ms (a thread is stuck): files removed, exiting:"),
+              std::string::npos) << log;
+    EXPECT_FALSE(test::Exists(kStreamDir));
+    EXPECT_FALSE(test::Exists(d.sock));
+    EXPECT_EQ(test::DirNames("/dev/shm"), std::set<std::string>());
+    umount2("/run/status", MNT_DETACH);
+    close(fd);
+}
+#endif
 
 }  // namespace
 }  // namespace mixer

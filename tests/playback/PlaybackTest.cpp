@@ -223,6 +223,18 @@ TEST_F(PlaybackTest, WithoutInputsOrAfter20SecondsOfSilenceTheOutputPausesAndThe
     EXPECT_EQ(log.Count("W Mixer_Playback:runLoop:Exiting!!!:"), 2);
 }
 
+// Without an output device (the host has none) a sounding stream is still mixed once per 20 ms, not in a busy loop.
+TEST_F(PlaybackTest, WithoutAnOutputTheLoopKeepsItsPeriods) {
+    boost::shared_ptr<SineInput> tone = boost::make_shared<SineInput>(48000, 2, 440.0, 8000.0, "music");
+    Post(new MsgNewInput(tone));
+    ASSERT_EQ(pb.Init(&connect), 0);
+    ASSERT_TRUE(tone->WaitForFrames(12, kWait));
+    pb.DeInit();
+    EXPECT_EQ(connect.CallCount("GetPlaybackDefaultOutput"), 1);
+    const auto t = tone->ProcessTimes();  // each pacing point lies between its period's Process and the next one's
+    ExpectGapsAtLeast({t.front(), t[11]}, std::chrono::microseconds(10 * 19999));
+}
+
 // A client process that dies or stops inside its queue's lock, fed with silence until then, beside a tone: the
 // tone plays on in every period and the client's stream is erased.
 class PlaybackClientTest : public PlaybackTest, public ::testing::WithParamInterface<bool> {};

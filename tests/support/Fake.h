@@ -151,6 +151,8 @@ public:
         return frame;
     }
     int FramesProduced() const { return Get(produced_); }
+    std::vector<Clock::time_point> ProcessTimes() const { return TimesOf("Process"); }
+    bool WaitForFrames(int n, std::chrono::milliseconds timeout) const { return WaitForCount("Process", n, timeout); }
     // Sample k (from the first frame on) as Process writes it; the phase is reduced per period for precision.
     int16_t SampleAt(uint64_t k) const {
         const double period = rate / freqHz_, pos = std::fmod(static_cast<double>(k), period);

@@ -7,9 +7,14 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <boost/make_shared.hpp>
 #include <chrono>
+#include <climits>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <thread>
 #include "mixer/transport/DataTransWriter.h"
 #include "mixer/transport/Deadline.h"
@@ -345,6 +350,68 @@ TEST(DataTransLockTest, StoppedHolderCostsABoundedEndNoMoreThanItsBound) {
     EXPECT_EQ(holder.Finish(), 0);  // closes last, and removes the name
     EXPECT_FALSE(name.Exists());
 }
+
+#ifdef __GLIBC__
+// What a hostile client does to a condition of its queue, in glibc's layout: takes the condition's internal lock
+// (the low two bits of __g1_orig_size) and claims a waiter (__wrefs counts them from bit 3), so that a broadcast
+// goes for the lock and sleeps on it. Unwedge lets go as glibc's own unlock does.
+void Wedge(pthread_cond_t& c) {
+    __atomic_fetch_add(&c.__data.__wrefs, 8u, __ATOMIC_SEQ_CST);
+    __atomic_fetch_or(&c.__data.__g1_orig_size, 1u, __ATOMIC_SEQ_CST);
+}
+void Unwedge(pthread_cond_t& c) {
+    __atomic_fetch_sub(&c.__data.__wrefs, 8u, __ATOMIC_SEQ_CST);
+    __atomic_fetch_and(&c.__data.__g1_orig_size, ~3u, __ATOMIC_SEQ_CST);
+    syscall(SYS_futex, &c.__data.__g1_orig_size, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
+// Each row: the condition a client wedges, and the call of the mixer's end (with a waker) that broadcasts on it.
+// The call returns; the stuck broadcast faults that queue alone; a waiter on another queue is still woken by a new
+// worker; once the client lets go, the stuck worker comes back.
+TEST(DataTransWakerTest, ClientWedgingAConditionFaultsItsQueueAloneAndNeverHoldsTheCaller) {
+    const struct { const char* what; pthread_cond_t StreamQueue::*cond; std::function<void(DataTrans&)> call; } cases[] = {
+        {"release", &StreamQueue::condSpaceAvail, [](DataTrans& e) { ReadBlock(e); }},
+        {"commit", &StreamQueue::condDataAvail, [](DataTrans& e) { ReadBlock(e), WriteBlock(e, 8); }},
+        {"ack", &StreamQueue::cmdExecutedCond, [](DataTrans& e) { e.CmdExecuted(CMD_PAUSE); }},
+        {"hang-up", &StreamQueue::cmdExecutedCond, [](DataTrans& e) { e.HangUpPeer(); }},
+    };
+    boost::shared_ptr<CondWaker> waker = boost::make_shared<CondWaker>();
+    LogCapture log;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        log.Clear();
+        ShmName bad, good;
+        DataTrans badClient, badEngine, goodClient, goodEngine;
+        ASSERT_TRUE(!badClient.Init(bad.c_str(), 1, 8) && !badEngine.Init(bad.c_str()) && WriteBlock(badClient, 8));
+        ASSERT_TRUE(!goodClient.Init(good.c_str(), 1, 8) && !goodEngine.Init(good.c_str()) && WriteBlock(goodClient, 8));
+        badEngine.SetWaker(waker), goodEngine.SetWaker(waker);
+        RawMap raw(bad);
+        raw.q()->cmd = CMD_PAUSE;
+        Wedge(raw.q()->*c.cond);
+        auto call = std::async(std::launch::async, [&] { c.call(badEngine); });
+        const bool returned = call.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+        if (!returned) Unwedge(raw.q()->*c.cond);  // lets the call go, to fail here rather than hang
+        ASSERT_TRUE(returned);
+        ASSERT_TRUE(log.WaitFor("E Mixer_DataTrans:Waker:reason=BroadcastStuck,name=" + bad.str() + ",stuck=1:"));
+        EXPECT_TRUE(ReadErr(badEngine) == EFAULT && waker->Stuck() == 1);
+        int woke = -1;
+        std::thread waiter([&] {  // the queue is full: it waits for the engine's release
+            int e = 0;
+            woke = goodClient.GetWriteBuff(e, 20000) ? 0 : e;
+        });
+        for (auto end = Clock::now() + std::chrono::seconds(20); !HasStatus(log, "GetWriteBuff-Enter") && Clock::now() < end;)
+            std::this_thread::yield();
+        EXPECT_EQ(ReadBlock(goodEngine), 8);
+        waiter.join();
+        EXPECT_EQ(woke, 0);
+        Unwedge(raw.q()->*c.cond);
+        ASSERT_TRUE(log.WaitFor("I Mixer_DataTrans:Waker:stuck waker back:")) << log.Dump();
+        EXPECT_EQ(waker->Stuck(), 0u);
+        badEngine.DeInit();
+        EXPECT_TRUE(log.Has("W Mixer_DataTrans:DeInit:wedged, DataTrans Hangup & unlinked:") && !bad.Exists());
+    }
+}
+#endif
 
 // The deadlines' second carries, and the two clock readings whose nanoseconds come out as
 // a whole second (kept: both sides of the queue compute them so).
