@@ -2,6 +2,7 @@
 
 #include "mixer/core/Log.h"
 #include "mixer/input/FrameSilence.h"
+#include "mixer/transport/ClientMappings.h"
 #include "shmq.h"
 
 namespace mixer {
@@ -14,8 +15,9 @@ const int32_t kMaxUnderflows = 1000;
 
 InputShmQ::InputShmQ(const std::string& name_, unsigned int rate_, unsigned int numCh_,
                      unsigned int sampleSize_, const std::string& desc_)
-    : Input(rate_, numCh_, sampleSize_, desc_), queue(nullptr), underflowCount(0) {
+    : Input(rate_, numCh_, sampleSize_, desc_), queue(nullptr), underflowCount(0), mappingSlot(-1) {
     name = name_;
+    const ClientMappings::Ranges before = ClientMappings::Find(name);
     queue = ShmQOpen(name.c_str());
     if (queue == nullptr) {
         // "Contructor" as spelt: log watchers match this exact line.
@@ -23,11 +25,13 @@ InputShmQ::InputShmQ(const std::string& name_, unsigned int rate_, unsigned int 
         state = STATE_FAULT;
         return;
     }
+    mappingSlot = ClientMappings::AddNew(name, before);
     state = STATE_ACTIVE;
 }
 
 InputShmQ::~InputShmQ() {
     if (queue != nullptr) ShmQClose(queue);
+    ClientMappings::Remove(mappingSlot);
 }
 
 void InputShmQ::Pause() {
@@ -42,10 +46,17 @@ boost::shared_ptr<AudioFrame> InputShmQ::Process() {
     if (state == STATE_PAUSED || state == STATE_HANGUP || state == STATE_FAULT)
         return boost::shared_ptr<AudioFrame>();
 
+    const int32_t avail = ShmQDataAvail(queue);
+    if (avail < 0 || ClientMappings::Faulted(mappingSlot)) {
+        MIXER_LOG_E("Mixer_InputShmQ:Process:shmQ:%s, input faulted:",
+                    avail < 0 ? "queue broken by the writer" : "object shrunk by the writer");
+        state = STATE_FAULT;
+        return boost::shared_ptr<AudioFrame>();
+    }
     boost::shared_ptr<AudioFrame> frame(new AudioFrame(sampleSize, rate, numCh, 20));
     const int32_t need = static_cast<int32_t>(frame->size);
 
-    if (ShmQDataAvail(queue) < need) {
+    if (avail < need) {
         if (ShmQIsHungUp(queue) != 0) {
             state = STATE_HANGUP;
             MIXER_LOG_I("Mixer_InputShmQ:Process:shmQ:hangup");

@@ -46,6 +46,9 @@ namespace mixer {
 // - The conditions live in the peer's memory too, and a broadcast sleeps for ever on
 //   one whose internal lock the peer has set. The mixer's end therefore gets a waker
 //   (SetWaker): see there.
+// - The mapping is registered with ClientMappings: a peer that shrinks the object makes
+//   the vanished pages read as zeros (where the process installed the handler), and
+//   every call that takes a lock then fails with EFAULT.
 class MIXER_API DataTrans {
 public:
     // The lock bound an engine thread (playback, record) sets on the queues of its
@@ -215,6 +218,10 @@ private:
     unsigned lockWaitMs_;  // 0xFFFFFFFF: no bound
     boost::shared_ptr<CondWaker> waker_;
     boost::shared_ptr<CondWaker::Target> target_;  // while open with a waker: owns the mapping
+    // This mapping's ClientMappings slot (-1: unguarded): once the peer has shrunk the
+    // object under it, every call that takes a lock fails with EFAULT.
+    // While a waker owns the mapping, the slot is the waker's too.
+    int mappingSlot_;
 };
 
 }  // namespace mixer

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "mixer/core/Log.h"
+#include "mixer/transport/ClientMappings.h"
 #include "mixer/transport/Deadline.h"
 #include "mixer/transport/DataTransShared.h"
 
@@ -69,7 +70,8 @@ DataTrans::DataTrans()
       numBlk_(0),
       blkSize_(0),
       userBlkSize_(0),
-      lockWaitMs_(deadline::kForever) {}
+      lockWaitMs_(deadline::kForever),
+      mappingSlot_(-1) {}
 
 DataTrans::~DataTrans() { DeInit(); }
 
@@ -254,6 +256,7 @@ void DataTrans::Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSiz
     numBlk_ = geometry.numBlk;
     blkSize_ = geometry.blkSize;
     userBlkSize_ = geometry.userBlkSize;
+    mappingSlot_ = ClientMappings::Add(q, mapSize);
 }
 
 void DataTrans::SetLockWaitMs(unsigned ms) { lockWaitMs_ = ms; }
@@ -261,7 +264,7 @@ void DataTrans::SetLockWaitMs(unsigned ms) { lockWaitMs_ = ms; }
 void DataTrans::SetWaker(const boost::shared_ptr<CondWaker>& waker) {
     if (queue_ == nullptr || target_ || !waker) return;
     waker_ = waker;
-    target_ = waker->Attach(queue_, mapSize_, name_);
+    target_ = waker->Attach(queue_, mapSize_, name_, mappingSlot_);
 }
 
 void DataTrans::Wake(unsigned conds) {
@@ -277,6 +280,11 @@ bool DataTrans::DeInit() {
         StoreRelaxed(q->hangUp, static_cast<uint8_t>(1));
         if (!name_.empty()) shm_unlink(name_.c_str());
         MIXER_LOG_W("Mixer_DataTrans:DeInit:wedged, DataTrans Hangup & unlinked:");
+    } else if (ClientMappings::Faulted(mappingSlot_)) {
+        // The peer shrank the object: what this end sees of the header is zeros, and
+        // nobody can use the queue any more.
+        if (!name_.empty()) shm_unlink(name_.c_str());
+        MIXER_LOG_W("Mixer_DataTrans:DeInit:object shrunk by the peer, DataTrans Closed & unlinked:");
     } else if (Acquire(&q->mutex, "DeInit") != 0) {
         // The peer holds the lock and does not let go (stopped, or dead without robust
         // locks): close without it. The locks are left alone, someone holds one.
@@ -306,7 +314,9 @@ bool DataTrans::DeInit() {
         waker_.reset();
     } else {
         munmap(q, mapSize_);
+        ClientMappings::Remove(mappingSlot_);
     }
+    mappingSlot_ = -1;
     queue_ = nullptr;
     mapSize_ = 0;
     numBlk_ = blkSize_ = userBlkSize_ = 0;
@@ -332,6 +342,10 @@ void DataTrans::HangUpPeer() {
 int DataTrans::Acquire(pthread_mutex_t* m, const char* op) {
     // A queue whose client wedged a condition is done with (logged by the waker).
     if (target_ && target_->Wedged()) return EFAULT;
+    if (ClientMappings::Faulted(mappingSlot_)) {
+        MIXER_LOG_D("Mixer_DataTrans:%s:reason=ObjectShrunk,name=%s:", op, name_.c_str());
+        return EFAULT;
+    }
     int rc;
     if (lockWaitMs_ == deadline::kForever) {
         rc = pthread_mutex_lock(m);
