@@ -57,12 +57,14 @@ void InputShmB::Pause() {
 void InputShmB::Resume() {
     if (state == STATE_HANGUP || state == STATE_FAULT) return;
     state = STATE_ACTIVE;
-    if (ShmbufReadStart(buffer, 0) < 0) Fail("buffer broken by the writer");
+    if (ShmbufReadStart(buffer, 0) < 0) Fail();
     underflowCount = 0;
 }
 
-void InputShmB::Fail(const char* why) {
-    MIXER_LOG_E("Mixer_InputShmB:Process:shmB:%s, input faulted:", why);
+void InputShmB::Fail() {
+    MIXER_LOG_E("Mixer_InputShmB:Process:shmB:%s, input faulted:", ClientMappings::Faulted(mappingSlot)
+                                                                       ? "object shrunk by the writer"
+                                                                       : "buffer broken by the writer");
     state = STATE_FAULT;
 }
 
@@ -71,7 +73,7 @@ boost::shared_ptr<AudioFrame> InputShmB::Process() {
         return boost::shared_ptr<AudioFrame>();
 
     if (ClientMappings::Faulted(mappingSlot)) {
-        Fail("object shrunk by the writer");
+        Fail();
         return boost::shared_ptr<AudioFrame>();
     }
     boost::shared_ptr<AudioFrame> frame(new AudioFrame(sampleSize, rate, numCh, 20));
@@ -88,7 +90,7 @@ boost::shared_ptr<AudioFrame> InputShmB::Process() {
     if (blocking) {
         const int32_t n = ShmbufReadWait(buffer, frame->data, countU, kBlockingWaitMs);
         if (n < 0) {
-            Fail("buffer broken by the writer");
+            Fail();
             return boost::shared_ptr<AudioFrame>();
         }
         if (n != count) {
@@ -101,7 +103,7 @@ boost::shared_ptr<AudioFrame> InputShmB::Process() {
 
     const int32_t n = ShmbufRead(buffer, frame->data, countU, 0);
     if (n < 0) {
-        Fail("buffer broken by the writer");
+        Fail();
         return boost::shared_ptr<AudioFrame>();
     }
     if (n == count) {

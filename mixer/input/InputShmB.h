@@ -43,7 +43,7 @@ public:
     int mappingSlot;         // the buffer's mapping in ClientMappings, -1 when unguarded
 
 private:
-    void Fail(const char* why);  // STATE_FAULT, with the one line that says why
+    void Fail();  // STATE_FAULT, with the one line that says why
 };
 
 }  // namespace mixer

@@ -47,9 +47,10 @@ boost::shared_ptr<AudioFrame> InputShmQ::Process() {
         return boost::shared_ptr<AudioFrame>();
 
     const int32_t avail = ShmQDataAvail(queue);
-    if (avail < 0 || ClientMappings::Faulted(mappingSlot)) {
+    const bool shrunk = ClientMappings::Faulted(mappingSlot);
+    if (avail < 0 || shrunk) {
         MIXER_LOG_E("Mixer_InputShmQ:Process:shmQ:%s, input faulted:",
-                    avail < 0 ? "queue broken by the writer" : "object shrunk by the writer");
+                    shrunk ? "object shrunk by the writer" : "queue broken by the writer");
         state = STATE_FAULT;
         return boost::shared_ptr<AudioFrame>();
     }

@@ -123,10 +123,11 @@ static inline int shm_ring_open(ShmRing* r, const char* name, uint32_t magic) {
         shm_ring_check(r, &fill) != 0) {
         err = EINVAL;
     } else {
-        /* A reader that died without closing does not keep the next one out. */
+        /* A reader that died without closing does not keep the next one out (nor
+           does a number that is no process id). */
         int32_t holder = __atomic_load_n(&s->readerPid, __ATOMIC_ACQUIRE);
         const int32_t self = (int32_t)getpid();
-        if ((holder != 0 && !(kill(holder, 0) < 0 && errno == ESRCH)) ||
+        if ((holder > 0 && !(kill(holder, 0) < 0 && errno == ESRCH)) ||
             !__atomic_compare_exchange_n(&s->readerPid, &holder, self, 0, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
             err = EBUSY;
     }
