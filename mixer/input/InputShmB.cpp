@@ -1,5 +1,7 @@
 #include "mixer/input/InputShmB.h"
 
+#include <sys/mman.h>
+
 #include <cstring>
 
 #include "mixer/core/Log.h"
@@ -65,6 +67,8 @@ void InputShmB::Fail() {
     MIXER_LOG_E("Mixer_InputShmB:Process:shmB:%s, input faulted:", ClientMappings::Faulted(mappingSlot)
                                                                        ? "object shrunk by the writer"
                                                                        : "buffer broken by the writer");
+    // Nobody can use the buffer any more, and its writer may not live to remove it.
+    shm_unlink((name[0] == '/' ? name : "/" + name).c_str());
     state = STATE_FAULT;
 }
 

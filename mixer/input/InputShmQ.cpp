@@ -1,5 +1,7 @@
 #include "mixer/input/InputShmQ.h"
 
+#include <sys/mman.h>
+
 #include "mixer/core/Log.h"
 #include "mixer/input/FrameSilence.h"
 #include "mixer/transport/ClientMappings.h"
@@ -51,6 +53,8 @@ boost::shared_ptr<AudioFrame> InputShmQ::Process() {
     if (avail < 0 || shrunk) {
         MIXER_LOG_E("Mixer_InputShmQ:Process:shmQ:%s, input faulted:",
                     shrunk ? "object shrunk by the writer" : "queue broken by the writer");
+        // Nobody can use the queue any more, and its writer may not live to remove it.
+        shm_unlink((name[0] == '/' ? name : "/" + name).c_str());
         state = STATE_FAULT;
         return boost::shared_ptr<AudioFrame>();
     }

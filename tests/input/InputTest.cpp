@@ -357,7 +357,7 @@ TEST(InputShmTest, BrokenOrShrunkSharedMemoryFaultsTheInput) {
         close(fd);
         LogCapture log;
         input->Process(), input->Process();
-        EXPECT_EQ(input->state, STATE_FAULT);
+        EXPECT_TRUE(input->state == STATE_FAULT && !name.Exists());  // nobody is left to remove it
         const Lines lines = Of(log, c.msgSize ? "Mixer_InputShmB" : "Mixer_InputShmQ");
         EXPECT_TRUE(lines.size() == 1 && lines[0].find("E ") == 0 &&
                     lines[0].find(c.at == kShrink ? "shrunk" : "broken") != std::string::npos) << log.Dump();
