@@ -23,6 +23,7 @@ InputShmB::InputShmB(const std::string& name_, unsigned int rate_, unsigned int 
     : Input(rate_, numCh_, sampleSize_, desc_), buffer(nullptr), underflowCount(0), msgSize(0), mappingSlot(-1) {
     name = name_;
     const ClientMappings::Ranges before = ClientMappings::Find(name);
+    ClientMappings::OpenGuard guard;  // until the mapping is registered below
     buffer = ShmbufOpen(name.c_str(), 0);
     if (buffer == nullptr) {
         MIXER_LOG_E("Mixer_InputShmB:Constructor:Failed to open %s:", name.c_str());

@@ -20,6 +20,7 @@ InputShmQ::InputShmQ(const std::string& name_, unsigned int rate_, unsigned int 
     : Input(rate_, numCh_, sampleSize_, desc_), queue(nullptr), underflowCount(0), mappingSlot(-1) {
     name = name_;
     const ClientMappings::Ranges before = ClientMappings::Find(name);
+    ClientMappings::OpenGuard guard;  // until the mapping is registered below
     queue = ShmQOpen(name.c_str());
     if (queue == nullptr) {
         // "Contructor" as spelt: log watchers match this exact line.

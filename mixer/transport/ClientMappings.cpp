@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -28,6 +29,14 @@ struct Slot {
 };
 
 Slot g_slots[ClientMappings::kSlots];
+
+struct Guard {
+    std::atomic<long> thread;  // 0: free
+    std::atomic<int> faulted;
+};
+Guard g_guards[ClientMappings::kGuards];
+
+long ThreadId() { return syscall(SYS_gettid); }  // a plain system call: safe in the handler
 std::atomic<bool> g_installed(false);
 struct sigaction g_previous;
 uintptr_t g_pageSize = 4096;  // set before the handler is
@@ -52,6 +61,16 @@ void OnSigbus(int sig, siginfo_t* info, void*) {
                      MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == MAP_FAILED)
                 break;
             s.faulted.store(1, std::memory_order_release);
+            return;
+        }
+        // An open in progress on this thread, whose mapping is not known yet.
+        const long self = ThreadId();
+        for (Guard& g : g_guards) {
+            if (g.thread.load(std::memory_order_acquire) != self) continue;
+            if (mmap(reinterpret_cast<void*>(addr & ~(g_pageSize - 1)), g_pageSize, PROT_READ | PROT_WRITE,
+                     MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0) == MAP_FAILED)
+                break;
+            g.faulted.store(1, std::memory_order_release);
             return;
         }
     }
@@ -109,6 +128,24 @@ void ClientMappings::Remove(int slot) {
 
 bool ClientMappings::Faulted(int slot) {
     return slot >= 0 && slot < kSlots && g_slots[slot].faulted.load(std::memory_order_acquire) != 0;
+}
+
+ClientMappings::OpenGuard::OpenGuard() : slot_(-1) {
+    const long self = ThreadId();
+    for (int i = 0; i < kGuards && slot_ < 0; ++i) {
+        long expected = 0;
+        if (!g_guards[i].thread.compare_exchange_strong(expected, self)) continue;
+        g_guards[i].faulted.store(0, std::memory_order_release);
+        slot_ = i;
+    }
+}
+
+ClientMappings::OpenGuard::~OpenGuard() {
+    if (slot_ >= 0) g_guards[slot_].thread.store(0, std::memory_order_release);
+}
+
+bool ClientMappings::OpenGuard::Faulted() const {
+    return slot_ >= 0 && g_guards[slot_].faulted.load(std::memory_order_acquire) != 0;
 }
 
 ClientMappings::Ranges ClientMappings::Find(const std::string& name) {

@@ -41,6 +41,23 @@ public:
     // True once a SIGBUS in the slot's mapping has been answered with zero pages.
     static bool Faulted(int slot);
 
+    // Covers, on the calling thread, a library's open of an object a client can shrink
+    // meanwhile, before its mapping is known (and registered with AddNew): a SIGBUS on
+    // this thread while the guard lives gets a private zero page at the fault and marks
+    // the guard. At most kGuards at once; beyond that a guard covers nothing.
+    class MIXER_API OpenGuard {
+    public:
+        OpenGuard();
+        ~OpenGuard();
+        OpenGuard(const OpenGuard&) = delete;
+        OpenGuard& operator=(const OpenGuard&) = delete;
+        bool Faulted() const;
+
+    private:
+        int slot_;
+    };
+    static const int kGuards = 8;
+
     // The mappings (start, size) of the POSIX shared-memory object name (with or
     // without its leading '/') in this process now.
     typedef std::vector<std::pair<uintptr_t, size_t> > Ranges;

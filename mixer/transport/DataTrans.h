@@ -194,8 +194,9 @@ private:
     void OwnerDied(pthread_mutex_t* m);
     // Broadcasts conds (CondWaker bits) here, or hands them to the waker.
     void Wake(unsigned conds);
-    // Keeps the geometry of a checked header (creation or opening) for every address.
-    void Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSize);
+    // Keeps the geometry of a checked header (creation or opening) for every address,
+    // and the mapping's ClientMappings slot.
+    void Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSize, int mappingSlot);
     bool BeginBlockWait(const char* op, const char* enterTag, unsigned timeoutMs, int& err, timespec& deadline);
     char* GetWriteBuffLocked(int& err, unsigned timeoutMs, const timespec& deadline);
     char* GetReadBuffLocked(int& err, unsigned& len, unsigned timeoutMs, const timespec& deadline,

@@ -168,7 +168,7 @@ int DataTrans::Init(const char* name, unsigned numBlk, unsigned blkSize) {
     q->cmd = CMD_NONE;
     q->stopped = 0;
 
-    Adopt(q, *q, memSize);
+    Adopt(q, *q, memSize, ClientMappings::Add(q, memSize));
     for (unsigned i = 0; i < numBlk; ++i) {
         // Cannot fail: the header was just written from valid sizes.
         BlockTail* tail = TailLocked(i);
@@ -237,26 +237,29 @@ int DataTrans::Init(const char* name) {
         MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=mmapFailed,name=%s,error=0:", name);
         return EFAULT;
     }
+    // Guarded before the first touch: the peer may shrink the object at any moment.
+    const int slot = ClientMappings::Add(base, copy.memSize);
     StreamQueue* q = static_cast<StreamQueue*>(base);
-    if (q->memSize != copy.memSize) {
+    if (q->memSize != copy.memSize || ClientMappings::Faulted(slot)) {
         MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=mmapSizeAllocatedFailed,name=%s,error=0:", name);
         munmap(base, copy.memSize);
+        ClientMappings::Remove(slot);
         return EFAULT;
     }
     // The checked copy, not the live header: the peer may have changed it since.
-    Adopt(q, copy, copy.memSize);
+    Adopt(q, copy, copy.memSize, slot);
     name_ = name;
     MIXER_LOG_D("Mixer_DataTrans:Init:DataTrans %s Opened:", name);
     return 0;
 }
 
-void DataTrans::Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSize) {
+void DataTrans::Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSize, int mappingSlot) {
     queue_ = q;
     mapSize_ = mapSize;
     numBlk_ = geometry.numBlk;
     blkSize_ = geometry.blkSize;
     userBlkSize_ = geometry.userBlkSize;
-    mappingSlot_ = ClientMappings::Add(q, mapSize);
+    mappingSlot_ = mappingSlot;
 }
 
 void DataTrans::SetLockWaitMs(unsigned ms) { lockWaitMs_ = ms; }

@@ -437,8 +437,8 @@ TEST(DeadlineTest, CarriesTheSecondExactlyPastItsEnd) {
 }
 
 // A peer that shrinks the object under this end: the vanished pages read as zeros, every
-// call fails with EFAULT and closing removes the name. A SIGBUS outside every registered
-// mapping still ends the process.
+// call fails with EFAULT and closing removes the name; an open in progress gets a zero
+// page. A SIGBUS outside every registered mapping and guard still ends the process.
 TEST(ClientMappingsTest, ShrunkQueueFaultsAndOtherBusErrorsStillKill) {
     if (!ShrinkSurvivable()) GTEST_SKIP() << "this emulator misreports the address of a bus error";
     ASSERT_TRUE(ClientMappings::Install());
@@ -456,10 +456,21 @@ TEST(ClientMappingsTest, ShrunkQueueFaultsAndOtherBusErrorsStillKill) {
     EXPECT_EQ(ReadErr(reader), EFAULT);
     reader.DeInit();
     EXPECT_FALSE(name.Exists());
+    const auto map = [&] {
+        void* p = shrink(other, 4096) ? mmap(nullptr, 4096, PROT_READ, MAP_SHARED, shm_open(other.c_str(), O_RDONLY, 0), 0)
+                                      : MAP_FAILED;
+        return p != MAP_FAILED && shrink(other, 0) ? static_cast<volatile char*>(p) : nullptr;
+    };
+    {  // an open in progress, whose mapping is not registered yet
+        volatile char* p = map();
+        ASSERT_NE(p, nullptr);
+        ClientMappings::OpenGuard guard;
+        EXPECT_TRUE(p[0] == 0 && guard.Faulted());
+        munmap(const_cast<char*>(p), 4096);
+    }
     ChildProcess child([&] {
-        char* p = shrink(other, 4096) ? static_cast<char*>(mmap(nullptr, 4096, PROT_READ, MAP_SHARED,
-                                                               shm_open(other.c_str(), O_RDONLY, 0), 0)) : nullptr;
-        CHILD_CHECK(p != MAP_FAILED && p != nullptr && shrink(other, 0));
+        volatile char* p = map();
+        CHILD_CHECK(p != nullptr);
         return *p == 0 ? 0 : 1;  // the access raises SIGBUS
     });
     EXPECT_EQ(child.Wait(), -1);
