@@ -48,6 +48,7 @@
 #include "mixer/notify/NexoSendStringEvent.h"
 #include "mixer/playback/Playback.h"
 #include "mixer/record/Record.h"
+#include "mixer/transport/ClientMappings.h"
 #include "nexo.h"
 
 namespace {
@@ -216,6 +217,9 @@ int Run(const DaemonOptions& opts) {
     // Before any thread: SIGTERM and SIGINT are then blocked everywhere and read here.
     ShutdownSignals signals;
     if (!signals.Ok()) return 1;
+    // A client that shrinks its shared memory under the daemon loses its stream, not
+    // the daemon: before any client mapping is touched.
+    if (!ClientMappings::Install()) return 1;
     EventQueue events;
     if (!events.Ok()) {
         MIXER_LOG_E("Mixerd:Run:eventfd: %s:", std::strerror(errno));

@@ -1,9 +1,12 @@
 #include "mixer/input/InputShmB.h"
 
+#include <sys/mman.h>
+
 #include <cstring>
 
 #include "mixer/core/Log.h"
 #include "mixer/input/FrameSilence.h"
+#include "mixer/transport/ClientMappings.h"
 #include "shmbuf.h"
 
 namespace mixer {
@@ -17,15 +20,18 @@ const uint32_t kBlockingWaitMs = 200;
 
 InputShmB::InputShmB(const std::string& name_, unsigned int rate_, unsigned int numCh_,
                      unsigned int sampleSize_, const std::string& desc_)
-    : Input(rate_, numCh_, sampleSize_, desc_), buffer(nullptr), underflowCount(0), msgSize(0) {
+    : Input(rate_, numCh_, sampleSize_, desc_), buffer(nullptr), underflowCount(0), msgSize(0), mappingSlot(-1) {
     name = name_;
+    const ClientMappings::Ranges before = ClientMappings::Find(name);
+    ClientMappings::OpenGuard guard;  // until the mapping is registered below
     buffer = ShmbufOpen(name.c_str(), 0);
     if (buffer == nullptr) {
         MIXER_LOG_E("Mixer_InputShmB:Constructor:Failed to open %s:", name.c_str());
         state = STATE_FAULT;
         return;
     }
-    ShmbufReadStart(buffer, 0);
+    mappingSlot = ClientMappings::AddNew(name, before);
+    ShmbufReadStart(buffer, 0);  // a broken buffer shows at the first Process
     msgSize = ShmbufGetMsgSize(buffer);
     MIXER_LOG_I("Mixer_InputShmB:Constructor:%s Opened:", name.c_str());
     if (msgSize <= 0) {
@@ -44,6 +50,7 @@ InputShmB::~InputShmB() {
         ShmbufClose(buffer);
         MIXER_LOG_I("Mixer_InputShmB:Destructor:%s Closed:", name.c_str());
     }
+    ClientMappings::Remove(mappingSlot);
 }
 
 void InputShmB::Pause() {
@@ -53,14 +60,27 @@ void InputShmB::Pause() {
 void InputShmB::Resume() {
     if (state == STATE_HANGUP || state == STATE_FAULT) return;
     state = STATE_ACTIVE;
-    ShmbufReadStart(buffer, 0);
+    if (ShmbufReadStart(buffer, 0) < 0) Fail();
     underflowCount = 0;
+}
+
+void InputShmB::Fail() {
+    MIXER_LOG_E("Mixer_InputShmB:Process:shmB:%s, input faulted:", ClientMappings::Faulted(mappingSlot)
+                                                                       ? "object shrunk by the writer"
+                                                                       : "buffer broken by the writer");
+    // Nobody can use the buffer any more, and its writer may not live to remove it.
+    shm_unlink((name[0] == '/' ? name : "/" + name).c_str());
+    state = STATE_FAULT;
 }
 
 boost::shared_ptr<AudioFrame> InputShmB::Process() {
     if (state == STATE_PAUSED || state == STATE_HANGUP || state == STATE_FAULT)
         return boost::shared_ptr<AudioFrame>();
 
+    if (ClientMappings::Faulted(mappingSlot)) {
+        Fail();
+        return boost::shared_ptr<AudioFrame>();
+    }
     boost::shared_ptr<AudioFrame> frame(new AudioFrame(sampleSize, rate, numCh, 20));
     const uint32_t countU = frame->size / static_cast<uint32_t>(msgSize);
     if (countU == 0) {
@@ -74,6 +94,10 @@ boost::shared_ptr<AudioFrame> InputShmB::Process() {
 
     if (blocking) {
         const int32_t n = ShmbufReadWait(buffer, frame->data, countU, kBlockingWaitMs);
+        if (n < 0) {
+            Fail();
+            return boost::shared_ptr<AudioFrame>();
+        }
         if (n != count) {
             state = STATE_HANGUP;
             MIXER_LOG_W("Mixer_InputShmB:Process:Read %d for %d!!:", n, count);
@@ -82,7 +106,11 @@ boost::shared_ptr<AudioFrame> InputShmB::Process() {
         return frame;
     }
 
-    int32_t n = ShmbufRead(buffer, frame->data, countU, 0);
+    const int32_t n = ShmbufRead(buffer, frame->data, countU, 0);
+    if (n < 0) {
+        Fail();
+        return boost::shared_ptr<AudioFrame>();
+    }
     if (n == count) {
         if (underflowCount != 0) {
             MIXER_LOG_I("Mixer_InputShmB:Process:EAGAIN:Stop %d ms", 20 * underflowCount);
@@ -97,8 +125,6 @@ boost::shared_ptr<AudioFrame> InputShmB::Process() {
         state = STATE_HANGUP;
         MIXER_LOG_I("Mixer_InputShmB:Process:Too many underflow frames in a row:");
     }
-    // An error result reads as nothing: it must not steer the padding below.
-    if (n < 0) n = 0;
     if (n == 0) return boost::shared_ptr<AudioFrame>();
 
     const int32_t read = msgSize * n;

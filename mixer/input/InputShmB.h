@@ -16,7 +16,8 @@ namespace mixer {
 // Reads a client's PCM from a platform shared buffer of fixed-size messages: one
 // 20 ms frame per Process. A blocking input waits up to 200 ms for a whole frame and
 // takes a short result for the writer's hang-up; a non-blocking one returns what has
-// arrived padded with zeros and counts the short reads.
+// arrived padded with zeros and counts the short reads. A buffer the writer broke (the
+// library's error) or shrank (ClientMappings) faults it.
 //
 // Threading: Process, Pause and Resume run on the owning engine's thread; no lock of
 // its own (the buffer is synchronised with the writing process by the platform
@@ -39,6 +40,10 @@ public:
     ShmbufHandle* buffer;    // owned; null when the open failed
     int32_t underflowCount;  // consecutive short non-blocking reads
     int32_t msgSize;         // bytes per message; 0 when the open failed
+    int mappingSlot;         // the buffer's mapping in ClientMappings, -1 when unguarded
+
+private:
+    void Fail();  // STATE_FAULT, with the one line that says why
 };
 
 }  // namespace mixer

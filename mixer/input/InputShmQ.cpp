@@ -1,7 +1,10 @@
 #include "mixer/input/InputShmQ.h"
 
+#include <sys/mman.h>
+
 #include "mixer/core/Log.h"
 #include "mixer/input/FrameSilence.h"
+#include "mixer/transport/ClientMappings.h"
 #include "shmq.h"
 
 namespace mixer {
@@ -14,8 +17,10 @@ const int32_t kMaxUnderflows = 1000;
 
 InputShmQ::InputShmQ(const std::string& name_, unsigned int rate_, unsigned int numCh_,
                      unsigned int sampleSize_, const std::string& desc_)
-    : Input(rate_, numCh_, sampleSize_, desc_), queue(nullptr), underflowCount(0) {
+    : Input(rate_, numCh_, sampleSize_, desc_), queue(nullptr), underflowCount(0), mappingSlot(-1) {
     name = name_;
+    const ClientMappings::Ranges before = ClientMappings::Find(name);
+    ClientMappings::OpenGuard guard;  // until the mapping is registered below
     queue = ShmQOpen(name.c_str());
     if (queue == nullptr) {
         // "Contructor" as spelt: log watchers match this exact line.
@@ -23,11 +28,13 @@ InputShmQ::InputShmQ(const std::string& name_, unsigned int rate_, unsigned int 
         state = STATE_FAULT;
         return;
     }
+    mappingSlot = ClientMappings::AddNew(name, before);
     state = STATE_ACTIVE;
 }
 
 InputShmQ::~InputShmQ() {
     if (queue != nullptr) ShmQClose(queue);
+    ClientMappings::Remove(mappingSlot);
 }
 
 void InputShmQ::Pause() {
@@ -42,10 +49,20 @@ boost::shared_ptr<AudioFrame> InputShmQ::Process() {
     if (state == STATE_PAUSED || state == STATE_HANGUP || state == STATE_FAULT)
         return boost::shared_ptr<AudioFrame>();
 
+    const int32_t avail = ShmQDataAvail(queue);
+    const bool shrunk = ClientMappings::Faulted(mappingSlot);
+    if (avail < 0 || shrunk) {
+        MIXER_LOG_E("Mixer_InputShmQ:Process:shmQ:%s, input faulted:",
+                    shrunk ? "object shrunk by the writer" : "queue broken by the writer");
+        // Nobody can use the queue any more, and its writer may not live to remove it.
+        shm_unlink((name[0] == '/' ? name : "/" + name).c_str());
+        state = STATE_FAULT;
+        return boost::shared_ptr<AudioFrame>();
+    }
     boost::shared_ptr<AudioFrame> frame(new AudioFrame(sampleSize, rate, numCh, 20));
     const int32_t need = static_cast<int32_t>(frame->size);
 
-    if (ShmQDataAvail(queue) < need) {
+    if (avail < need) {
         if (ShmQIsHungUp(queue) != 0) {
             state = STATE_HANGUP;
             MIXER_LOG_I("Mixer_InputShmQ:Process:shmQ:hangup");

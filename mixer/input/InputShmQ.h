@@ -15,7 +15,8 @@ namespace mixer {
 
 // Reads a client's PCM from a platform shared byte queue: one 20 ms frame per
 // Process when the queue holds a whole frame, nothing otherwise. Detects the writer's
-// hang-up (or a writer silent for 1001 calls in a row) and drops all-zero frames.
+// hang-up (or a writer silent for 1001 calls in a row) and drops all-zero frames. A
+// queue the writer broke (the library's error) or shrank (ClientMappings) faults it.
 //
 // Threading: Process, Pause and Resume run on the owning engine's thread; no lock of
 // its own (the queue is synchronised with the writing process by the platform
@@ -34,6 +35,7 @@ public:
 
     ShmQHandle* queue;       // owned; null when the open failed
     int32_t underflowCount;  // consecutive calls that found less than a frame
+    int mappingSlot;         // the queue's mapping in ClientMappings, -1 when unguarded
 };
 
 }  // namespace mixer

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "mixer/core/Log.h"
+#include "mixer/transport/ClientMappings.h"
 
 namespace mixer {
 
@@ -44,10 +45,14 @@ void CondWaker::Broadcast(StreamQueue* q, unsigned conds) {
     if (conds & kCmdExecuted) pthread_cond_broadcast(&q->cmdExecutedCond);
 }
 
-CondWaker::Target::Target(StreamQueue* queue, size_t mapSize, const std::string& name)
-    : queue_(queue), mapSize_(mapSize), name_(name), pending_(0), wedged_(false), detached_(false) {}
+CondWaker::Target::Target(StreamQueue* queue, size_t mapSize, const std::string& name, int mappingSlot)
+    : queue_(queue), mapSize_(mapSize), name_(name), mappingSlot_(mappingSlot), pending_(0), wedged_(false),
+      detached_(false) {}
 
-CondWaker::Target::~Target() { munmap(queue_, mapSize_); }
+CondWaker::Target::~Target() {
+    munmap(queue_, mapSize_);
+    ClientMappings::Remove(mappingSlot_);
+}
 
 CondWaker::CondWaker(unsigned boundMs, unsigned maxStuck)
     : state_(std::make_shared<State>(boundMs, maxStuck)), dispatcher_(Dispatch, state_) {}
@@ -69,8 +74,9 @@ CondWaker::~CondWaker() {
     }
 }
 
-boost::shared_ptr<CondWaker::Target> CondWaker::Attach(StreamQueue* queue, size_t mapSize, const std::string& name) {
-    boost::shared_ptr<Target> target(new Target(queue, mapSize, name));
+boost::shared_ptr<CondWaker::Target> CondWaker::Attach(StreamQueue* queue, size_t mapSize, const std::string& name,
+                                                       int mappingSlot) {
+    boost::shared_ptr<Target> target(new Target(queue, mapSize, name, mappingSlot));
     std::lock_guard<std::mutex> guard(state_->mutex);
     state_->targets.push_back(target);
     return target;

@@ -50,11 +50,12 @@ public:
     // How long the destructor waits for the dispatcher's last round.
     static const unsigned kStopWaitMs = 100;
 
-    // One queue's mapping while the waker serves it. Owns the mapping: unmapped when
-    // the last share goes (the queue's DataTrans, the dispatcher, a worker).
+    // One queue's mapping while the waker serves it. Owns the mapping and its
+    // ClientMappings slot: unmapped and forgotten when the last share goes (the queue's
+    // DataTrans, the dispatcher, a worker).
     class Target {
     public:
-        Target(StreamQueue* queue, size_t mapSize, const std::string& name);
+        Target(StreamQueue* queue, size_t mapSize, const std::string& name, int mappingSlot);
         ~Target();
         Target(const Target&) = delete;
         Target& operator=(const Target&) = delete;
@@ -66,6 +67,7 @@ public:
         StreamQueue* const queue_;
         const size_t mapSize_;
         const std::string name_;
+        const int mappingSlot_;
         std::atomic<unsigned> pending_;  // conditions marked and not yet broadcast
         std::atomic<bool> wedged_;
         bool detached_;                  // guarded by the waker's mutex
@@ -76,8 +78,9 @@ public:
     CondWaker(const CondWaker&) = delete;
     CondWaker& operator=(const CondWaker&) = delete;
 
-    // Takes over the mapping of queue (mapSize bytes, opened as name).
-    boost::shared_ptr<Target> Attach(StreamQueue* queue, size_t mapSize, const std::string& name);
+    // Takes over the mapping of queue (mapSize bytes, opened as name) and its
+    // ClientMappings slot (-1: none).
+    boost::shared_ptr<Target> Attach(StreamQueue* queue, size_t mapSize, const std::string& name, int mappingSlot);
     // Marks conditions (k... bits) of target for a broadcast. Nothing for a wedged one.
     void Post(const boost::shared_ptr<Target>& target, unsigned conds);
     // The queue's end has closed: its marks still go out, then the waker lets it go.

@@ -46,6 +46,9 @@ namespace mixer {
 // - The conditions live in the peer's memory too, and a broadcast sleeps for ever on
 //   one whose internal lock the peer has set. The mixer's end therefore gets a waker
 //   (SetWaker): see there.
+// - The mapping is registered with ClientMappings: a peer that shrinks the object makes
+//   the vanished pages read as zeros (where the process installed the handler), and
+//   every call that takes a lock then fails with EFAULT.
 class MIXER_API DataTrans {
 public:
     // The lock bound an engine thread (playback, record) sets on the queues of its
@@ -191,8 +194,9 @@ private:
     void OwnerDied(pthread_mutex_t* m);
     // Broadcasts conds (CondWaker bits) here, or hands them to the waker.
     void Wake(unsigned conds);
-    // Keeps the geometry of a checked header (creation or opening) for every address.
-    void Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSize);
+    // Keeps the geometry of a checked header (creation or opening) for every address,
+    // and the mapping's ClientMappings slot.
+    void Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSize, int mappingSlot);
     bool BeginBlockWait(const char* op, const char* enterTag, unsigned timeoutMs, int& err, timespec& deadline);
     char* GetWriteBuffLocked(int& err, unsigned timeoutMs, const timespec& deadline);
     char* GetReadBuffLocked(int& err, unsigned& len, unsigned timeoutMs, const timespec& deadline,
@@ -215,6 +219,10 @@ private:
     unsigned lockWaitMs_;  // 0xFFFFFFFF: no bound
     boost::shared_ptr<CondWaker> waker_;
     boost::shared_ptr<CondWaker::Target> target_;  // while open with a waker: owns the mapping
+    // This mapping's ClientMappings slot (-1: unguarded): once the peer has shrunk the
+    // object under it, every call that takes a lock fails with EFAULT.
+    // While a waker owns the mapping, the slot is the waker's too.
+    int mappingSlot_;
 };
 
 }  // namespace mixer

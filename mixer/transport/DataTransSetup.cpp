@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "mixer/core/Log.h"
+#include "mixer/transport/ClientMappings.h"
 #include "mixer/transport/Deadline.h"
 #include "mixer/transport/DataTransShared.h"
 
@@ -69,7 +70,8 @@ DataTrans::DataTrans()
       numBlk_(0),
       blkSize_(0),
       userBlkSize_(0),
-      lockWaitMs_(deadline::kForever) {}
+      lockWaitMs_(deadline::kForever),
+      mappingSlot_(-1) {}
 
 DataTrans::~DataTrans() { DeInit(); }
 
@@ -166,7 +168,7 @@ int DataTrans::Init(const char* name, unsigned numBlk, unsigned blkSize) {
     q->cmd = CMD_NONE;
     q->stopped = 0;
 
-    Adopt(q, *q, memSize);
+    Adopt(q, *q, memSize, ClientMappings::Add(q, memSize));
     for (unsigned i = 0; i < numBlk; ++i) {
         // Cannot fail: the header was just written from valid sizes.
         BlockTail* tail = TailLocked(i);
@@ -235,25 +237,29 @@ int DataTrans::Init(const char* name) {
         MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=mmapFailed,name=%s,error=0:", name);
         return EFAULT;
     }
+    // Guarded before the first touch: the peer may shrink the object at any moment.
+    const int slot = ClientMappings::Add(base, copy.memSize);
     StreamQueue* q = static_cast<StreamQueue*>(base);
-    if (q->memSize != copy.memSize) {
+    if (q->memSize != copy.memSize || ClientMappings::Faulted(slot)) {
         MIXER_LOG_E("Mixer_DataTrans:InitFailed:reason=mmapSizeAllocatedFailed,name=%s,error=0:", name);
         munmap(base, copy.memSize);
+        ClientMappings::Remove(slot);
         return EFAULT;
     }
     // The checked copy, not the live header: the peer may have changed it since.
-    Adopt(q, copy, copy.memSize);
+    Adopt(q, copy, copy.memSize, slot);
     name_ = name;
     MIXER_LOG_D("Mixer_DataTrans:Init:DataTrans %s Opened:", name);
     return 0;
 }
 
-void DataTrans::Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSize) {
+void DataTrans::Adopt(StreamQueue* q, const StreamQueue& geometry, size_t mapSize, int mappingSlot) {
     queue_ = q;
     mapSize_ = mapSize;
     numBlk_ = geometry.numBlk;
     blkSize_ = geometry.blkSize;
     userBlkSize_ = geometry.userBlkSize;
+    mappingSlot_ = mappingSlot;
 }
 
 void DataTrans::SetLockWaitMs(unsigned ms) { lockWaitMs_ = ms; }
@@ -261,7 +267,7 @@ void DataTrans::SetLockWaitMs(unsigned ms) { lockWaitMs_ = ms; }
 void DataTrans::SetWaker(const boost::shared_ptr<CondWaker>& waker) {
     if (queue_ == nullptr || target_ || !waker) return;
     waker_ = waker;
-    target_ = waker->Attach(queue_, mapSize_, name_);
+    target_ = waker->Attach(queue_, mapSize_, name_, mappingSlot_);
 }
 
 void DataTrans::Wake(unsigned conds) {
@@ -277,6 +283,11 @@ bool DataTrans::DeInit() {
         StoreRelaxed(q->hangUp, static_cast<uint8_t>(1));
         if (!name_.empty()) shm_unlink(name_.c_str());
         MIXER_LOG_W("Mixer_DataTrans:DeInit:wedged, DataTrans Hangup & unlinked:");
+    } else if (ClientMappings::Faulted(mappingSlot_)) {
+        // The peer shrank the object: what this end sees of the header is zeros, and
+        // nobody can use the queue any more.
+        if (!name_.empty()) shm_unlink(name_.c_str());
+        MIXER_LOG_W("Mixer_DataTrans:DeInit:object shrunk by the peer, DataTrans Closed & unlinked:");
     } else if (Acquire(&q->mutex, "DeInit") != 0) {
         // The peer holds the lock and does not let go (stopped, or dead without robust
         // locks): close without it. The locks are left alone, someone holds one.
@@ -306,7 +317,9 @@ bool DataTrans::DeInit() {
         waker_.reset();
     } else {
         munmap(q, mapSize_);
+        ClientMappings::Remove(mappingSlot_);
     }
+    mappingSlot_ = -1;
     queue_ = nullptr;
     mapSize_ = 0;
     numBlk_ = blkSize_ = userBlkSize_ = 0;
@@ -332,6 +345,10 @@ void DataTrans::HangUpPeer() {
 int DataTrans::Acquire(pthread_mutex_t* m, const char* op) {
     // A queue whose client wedged a condition is done with (logged by the waker).
     if (target_ && target_->Wedged()) return EFAULT;
+    if (ClientMappings::Faulted(mappingSlot_)) {
+        MIXER_LOG_D("Mixer_DataTrans:%s:reason=ObjectShrunk,name=%s:", op, name_.c_str());
+        return EFAULT;
+    }
     int rc;
     if (lockWaitMs_ == deadline::kForever) {
         rc = pthread_mutex_lock(m);

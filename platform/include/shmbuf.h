@@ -18,9 +18,14 @@
  *   waiting when the writer hangs up. The writer may wait for room (ShmbufWrite).
  * - Calls that fail return NULL or -1 and set errno (EINVAL for a null handle or bad
  *   argument, EBADF for a call on the wrong side's handle, EPIPE for a write after
- *   hang-up). A valid reader's handle with valid arguments never gets -1.
+ *   hang-up, EFAULT for a broken buffer).
  * - All calls are safe between the two processes; a handle itself is used by one
- *   thread at a time.
+ *   thread at a time. No call waits on anything the other process can hold or
+ *   stop: a stopped or dead peer costs a waiting call its time-out, no more.
+ * - Neither side trusts the other with the shared memory: its sizes are checked
+ *   against the object at opening and kept in the handle, and every call checks
+ *   what it reads there; a buffer the other side broke fails every call that
+ *   looks at it with -1 and EFAULT.
  */
 #ifndef SHMBUF_H
 #define SHMBUF_H

@@ -20,7 +20,12 @@
  *   argument, EBADF for a call on the wrong side's handle, EPIPE for a write after
  *   hang-up).
  * - All calls are safe between the two processes; a handle itself is used by one
- *   thread at a time.
+ *   thread at a time. No call waits on anything the other process can hold or
+ *   stop: a stopped or dead peer costs a waiting call its time-out, no more.
+ * - Neither side trusts the other with the shared memory: its sizes are checked
+ *   against the object at opening and kept in the handle, and every call checks
+ *   what it reads there; a queue the other side broke fails every call that
+ *   looks at it with -1 and EFAULT.
  */
 #ifndef SHMQ_H
 #define SHMQ_H

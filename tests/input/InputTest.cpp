@@ -1,6 +1,7 @@
 // The inputs that read a client's shared memory: the block queue (InputDataTrans), and
 // the platform's byte queue (InputShmQ) and message buffer (InputShmB) fed by a writer.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -8,12 +9,15 @@
 #include "mixer/input/InputDataTrans.h"
 #include "mixer/input/InputShmB.h"
 #include "mixer/input/InputShmQ.h"
+#include "mixer/transport/ClientMappings.h"
 #include "mixer/transport/DataTransWriter.h"
+#include "platform/common/shm_ring.h"
 #include "shmbuf.h"
 #include "shmq.h"
 #include "tests/support/LockingClient.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ShmName.h"
+#include "tests/support/ShrinkProbe.h"
 
 namespace mixer {
 namespace {
@@ -319,6 +323,44 @@ TEST(InputShmTest, BytesAndMessagesMakeFramesShortReadsArePaddedOrEnd) {
         }
         EXPECT_EQ(in.state, c.end);
         EXPECT_EQ(log.Lines(), c.log);
+    }
+}
+
+// A writer that breaks its buffer or queue after the input opened it (its message size
+// 4 -> 7,680 bytes, capacity 0, a 2 GiB position, a fill above the capacity) or shrinks
+// the object under it (at kShrink: to value bytes) costs its input alone: the input
+// faults with one line within two periods, copies nothing past its frame, and this
+// process lives on.
+TEST(InputShmTest, BrokenOrShrunkSharedMemoryFaultsTheInput) {
+    ASSERT_TRUE(ClientMappings::Install());
+    const size_t kShrink = ~size_t(0);
+    const struct { uint32_t msgSize; bool blocking; size_t at; uint32_t value; } cases[] = {
+        {4, false, offsetof(ShmRingShared, unit), 2 * kFrame}, {4, true, offsetof(ShmRingShared, unit), 2 * kFrame},
+        {0, false, offsetof(ShmRingShared, slots), 0}, {0, false, offsetof(ShmRingShared, readPos), 1u << 31},
+        {kFrame, true, offsetof(ShmRingShared, writePos), 6}, {0, false, kShrink, 4096}, {4, true, kShrink, 4096},
+        {kFrame, false, kShrink, 4096}};
+    for (const auto& c : cases) {
+        if (c.at == kShrink && !ShrinkSurvivable()) continue;
+        SCOPED_TRACE(std::to_string(c.msgSize) + " " + std::to_string(c.at));
+        ShmName name("bad");
+        Feeder feeder(name.str(), c.msgSize, c.msgSize ? 4 * kFrame / c.msgSize : 4 * kFrame);
+        std::unique_ptr<Input> input(c.msgSize ? static_cast<Input*>(new InputShmB(name.str(), 48000, 2, 2, "speech"))
+                                               : new InputShmQ(name.str(), 48000, 2, 2, "music"));
+        input->blocking = c.blocking;
+        const int frame = c.msgSize ? kFrame / c.msgSize : kFrame;
+        ASSERT_EQ(feeder.Write(2 * frame, 1), 2 * frame);
+        ASSERT_EQ(Bytes(input->Process()), Pattern(2 * kFrame, 1).substr(0, kFrame));
+        const int fd = shm_open(name.c_str(), O_RDWR, 0);
+        void* p = c.at == kShrink ? nullptr : mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        ASSERT_TRUE(c.at == kShrink ? ftruncate(fd, c.value) == 0 : p != MAP_FAILED);
+        if (p) memcpy(static_cast<char*>(p) + c.at, &c.value, sizeof(c.value)), munmap(p, 4096);
+        close(fd);
+        LogCapture log;
+        input->Process(), input->Process();
+        EXPECT_TRUE(input->state == STATE_FAULT && !name.Exists());  // nobody is left to remove it
+        const Lines lines = Of(log, c.msgSize ? "Mixer_InputShmB" : "Mixer_InputShmQ");
+        EXPECT_TRUE(lines.size() == 1 && lines[0].find("E ") == 0 &&
+                    lines[0].find(c.at == kShrink ? "shrunk" : "broken") != std::string::npos) << log.Dump();
     }
 }
 

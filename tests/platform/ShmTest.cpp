@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mman.h>
 
 #include <cerrno>
 #include <string>
 #include <vector>
 
+#include "platform/common/shm_ring.h"
 #include "shmbuf.h"
 #include "shmq.h"
 #include "tests/support/ChildProcess.h"
@@ -100,6 +102,43 @@ TEST(ShmQTest, MinimumMakesReadsAllOrNothingAndFullQueuesTakeWhatFits) {
     EXPECT_EQ(errno, EPIPE);
     ShmQClose(r);
     ShmQClose(w);
+}
+
+// A peer that rewrites the shared header after the reader opened (as a hostile writer
+// may): every call of either side that looks at it fails with EFAULT, no reader copies
+// beyond the room it was given, and a reader opening now is refused.
+TEST(ShmScribbleTest, EveryCallRefusesAHeaderThePeerBroke) {
+    const struct { size_t at; uint32_t value; } cases[] = {
+        {offsetof(ShmRingShared, magic), 0}, {offsetof(ShmRingShared, unit), 7680}, {offsetof(ShmRingShared, slots), 0},
+        {offsetof(ShmRingShared, readPos), 1u << 31}, {offsetof(ShmRingShared, writePos), 1u << 31},
+        {offsetof(ShmRingShared, writePos), 6}};  // with 1 read of 4 slots: a fill of 5
+    for (const auto& c : cases)
+        for (const bool queue : {true, false}) {
+            SCOPED_TRACE(std::to_string(c.at) + (queue ? " queue" : " buffer"));
+            ShmName name;
+            ShmQHandle* wq = queue ? ShmQCreate(name.c_str(), 4) : nullptr;
+            ShmbufHandle* wb = queue ? nullptr : ShmbufCreate(name.c_str(), 4, 4);
+            ShmQHandle* rq = queue ? ShmQOpen(name.c_str()) : nullptr;
+            ShmbufHandle* rb = queue ? nullptr : ShmbufOpen(name.c_str(), 0);
+            std::vector<char> room(16);  // one read's worth: a copy past it is a heap overflow
+            ASSERT_TRUE(queue ? ShmQWrite(wq, "abcd", 2, 0) == 2 && ShmQRead(rq, room.data(), 1, 1) == 1
+                              : ShmbufWrite(wb, "abcdefgh", 2, 0) == 2 && ShmbufRead(rb, room.data(), 1, 1) == 1);
+            const int fd = shm_open(name.c_str(), O_RDWR, 0);
+            void* p = mmap(nullptr, sizeof(ShmRingShared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+            ASSERT_NE(p, MAP_FAILED);
+            memcpy(static_cast<char*>(p) + c.at, &c.value, sizeof(c.value));
+            munmap(p, sizeof(ShmRingShared)), close(fd);
+            const std::vector<int> got = queue
+                ? std::vector<int>{ShmQDataAvail(rq), ShmQRead(rq, room.data(), 4, 0), ShmQSpaceAvail(wq), ShmQWrite(wq, "x", 1, 0)}
+                : std::vector<int>{ShmbufRead(rb, room.data(), 4, 0), ShmbufReadWait(rb, room.data(), 4, 1),
+                                   ShmbufReadStart(rb, 0), ShmbufWrite(wb, "wxyz", 1, 0)};
+            EXPECT_EQ(got, std::vector<int>(4, -1));
+            EXPECT_EQ(errno, EFAULT);
+            queue ? ShmQClose(rq) : ShmbufClose(rb);
+            EXPECT_TRUE(queue ? !ShmQOpen(name.c_str()) : !ShmbufOpen(name.c_str(), 0));
+            EXPECT_EQ(errno, EINVAL);
+            queue ? ShmQClose(wq) : ShmbufClose(wb);
+        }
 }
 
 }  // namespace

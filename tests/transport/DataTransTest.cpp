@@ -16,11 +16,13 @@
 #include <functional>
 #include <future>
 #include <thread>
+#include "mixer/transport/ClientMappings.h"
 #include "mixer/transport/DataTransWriter.h"
 #include "mixer/transport/Deadline.h"
 #include "tests/support/LockingClient.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ShmName.h"
+#include "tests/support/ShrinkProbe.h"
 
 namespace mixer {
 namespace {
@@ -432,6 +434,46 @@ TEST(DeadlineTest, CarriesTheSecondExactlyPastItsEnd) {
         const timespec t = deadline::AfterOneAndHalfSeconds(timespec{10, c.nsec});
         EXPECT_TRUE(t.tv_sec == c.wantSec && t.tv_nsec == c.wantNsec) << c.nsec;
     }
+}
+
+// A peer that shrinks the object under this end: the vanished pages read as zeros, every
+// call fails with EFAULT and closing removes the name; an open in progress gets a zero
+// page. A SIGBUS outside every registered mapping and guard still ends the process.
+TEST(ClientMappingsTest, ShrunkQueueFaultsAndOtherBusErrorsStillKill) {
+    if (!ShrinkSurvivable()) GTEST_SKIP() << "this emulator misreports the address of a bus error";
+    ASSERT_TRUE(ClientMappings::Install());
+    ShmName name, other;
+    DataTransWriter w;
+    DataTrans reader;
+    ASSERT_TRUE(w.Create(name.c_str(), 4, 8192, 48000, 2, 2) == 0 && reader.Init(name.c_str()) == 0);
+    ASSERT_TRUE(WriteBlock(*w.Queue(), 100) && WriteBlock(*w.Queue(), 100));
+    const auto shrink = [](const ShmName& n, off_t size) {
+        const int fd = shm_open(n.c_str(), O_RDWR | O_CREAT, 0600);
+        return fd >= 0 && ftruncate(fd, size) == 0 && close(fd) == 0;
+    };
+    ASSERT_TRUE(shrink(name, 4096));  // the header's page stays, the blocks go
+    EXPECT_EQ(ReadErr(reader), EFAULT);
+    EXPECT_EQ(ReadErr(reader), EFAULT);
+    reader.DeInit();
+    EXPECT_FALSE(name.Exists());
+    const auto map = [&] {
+        void* p = shrink(other, 4096) ? mmap(nullptr, 4096, PROT_READ, MAP_SHARED, shm_open(other.c_str(), O_RDONLY, 0), 0)
+                                      : MAP_FAILED;
+        return p != MAP_FAILED && shrink(other, 0) ? static_cast<volatile char*>(p) : nullptr;
+    };
+    {  // an open in progress, whose mapping is not registered yet
+        volatile char* p = map();
+        ASSERT_NE(p, nullptr);
+        ClientMappings::OpenGuard guard;
+        EXPECT_TRUE(p[0] == 0 && guard.Faulted());
+        munmap(const_cast<char*>(p), 4096);
+    }
+    ChildProcess child([&] {
+        volatile char* p = map();
+        CHILD_CHECK(p != nullptr);
+        return *p == 0 ? 0 : 1;  // the access raises SIGBUS
+    });
+    EXPECT_EQ(child.Wait(), -1);
 }
 
 }  // namespace
