@@ -19,6 +19,7 @@ struct AttackCase {
     // refused); empty: the attacker has no stream, and its own exit status tells.
     const char* outcome;
     bool strike;  // the attacker strikes once the daemon has taken its stream
+    bool victim;  // a client plays "victim" once the attacker lies in wait
 };
 void PrintTo(const AttackCase& c, std::ostream* os) { *os << c.mode << " " << c.arg; }
 
@@ -33,7 +34,7 @@ TEST_P(Attack, CostsTheAttackerAloneAndLeavesNothing) {
     ASSERT_EQ(d.Ctl("speaker 52"), 0) << d.said;
     auto inLog = [&](const std::string& what) { return Slurp(d.log).find(what) != std::string::npos; };
     const std::string ref = d.dir.File("ref.wav");
-    ASSERT_TRUE(WriteSine(ref, 48000, 2, 440, 8000, 60));
+    ASSERT_TRUE(WriteSine(ref, 48000, 2, 440, 8000, 60) && WriteSine(d.dir.File("short.wav"), 48000, 2, 300, 100, 1));
     const pid_t refPid = Spawn(MIXER_PLAY_PATH " --name reference --meta music --blocks 64 " + ref, d.dir.File("r"));
     ASSERT_TRUE(Eventually([&] { return inLog("MixerStreamAdded 'reference'"); })) << Slurp(d.log);
 
@@ -43,10 +44,23 @@ TEST_P(Attack, CostsTheAttackerAloneAndLeavesNothing) {
         kill(attacker, SIGUSR1);
     }
     EXPECT_TRUE(Eventually([&] { return Slurp(d.dir.File("a")).find("attacking") != std::string::npos; }, 10000));
+    if (c.victim) {
+        const pid_t v = Spawn(MIXER_PLAY_PATH " --name victim --meta music " + ref.substr(0, ref.rfind('/')) + "/short.wav",
+                              d.dir.File("v"));
+        WaitExit(v, 20000);
+        // Whoever wrote the description file first, the daemon played no other user's
+        // announcement of the victim's queue.
+        const std::string log = Slurp(d.log);
+        const size_t posted = log.find("AddNewStream:victim posted");
+        const size_t announced = log.rfind("AddNewStream:victim name", posted);
+        if (posted != std::string::npos) {
+            EXPECT_EQ(log.compare(announced, 60, "AddNewStream:victim name victim type dataTrans 48000 Hz 2 ch"), 0) << log;
+        }
+    }
     if (*c.outcome) {
         EXPECT_TRUE(Eventually([&] { return inLog(c.outcome); }, 10000)) << Slurp(d.log);
     }
-    // While the attacker is still at it (stopped in its lock, trickling), the daemon answers.
+    // While the attacker is still at it (stopped, trickling), the daemon answers.
     EXPECT_EQ(d.Ctl("status"), 0) << d.said;
     kill(attacker, SIGCONT);
     kill(attacker, SIGTERM);
@@ -76,16 +90,18 @@ TEST_P(Attack, CostsTheAttackerAloneAndLeavesNothing) {
 
 INSTANTIATE_TEST_SUITE_P(
     Clients, Attack,
-    testing::Values(AttackCase{"shmb-size", "", "", "MixerStreamRemoved 'attacker'", true},
-                    AttackCase{"shmq-capacity", "", "", "MixerStreamRemoved 'attacker'", true},
-                    AttackCase{"shmq-readpos", "", "", "MixerStreamRemoved 'attacker'", true},
-                    AttackCase{"shmq-stop", "", "", "MixerStreamRemoved 'attacker'", true},
-                    AttackCase{"shmb-stop", "", "", "MixerStreamRemoved 'attacker'", true},
-                    AttackCase{"cond-lock", "", "", "MixerStreamRemoved 'attacker'", true},
-                    AttackCase{"shrink", "", "", "MixerStreamRemoved 'attacker'", true},
-                    AttackCase{"huge", "3000000", "", "refused", false},
-                    AttackCase{"trickle", "", "", "", false},
-                    AttackCase{"volume-flood", "2000", "", "", false}),
+    testing::Values(AttackCase{"shmb-size", "", "", "MixerStreamRemoved 'attacker'", true, false},
+                    AttackCase{"shmq-capacity", "", "", "MixerStreamRemoved 'attacker'", true, false},
+                    AttackCase{"shmq-readpos", "", "", "MixerStreamRemoved 'attacker'", true, false},
+                    AttackCase{"shmq-stop", "", "", "", true, false},
+                    AttackCase{"shmb-stop", "", "", "", true, false},
+                    AttackCase{"cond-lock", "", "", "MixerStreamRemoved 'attacker'", true, false},
+                    AttackCase{"shrink", "", "", "MixerStreamRemoved 'attacker'", true, false},
+                    AttackCase{"huge", "60000", "", "queue too large", false, false},
+                    AttackCase{"trickle", "", "", "", false, false},
+                    AttackCase{"volume-flood", "2000", "", "refused: 64 types have a volume already", false, false},
+                    AttackCase{"outsider", "reference", "", "", false, false},
+                    AttackCase{"hijack", "victim", "", "", false, true}),
     [](const testing::TestParamInfo<AttackCase>& i) {
         std::string n = i.param.mode;
         n.erase(std::remove(n.begin(), n.end(), '-'), n.end());

@@ -7,7 +7,6 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -16,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -34,21 +34,15 @@ namespace {
 
 volatile sig_atomic_t struck = 0, ended = 0;
 
-// The stand-ins' shared headers as their sources lay them out: a hostile client reads
-// them there.
-struct ShmQHead {
-    uint32_t magic, capacity;
-    pthread_mutex_t lock;
-    pthread_cond_t space;
-    uint32_t readPos, used;
-};
-struct ShmbufHead {
-    uint32_t magic, msgSize, numMsgs;
-    pthread_mutex_t lock;
+// The stand-ins' shared header as their source lays it out (both are one ring of slots
+// of unit bytes: a byte each for the queue, a message each for the buffer): a hostile
+// client reads it there.
+struct RingHead {
+    uint32_t magic, unit, slots, readPos, writePos;
 };
 // glibc's condition variable keeps its internal lock in the low bits of the word at
-// this offset (__g1_orig_size); 2 is "taken, with waiters".
-constexpr size_t kCondLockWord = 32;
+// this offset (__g1_orig_size), and takes it only with waiters counted (__wrefs, in 8s).
+constexpr size_t kCondLockWord = 32, kCondWaitersWord = 36;
 
 // Tells the test that the attack is under way.
 void Attacking() {
@@ -135,19 +129,30 @@ int DataTransMode(const std::string& mode, const std::string& name, unsigned n) 
     char* mem = MapObject(qname, len, fd);
     if (!mem) return Fail("cannot map " + qname);
     std::vector<char> silence(stream.Queue().GetUserBlkSize(), 0);
+    bool quiet = false;  // after the strike: this end would wedge itself on the condition too
     auto feed = [&] {
         size_t wrote = 0;
-        if (stream.Queue().GetNumBlkFree() > 0) stream.Writer().Write(silence.data(), silence.size(), nullptr, 0, &wrote);
+        if (!quiet && stream.Queue().GetNumBlkFree() > 0) stream.Writer().Write(silence.data(), silence.size(), nullptr, 0, &wrote);
     };
     const int rc = Loop(feed, [&] {
+        quiet = true;
         if (mode == "cond-lock") {  // wedges the next broadcast on the writer's condition
-            uint32_t* word = reinterpret_cast<uint32_t*>(mem + offsetof(mixer::StreamQueue, condSpaceAvail) + kCondLockWord);
-            *word = (*word & ~3u) | 2u;
+            // With the queue full, the mixer's next release broadcasts on it.
+            for (int i = 0; i < 200 && stream.Queue().GetNumBlkFree() > 0; ++i) {
+                size_t wrote = 0;
+                stream.Writer().Write(silence.data(), silence.size(), nullptr, 0, &wrote);
+                usleep(10000);
+            }
+            char* cond = mem + offsetof(mixer::StreamQueue, condSpaceAvail);
+            *reinterpret_cast<uint32_t*>(cond + kCondLockWord) |= 1u;
+            *reinterpret_cast<uint32_t*>(cond + kCondWaitersWord) += 8u;
             return true;
         }
         if (mode == "shrink") return ftruncate(fd, 4096) == 0;  // the blocks' pages vanish
         return false;
     });
+    // Closing would broadcast on the wedged condition: leave as a killed client does.
+    if (mode == "cond-lock") std::_Exit(rc);
     munmap(mem, len);
     close(fd);
     return rc;
@@ -173,17 +178,12 @@ int ShmMode(const std::string& mode, const std::string& name) {
     };
     const int rc = Loop(feed, [&] {
         quiet = true;
-        ShmQHead* sq = reinterpret_cast<ShmQHead*>(mem);
-        ShmbufHead* sb = reinterpret_cast<ShmbufHead*>(mem);
-        if (mode == "shmq-capacity") sq->capacity = 0;
-        else if (mode == "shmq-readpos") sq->readPos = 0x80000000u;
-        else if (mode == "shmb-size") sb->msgSize = 7680;  // the daemon's frame holds 3840
+        RingHead* h = reinterpret_cast<RingHead*>(mem);
+        if (mode == "shmq-capacity") h->slots = 0;
+        else if (mode == "shmq-readpos") h->readPos = 0x80000000u;
+        else if (mode == "shmb-size") h->unit = 7680;  // the daemon's frame holds 3840
         else if (mode == "shmq-stop" || mode == "shmb-stop") {
-            // Stopped inside the lock until the test continues it.
-            pthread_mutex_t* lock = q ? &sq->lock : &sb->lock;
-            if (pthread_mutex_lock(lock) != 0) return false;
-            raise(SIGSTOP);
-            pthread_mutex_unlock(lock);
+            raise(SIGSTOP);  // in the middle of its stream, until the test continues it
         } else {
             return false;
         }
@@ -243,6 +243,28 @@ int OutsiderMode(const std::string& name, const std::string& socketPath) {
     return open.empty() ? 0 : Fail("open to an outsider:" + open);
 }
 
+// Another member of the group: once the queue of the stream NAME appears, announce it
+// first, with this process's id and another format.
+int HijackMode(const std::string& victim) {
+    const group* audio = getgrnam("audio");  // the daemon's clients' group
+    if (!audio || setgroups(0, nullptr) != 0 || setgid(audio->gr_gid) != 0 || setuid(65534) != 0)
+        return Fail("cannot become a member");
+    Attacking();
+    const std::string queue = "/dev/shm" + mixer::client::StreamQueueName(victim);
+    for (int i = 0; i < 2000 && !ended && access(queue.c_str(), F_OK) != 0; ++i) usleep(1000);
+    mixer::sStreamInfo info;
+    info.id = getpid();
+    info.type = mixer::client::kTypeDataTrans;
+    info.name = victim;
+    info.rate = 16000;
+    info.numCh = 1;
+    info.sampleSize = 2;
+    info.meta = "music";
+    std::printf("announced: %s\n", mixer::UtilWriteFile(info) == 0 ? "yes" : "no");
+    while (!ended) usleep(10000);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -252,12 +274,13 @@ int main(int argc, char** argv) {
     }
     signal(SIGUSR1, [](int) { struck = 1; });
     signal(SIGTERM, [](int) { ended = 1; });
-    const std::string mode = argv[1], name = argv[2], socketPath = "/run/mixerd.sock";
-    const unsigned n = argc > 3 ? unsigned(std::stoul(argv[3])) : 0;
+    const std::string mode = argv[1], name = argv[2], arg = argc > 3 ? argv[3] : "", socketPath = "/run/mixerd/mixerd.sock";
+    const unsigned n = unsigned(std::strtoul(arg.c_str(), nullptr, 10));
     if (mode == "cond-lock" || mode == "shrink" || mode == "huge") return DataTransMode(mode, name, n);
     if (mode.compare(0, 3, "shm") == 0) return ShmMode(mode, name);
     if (mode == "trickle" || mode == "volume-flood") return ControlMode(mode, socketPath, n);
-    if (mode == "outsider") return OutsiderMode(name, socketPath);
+    if (mode == "outsider") return OutsiderMode(arg, socketPath);
+    if (mode == "hijack") return HijackMode(arg);
     std::fprintf(stderr, "hostile-client: unknown mode %s\n", mode.c_str());
     return 2;
 }
