@@ -87,12 +87,17 @@ TEST_P(AlsaPlay, ArrivesWholeAtItsLevelAfterDrain) {
                 // unless this thread stalls for a period (which then widens the margin).
                 snd_pcm_sframes_t before = 0;
                 ASSERT_EQ(snd_pcm_delay(p.pcm, &before), 0);
-                for (int i = 0; i < 2000 && snd_pcm_delay(p.pcm, &dropped) == 0 && dropped >= before; ++i) usleep(500);
+                auto still = std::chrono::steady_clock::now();  // no block taken before this
+                for (int i = 0; i < 2000; ++i, usleep(500)) {
+                    const auto now = std::chrono::steady_clock::now();
+                    ASSERT_EQ(snd_pcm_delay(p.pcm, &dropped), 0);
+                    if (dropped < before) break;
+                    still = now;
+                }
                 ASSERT_LT(dropped, before);
-                const auto took = std::chrono::steady_clock::now();
                 ASSERT_EQ(snd_pcm_delay(p.pcm, &dropped), 0);  // what the drop takes back
                 ASSERT_EQ(snd_pcm_drop(p.pcm), 0);
-                periods += double(std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - took).count() / 20);
+                periods += double(std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - still).count() / 20);
                 played = at - snd_pcm_uframes_t(dropped);
                 break;
             }
