@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <speex/speex_resampler.h>
-
 #include <climits>
 #include <cmath>
 #include <cstring>
@@ -8,15 +7,12 @@
 #include <string>
 #include <type_traits>
 #include <vector>
-
 #include "mixer/algo/AlgoRampGain.h"
 #include "mixer/algo/AlgoResample.h"
 #include "mixer/algo/MixKernels.h"
 #include "tests/support/LogCapture.h"
-
 namespace mixer {
 namespace {
-
 typedef boost::shared_ptr<AudioFrame> FramePtr;
 typedef std::vector<std::string> Lines;
 const unsigned kNoRef = AlgoRampGain::kNoRef;
@@ -36,7 +32,6 @@ std::string State(const AlgoRampGain& g) {
     return std::to_string(g.gainIndex) + "/" + std::to_string(g.ramping) + "/" + std::to_string(g.stepsLeft) + "/" +
            std::to_string(g.delayLeft);
 }
-
 // The gain rule for one sample, written out independently of the library's kernels.
 int64_t Product(int64_t s, unsigned row) { return (s * AlgoRampGain::kGainTable[row] + 16384) >> 15; }
 int16_t Scaled16(int s, unsigned row) { return static_cast<int16_t>(std::max<int64_t>(-32768, std::min<int64_t>(32767, Product(s, row)))); }
@@ -47,7 +42,6 @@ int16_t Scaled16(int s, unsigned row) { return static_cast<int16_t>(std::max<int
             return ::testing::AssertionFailure() << "sample " << k << " is " << f->Samples16()[k] << " at row " << row;
     return ::testing::AssertionSuccess();
 }
-
 TEST(AlgoRampGainTest, TablesFollowTheirLaws) {
     EXPECT_EQ(AlgoRampGain::kGainTable[0], 0u);
     for (unsigned i = 1; i < AlgoRampGain::kGainTableSize; ++i)
@@ -57,7 +51,6 @@ TEST(AlgoRampGainTest, TablesFollowTheirLaws) {
         EXPECT_EQ(AlgoRampGain::kPercentTable[p],
                   p == 0 ? 0 : p <= 17 ? 38 + 2 * p : p <= 34 ? 39 + 2 * p : p == 35 ? 110 : 75 + p) << p;
 }
-
 // An immediate change, then one frame of each width through it: the row reached, every
 // sample against the rule (16 bits clamped, rails included; 32 bits keep the low 32 bits)
 // and the lines logged, each once.
@@ -75,8 +68,6 @@ TEST(AlgoRampGainTest, ImmediateChangesSetTheRowAndScaleTheWholeFrame) {
         {1, 100, 0, {"D Process:Gain 0 960:"}},  // 40 + 127 - 175 < 0: silence
         {0, 20, 0, {}},       // silence is not lifted by a low reference
         {30, 101, 99, {}}};   // a reference above 100 is no reference
-    // One frame of each width: every sample against the rule (16 bits clamped, rails
-    // included; 32 bits keep the low 32 bits) and the lines logged, each once.
     const int edges[] = {2000, 3000, -3000, 32767, -32768, 1, -1};
     std::vector<int> in(960);
     for (int k = 0; k < 960; ++k) in[k] = k < 7 ? edges[k] : static_cast<int16_t>(k * 2731);
@@ -97,7 +88,6 @@ TEST(AlgoRampGainTest, ImmediateChangesSetTheRowAndScaleTheWholeFrame) {
         }
     }
 }
-
 TEST(AlgoRampGainTest, RampsInStepsOfThirtyTwoSamplesAtTheLastFramesRate) {
     test::LogCapture log;
     AlgoRampGain g, h;
@@ -122,7 +112,6 @@ TEST(AlgoRampGainTest, RampsInStepsOfThirtyTwoSamplesAtTheLastFramesRate) {
     g.SetRampMs(52, 50, 20, 60);  // at 24000 Hz now: 1200 samples, 37 + 1 steps, after 480
     EXPECT_EQ(log.Count(L("I SetRamp:gain 52 ref 60 Ramp 0 -> 119 dB steps 38 start 480 dB 3.131579:")), 1);
 }
-
 // The library itself never delays a ramp; clients may.
 TEST(AlgoRampGainTest, DelayCarriesOverFramesThenStepsFromTheCurrentRow) {
     AlgoRampGain g;
@@ -144,8 +133,7 @@ TEST(AlgoRampGainTest, DelayCarriesOverFramesThenStepsFromTheCurrentRow) {
     g.Process(Frame16(1000));
     EXPECT_EQ(State(g), "1/0/0/0");  // the float sum lands just under 2 and stays there
 }
-
-TEST(AlgoSumTest, AddFramesByWidthIntoTheLastSampleAndJoinsTraces) {
+TEST(AlgoSumTest, AddFramesByWidthIntoTheLastSampleJoinsTracesAndRefusesOtherShapes) {
     // Samples 0, 1, 2 and the last of a stereo 20 ms frame at 48000 Hz.
     struct Case { unsigned dstSize, srcSize; int64_t d[4], s[4], want[4]; };
     const Case cases[] = {
@@ -171,16 +159,12 @@ TEST(AlgoSumTest, AddFramesByWidthIntoTheLastSampleAndJoinsTraces) {
                 << c.dstSize << " + " << c.srcSize << " at " << at[i];
         EXPECT_STREQ(d->bufId, "A B C");
     }
-}
-
-TEST(AlgoSumTest, AddFramesRefusesOtherLengthsOrChannelCounts) {
-    test::LogCapture log;
+    test::LogCapture log;  // other lengths or channel counts are refused
     EXPECT_EQ(Algo::AddFrames(Frame(2, 2, 48000), Frame(2, 2, 16000)), -1);
     EXPECT_EQ(Algo::AddFrames(Frame(2, 2, 96000), Frame(2, 1, 96000)), -1);
     EXPECT_EQ(log.Lines(), Lines({"W Mixer_Algo:AddFrames:Frame len mismatch 960 != 320:",
                                   "W Mixer_Algo:AddFrames:numCh mismatch 2 != 1:"}));
 }
-
 // Random samples that often sit at or next to the rails, so that sums overflow and the
 // sticky rule is exercised in every lane position.
 template <typename T>
@@ -192,7 +176,6 @@ std::vector<T> Noise(std::mt19937& rng, size_t n) {
     for (T& x : v) x = rng() % 4 == 0 ? specials[rng() % 7] : static_cast<T>(any(rng));
     return v;
 }
-
 // One kernel's fast path and scalar reference on the same n random samples, with a
 // second operand of random samples (the sums) or the gain given (the gains).
 template <typename D, typename S, void (*Fast)(D*, S, size_t), void (*Ref)(D*, S, size_t)>
@@ -208,7 +191,6 @@ bool Same(std::mt19937& rng, size_t n, uint32_t gain) {
     }
     return a == b;
 }
-
 // Every row of the gain table and more: for the 16-bit form, which picks its way by the
 // gain's bits, the gains either side of each switch and random ones below 1 << 22 (where
 // it is exact); the 32-bit form takes any gain.
@@ -220,7 +202,6 @@ std::vector<uint32_t> Gains(bool wide) {
     for (int k = 0; !wide && k < 200; ++k) g.push_back(rng() % (1u << 22));
     return g;
 }
-
 TEST(MixKernelsTest, FastPathsEqualTheScalarReferences) {
     using namespace kernels;
     // One round of every length per gain; the sums take no gain: 20 random rounds.
@@ -238,7 +219,6 @@ TEST(MixKernelsTest, FastPathsEqualTheScalarReferences) {
             for (size_t n : {0, 1, 7, 8, 9, 15, 16, 17, 31, 67, 1923})
                 ASSERT_TRUE(c.same(rng, n, gain)) << c.name << " n=" << n << " gain=" << gain;
 }
-
 TEST(AlgoResampleTest, ChannelsKeepTheirLevelsInNewFramesOfTheOutputRateAfterTheLatency) {
     test::LogCapture log;
     AlgoResample down(2, 48000, 16000), up(2, 16000, 48000);
@@ -269,6 +249,5 @@ TEST(AlgoResampleTest, ChannelsKeepTheirLevelsInNewFramesOfTheOutputRateAfterThe
     EXPECT_EQ(down.GetLatencyUs(), want);
     EXPECT_EQ(log.Lines().back(), "I Mixer_AlgoResample:GetLatencyUs:" + std::to_string(want) + ":");
 }
-
 }  // namespace
 }  // namespace mixer

@@ -1,18 +1,14 @@
 #include <gtest/gtest.h>
-
 #include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
-
 #include "mixer/core/AudioFrame.h"
 #include "mixer/core/MsgQ.h"
 #include "mixer/core/MsgSetSpeakerVol.h"
 #include "tests/support/LogCapture.h"
-
 namespace mixer {
 namespace {
-
 typedef std::vector<std::string> Lines;
 
 // Sample size, rate, channels and ms asked for and kept, then samples per channel and
@@ -47,14 +43,11 @@ TEST(AudioFrameTest, SizesFollowTheFormatOutOfRangeValuesAreReplacedAndCopiesOwn
         EXPECT_STREQ(copy.bufId, "blk1 blk2");
     }
 }
-
 TEST(UtilConcatBufIdTest, JoinsIdsWithinTheArray) {
     const std::string x100(100, 'x'), x140(140, 'x'), x148(148, 'x'), x149(149, 'x');
     struct Case { std::string dst, src, joined; };
     const Case cases[] = {
-        {"", "A", "A"},
-        {"A", "B", "A B"},
-        {"A B", "", "A B"},  // nothing to add: null, unchanged
+        {"", "A", "A"}, {"A", "B", "A B"}, {"A B", "", "A B"},  // nothing to add: null, unchanged
         {x140, std::string(20, 'y'), x140 + " " + std::string(7, 'y')},  // cut off at 148 characters
         {x100, std::string(48, 'y'), x100 + " " + std::string(48, 'y')},
         {x100, std::string(49, 'y'), x100 + " " + std::string(47, 'y')},
@@ -78,7 +71,6 @@ int VolOf(const boost::shared_ptr<MsgHead>& m) {  // -1 for an empty message
     boost::shared_ptr<MsgSetSpeakerVol> v = boost::dynamic_pointer_cast<MsgSetSpeakerVol>(m);
     return v ? static_cast<int>(v->volume) : -1;
 }
-
 TEST(MsgQTest, ManyPostersFromOtherThreadsLoseNothingAndKeepTheirOrderAndAnEmptyPostIsRefused) {
     test::LogCapture log;
     MsgQ q;
@@ -101,6 +93,5 @@ TEST(MsgQTest, ManyPostersFromOtherThreadsLoseNothingAndKeepTheirOrderAndAnEmpty
     EXPECT_FALSE(q.getMsg(false));
     EXPECT_EQ(log.Lines(), Lines{"I MsgQ:sendMsg:NULL:"});
 }
-
 }  // namespace
 }  // namespace mixer

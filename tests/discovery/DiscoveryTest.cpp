@@ -1,27 +1,22 @@
 // Description files and the watcher. The binary replaces read() and the device-metric
 // call: read() turns armed calls on the watcher's inotify descriptor into EINTR.
 #include "mixer/discovery/Discovery.h"
-
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
-
 #include <algorithm>
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-
 #include <gtest/gtest.h>
-
 #include "mixer/discovery/StreamFiles.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeConnect.h"
 #include "tests/support/LogCapture.h"
-
 namespace {
 std::mutex g_lock;
 std::condition_variable g_changed;
@@ -50,7 +45,6 @@ extern "C" int record_device_metric(const char* program, const char* source, con
 
 namespace mixer {
 namespace {
-
 using Lines = std::vector<std::string>;
 const std::string kDir = "/var/run/mixer";
 const char kThreadExit[] = "I Mixer_Discovery:Discovery Thread:exiting!!:";
@@ -83,7 +77,6 @@ std::string Fields(const sStreamInfo& i) {
     return i.name + "|" + i.type + "|" + std::to_string(i.id) + "|" + std::to_string(i.rate) + "|" +
            std::to_string(i.numCh) + "|" + std::to_string(i.sampleSize) + "|" + i.meta;
 }
-
 class DiscoveryTest : public ::testing::Test {
 protected:
     // The stream directory is a fixed path: touch it only in the private /run of ctest's wrapper.
@@ -97,7 +90,6 @@ protected:
     test::FakeConnect host;
     test::LogCapture log;
 };
-
 TEST_F(DiscoveryTest, CheckDirMakesTheDirectoryOrSaysWhyNot) {
     const struct { bool plainFile, readOnly; Lines log; } cases[] = {
         {false, true, {kMissing, "E Mixer_Utils:UtilCheckDir:failed to create mixer directory:"}},
@@ -120,7 +112,6 @@ TEST_F(DiscoveryTest, CheckDirMakesTheDirectoryOrSaysWhyNot) {
         EXPECT_EQ(!c.readOnly, stat(kDir.c_str(), &st) == 0 && st.st_mode == (S_IFDIR | 0755));
     }
 }
-
 TEST_F(DiscoveryTest, FilesAreWrittenAndReadByTheLineRules) {
     sStreamInfo in = Info("/music1");  // a leading slash is not doubled
     in.meta.clear();                   // an empty meta still ends in a line feed
@@ -151,7 +142,6 @@ TEST_F(DiscoveryTest, FilesAreWrittenAndReadByTheLineRules) {
     EXPECT_EQ(-1, UtilWriteFile(Info("no/such/dir")));
     EXPECT_EQ(Lines{"D Mixer_Utils:ReadFile:f:"}, log.Lines());  // a failed write says nothing
 }
-
 TEST_F(DiscoveryTest, ReadFileRefusesWhatIsNotARegularFileInTheDirectory) {
     // Clients share the directory: nothing there may lead the reader elsewhere or stall it.
     const std::string secret = "outside\nshmQ\n1\n48000\n2\n2\nsecret\n";
@@ -176,7 +166,6 @@ TEST_F(DiscoveryTest, ReadFileRefusesWhatIsNotARegularFileInTheDirectory) {
     EXPECT_EQ(secret, ReadAll("/run/outside"));
     EXPECT_TRUE(log.Has("D Mixer_Utils:file being removed /var/run/mixer/link::")) << log.Dump();
 }
-
 TEST_F(DiscoveryTest, InitLogsEachStepOrWhyItFailedAndDeInitLeavesNothingBehind) {
     const Lines fdsBefore = Entries("/proc/self/fd");
     Discovery discovery;
@@ -209,7 +198,6 @@ TEST_F(DiscoveryTest, InitLogsEachStepOrWhyItFailedAndDeInitLeavesNothingBehind)
     EXPECT_EQ(0, discovery.Init(&host));
     EXPECT_EQ("E Mixer_Utils:UtilCheckDir:failed to create mixer directory:", log.Lines().back());
 }
-
 TEST_F(DiscoveryTest, FilesAreOfferedOnceInOrderRefusedOnesRemovedAndPingOnlyAnswered) {
     ASSERT_EQ(0, UtilWriteFile(Info("early")));
     ASSERT_EQ(0, mkdir((kDir + "/subdir").c_str(), 0755));
@@ -235,7 +223,6 @@ TEST_F(DiscoveryTest, FilesAreOfferedOnceInOrderRefusedOnesRemovedAndPingOnlyAns
     EXPECT_EQ(301, log.CountPrefix("D Mixer_Utils:ReadFile:"));    // ... and was not parsed
     EXPECT_TRUE(log.Has("D Mixer_Discovery:AddStream:Ping:")) << log.Dump();
 }
-
 TEST_F(DiscoveryTest, WatcherEndsWhenTheDirectoryGoesOrANameOverfillsItsBuffer) {
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
@@ -256,7 +243,6 @@ TEST_F(DiscoveryTest, WatcherEndsWhenTheDirectoryGoesOrANameOverfillsItsBuffer) 
     ASSERT_TRUE(log.WaitFor(kThreadExit));
     EXPECT_EQ(Lines{std::string(140, 'f')}, Offered());
 }
-
 TEST_F(DiscoveryTest, AfterTheEventQueueOverflowedTheDirectoryIsRescannedForWhatWasNotOffered) {
     int limit = 0;
     if (!(std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit) || limit > 65536) GTEST_SKIP() << limit;
@@ -285,7 +271,6 @@ TEST_F(DiscoveryTest, AfterTheEventQueueOverflowedTheDirectoryIsRescannedForWhat
     EXPECT_EQ(0, std::count(offered.begin(), offered.end(), "old"));
     EXPECT_EQ(limit, std::count(offered.begin(), offered.end(), "a") + std::count(offered.begin(), offered.end(), "b"));
 }
-
 TEST_F(DiscoveryTest, EveryTenthInterruptedReadInARowIsCountedAndLogged) {
     g_fd = dup(0);  // the lowest free descriptor: Init's inotify instance gets it (no watcher yet, no lock)
     close(g_fd);
@@ -308,6 +293,5 @@ TEST_F(DiscoveryTest, EveryTenthInterruptedReadInARowIsCountedAndLogged) {
     EXPECT_EQ(2, log.Count("E Mixer_Discovery:Read Retry count:10:")) << log.Dump();
     EXPECT_EQ(1, log.Count("E Mixer_Discovery:Read Retry count:20:")) << log.Dump();
 }
-
 }  // namespace
 }  // namespace mixer

@@ -1,23 +1,15 @@
 // The tools as a user meets them, against a real mixerd (WAV output, tone microphone): every
 // failure said at once with the exit status documented, every sound at its level, nothing left.
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include "tests/support/Mixerd.h"
-
 using namespace mixer::test;
 
 namespace {
-
 const std::string kPlay = MIXER_PLAY_PATH " --quiet ", kRec = MIXER_REC_PATH " --quiet ", kCtl = MIXERCTL_PATH " ";
 
-struct Case {
-    std::string cmd;  // $D: the test's directory
-    int status;
-    std::string says;  // part of what it prints
-};
+struct Case { std::string cmd; int status; std::string says; };  // $D in cmd: the test's directory; says: part of what it prints
 
 void RunAll(Mixerd& d, const std::vector<Case>& cases) {
     for (const Case& c : cases) {
@@ -27,16 +19,13 @@ void RunAll(Mixerd& d, const std::vector<Case>& cases) {
         EXPECT_NE(d.said.find(c.says), std::string::npos) << cmd << "\n" << d.said;
     }
 }
-
 // The peak amplitude of the tone at freq in the output, in 20-ms windows.
 double Peak(const Mixerd& d, double freq) {
     SF_INFO info{};
     const std::vector<double> a = Tone(ReadWav(d.out, info), freq);
     return a.empty() ? 0 : *std::max_element(a.begin(), a.end());
 }
-
 }  // namespace
-
 TEST(ToolsTest, WithoutTheDaemonEveryToolSaysWhyAtOnce) {
     Mixerd d(false);
     ASSERT_TRUE(WriteSine(d.dir.File("a.wav"), 48000, 1, 440, 8000, 0.2));
@@ -56,7 +45,6 @@ TEST(ToolsTest, WithoutTheDaemonEveryToolSaysWhyAtOnce) {
     });
     EXPECT_FALSE(Exists(d.dir.File("r.wav")));
 }
-
 TEST(ToolsTest, TheDaemonsAnswersReachTheToolsAndSoundPlaysAsItIs) {
     Mixerd d;
     ASSERT_TRUE(d.ready) << "run through CTest: " << Slurp(d.log);
@@ -95,7 +83,6 @@ TEST(ToolsTest, TheDaemonsAnswersReachTheToolsAndSoundPlaysAsItIs) {
     if (f) sf_close(f);
     // Float and double at their level; the speaker at 100 is +24 dB (16 times).
     for (double freq : {440.0, 1000.0, 2000.0}) EXPECT_NEAR(Peak(d, freq), cut, cut * 0.12) << freq << " Hz";
-
     // A recording under way shows in the daemon's view by name; a second one of the name fails
     // without touching its file.
     const pid_t rec = Spawn(kRec + "--name micRaw " + d.dir.File("r1.wav"), d.dir.File("rec"));

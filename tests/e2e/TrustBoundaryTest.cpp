@@ -1,6 +1,5 @@
 // The trust boundary of a real daemon: who reaches the stream directory, a client's queue
 // and the control socket, and who the daemon is once it has left root.
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
@@ -9,16 +8,12 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-
 #include <gtest/gtest.h>
-
 #include "client/ClientStream.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Mixerd.h"
-
 namespace mixer {
 namespace {
-
 using test::Mixerd;
 const uid_t kNobody = 65534;
 const gid_t kNogroup = 65534;
@@ -48,7 +43,6 @@ std::string StatusLine(pid_t pid, const std::string& key) {
     const size_t at = all.find("\n" + key + ":\t");
     return at == std::string::npos ? "" : all.substr(at + key.size() + 3, all.find('\n', at + 1) - at - key.size() - 3);
 }
-
 // A client outside the group reaches none of it, not even to read the queue's locks; a
 // member reaches all. The daemon runs as root here, as it does when started by hand.
 TEST(TrustBoundaryTest, OnlyTheClientsGroupReachesTheStreamDirectoryTheQueuesAndTheSocket) {
@@ -59,15 +53,10 @@ TEST(TrustBoundaryTest, OnlyTheClientsGroupReachesTheStreamDirectoryTheQueuesAnd
     p.name = "inside";
     std::string error;
     ASSERT_EQ(stream.Open(client::ClientStream::kPlayback, p, error), 0) << error;
-    const struct {
-        uid_t uid;
-        gid_t gid;
-        int reached;
-    } cases[] = {{kNobody, kNogroup, 0}, {kNobody, Audio(), 1 | 2 | 4 | 8}};
+    const struct { uid_t uid; gid_t gid; int reached; } cases[] = {{kNobody, kNogroup, 0}, {kNobody, Audio(), 1 | 2 | 4 | 8}};
     for (const auto& c : cases)
         EXPECT_EQ(Reach(c.uid, c.gid, "/mixer-inside", d.sock), c.reached) << c.gid;
 }
-
 // Given a user, the daemon leaves root before it serves: every id is that user's, its only
 // group the clients', one capability is left, and it still takes and ends a client's stream.
 TEST(TrustBoundaryTest, GivenAUserTheDaemonLeavesRootAndServesAsIt) {
@@ -96,12 +85,9 @@ TEST(TrustBoundaryTest, GivenAUserTheDaemonLeavesRootAndServesAsIt) {
     EXPECT_TRUE(test::Eventually([] { return !test::Exists("/dev/shm/mixer-served"); })) << test::Slurp(d.log);
     EXPECT_EQ(d.Stop(), 0);
 }
-
 // A user or group that does not exist stops the daemon before it does anything.
 TEST(TrustBoundaryTest, AnUnknownUserOrGroupStopsTheDaemonWithTheReason) {
-    const struct {
-        std::string option, why;
-    } cases[] = {{"--user no-such-user", "no user 'no-such-user' (see --user)"},
+    const struct { std::string option, why; } cases[] = {{"--user no-such-user", "no user 'no-such-user' (see --user)"},
                  {"--group no-such-group", "no group 'no-such-group' (see --group)"}};
     for (const auto& c : cases) {
         Mixerd d(true, c.option);
@@ -111,6 +97,5 @@ TEST(TrustBoundaryTest, AnUnknownUserOrGroupStopsTheDaemonWithTheReason) {
         EXPECT_FALSE(test::Exists(test::kStreamDir));
     }
 }
-
 }  // namespace
 }  // namespace mixer

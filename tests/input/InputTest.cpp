@@ -18,10 +18,8 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/ShmName.h"
 #include "tests/support/ShrinkProbe.h"
-
 namespace mixer {
 namespace {
-
 using namespace test;
 typedef std::vector<std::string> Lines;
 typedef boost::shared_ptr<AudioFrame> Frame;
@@ -40,7 +38,6 @@ Lines Of(const LogCapture& log, const std::string& tag) {
     for (const std::string& l : log.Lines()) if (l.find(" " + tag + ":") == 1) own.push_back(l);
     return own;
 }
-
 // A client's queue written in this process, read by the input through a mapping of its own.
 struct Client {
     Client(unsigned numBlk, unsigned blkSize) {
@@ -54,14 +51,10 @@ struct Client {
     boost::shared_ptr<DataTrans> queue{new DataTrans()};
     std::unique_ptr<InputDataTrans> input;
 };
-
 // Blocks of any size come out as 20-ms frames of their bytes, the last padded with
 // silence, with the ids of the blocks each drew from; counted off, every block given back.
 TEST(InputDataTransTest, FramesAreCutFromBlocksOfAnySize) {
-    const struct {
-        unsigned numBlk, blkSize;
-        Lines ids;
-    } cases[] = {{1, kFrame, {"b0"}}, {8, 1000, {"b0 b1 b2 b3", "b3 b4 b5 b6 b7", "b7"}}, {1, 6000, {"b0", "b0"}}};
+    const struct { unsigned numBlk, blkSize; Lines ids; } cases[] = {{1, kFrame, {"b0"}}, {8, 1000, {"b0 b1 b2 b3", "b3 b4 b5 b6 b7", "b7"}}, {1, 6000, {"b0", "b0"}}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.blkSize);
         Client q(c.numBlk, c.blkSize);
@@ -83,7 +76,6 @@ TEST(InputDataTransTest, FramesAreCutFromBlocksOfAnySize) {
         EXPECT_EQ(Of(log, "Mixer_InputDataTrans"), Lines{"D Mixer_InputDataTrans:Process:EAGAIN:Start"});
     }
 }
-
 // A format out of range is replaced by one the engine can mix; the limits themselves hold.
 TEST(InputTest, OutOfRangeFormatIsReplaced) {
     const struct { unsigned rate, numCh, wantRate, wantCh; } cases[] = {
@@ -93,7 +85,6 @@ TEST(InputTest, OutOfRangeFormatIsReplaced) {
         EXPECT_TRUE(in.rate == c.wantRate && in.numCh == c.wantCh) << c.rate << " " << c.numCh;
     }
 }
-
 // A pausing input plays its delay out in 20-ms frames and pauses in the frame that ends it.
 TEST(InputDataTransTest, PauseDelayEndsInTheFrameThatUsesItUp) {
     for (auto c : {std::make_pair(250u, 13u), {240, 12}, {21, 2}, {20, 1}}) {
@@ -111,16 +102,12 @@ TEST(InputDataTransTest, PauseDelayEndsInTheFrameThatUsesItUp) {
         EXPECT_EQ(q.queue->GetNumBlkReady(), 16 - frames);
     }
 }
-
 TEST(InputDataTransTest, StateOperationsFollowTheTable) {
     Client q(2, kFrame);
     InputDataTrans& in = *q.input;
     const tInOutState A = STATE_ACTIVE, D = STATE_DRAINING, P = STATE_PAUSING, Pd = STATE_PAUSED, H = STATE_HANGUP,
                       F = STATE_FAULT, S = STATE_STOPPED;
-    const struct {
-        void (*apply)(InputDataTrans&);
-        tInOutState to[7];  // indexed by the starting state
-    } rows[] = {
+    const struct { void (*apply)(InputDataTrans&); tInOutState to[7]; } rows[] = {  // to: by the starting state
         {[](InputDataTrans& i) { i.PauseDelay(40); }, {P, P, P, Pd, H, F, S}},
         {[](InputDataTrans& i) { i.PauseDelay(0); }, {Pd, Pd, Pd, Pd, H, F, S}},
         {[](InputDataTrans& i) { i.Pause(); }, {Pd, Pd, Pd, Pd, H, F, S}},
@@ -148,7 +135,6 @@ TEST(InputDataTransTest, StateOperationsFollowTheTable) {
     q.writer.Close();
     EXPECT_TRUE(!in.Process() && in.state == STATE_HANGUP);
 }
-
 // A flush in the middle of a block gives that block back and empties the queue.
 TEST(InputDataTransTest, FlushDropsTheHeldBlockAndTheQueue) {
     Client q(3, 6000);
@@ -159,7 +145,6 @@ TEST(InputDataTransTest, FlushDropsTheHeldBlockAndTheQueue) {
     EXPECT_TRUE(q.queue->GetNumBlkFree() == 3 && q.queue->GetNumBlkReady() == 0 && q.queue->AddCount(0) == 0);
     EXPECT_FALSE(q.input->Process());
 }
-
 // A client process's commands are carried out and acknowledged; a stopped input still
 // plays, and delivers the last frames after the client left.
 TEST(InputDataTransProcessTest, ClientCommandsAndDeparture) {
@@ -204,7 +189,6 @@ TEST(InputDataTransProcessTest, ClientCommandsAndDeparture) {
     input.dataTrans.reset();
     EXPECT_FALSE(name.Exists());
 }
-
 // A client process holds the lock as the input gives back a block. (The playback suite
 // has a client killed or stopped inside its lock.)
 TEST(InputDataTransLockTest, ReleaseThatMetABusyLockIsRetriedAndTheBlockIsNotLost) {
@@ -232,7 +216,6 @@ TEST(InputDataTransLockTest, ReleaseThatMetABusyLockIsRetriedAndTheBlockIsNotLos
     ASSERT_TRUE(client.Unlock());
     EXPECT_EQ(client.Finish(), 0);
 }
-
 // The writing side of a platform byte queue (msgSize 0) or message buffer.
 struct Feeder {
     Feeder(const std::string& name, uint32_t msgSize_, uint32_t capacity) : msgSize(msgSize_) {
@@ -250,7 +233,6 @@ struct Feeder {
     ShmQHandle* q = nullptr;
     ShmbufHandle* b = nullptr;
 };
-
 // Each case: a queue (msgSize 0) or a buffer of messages of msgSize, steps on it, the
 // input's state at the end and its log. Steps: 'w' the writer writes n bytes or messages
 // of a seed, 'h' it hangs up, 'p' and 'r' pause and resume the input, 'P' n periods that
@@ -325,7 +307,6 @@ TEST(InputShmTest, BytesAndMessagesMakeFramesShortReadsArePaddedOrEnd) {
         EXPECT_EQ(log.Lines(), c.log);
     }
 }
-
 // A writer that breaks its buffer or queue after the input opened it (its message size
 // 4 -> 7,680 bytes, capacity 0, a 2 GiB position, a fill above the capacity) or shrinks
 // the object under it (at kShrink: to value bytes) costs its input alone: the input
@@ -363,6 +344,5 @@ TEST(InputShmTest, BrokenOrShrunkSharedMemoryFaultsTheInput) {
                     lines[0].find(c.at == kShrink ? "shrunk" : "broken") != std::string::npos) << log.Dump();
     }
 }
-
 }  // namespace
 }  // namespace mixer

@@ -1,19 +1,15 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mman.h>
-
 #include <cerrno>
 #include <string>
 #include <vector>
-
 #include "platform/common/shm_ring.h"
 #include "shmbuf.h"
 #include "shmq.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ShmName.h"
-
 namespace {
-
 using mixer::test::ChildProcess;
 using mixer::test::ShmName;
 
@@ -77,7 +73,6 @@ TEST_P(ShmStreamTest, UnitsCrossProcessesInOrderNoneLostNoneRepeatedThenHangUp) 
     EXPECT_FALSE(name.Exists());  // the writer's close removed the name
     c.queue ? ShmQClose(q) : ShmbufClose(b);
 }
-
 INSTANTIATE_TEST_SUITE_P(Stand, ShmStreamTest, ::testing::ValuesIn(kChannels),
                          [](const ::testing::TestParamInfo<Channel>& p) { return std::string(p.param.name); });
 
@@ -100,10 +95,8 @@ TEST(ShmQTest, MinimumMakesReadsAllOrNothingAndFullQueuesTakeWhatFits) {
     EXPECT_EQ(ShmQHangUp(w), 0);
     EXPECT_EQ(ShmQWrite(w, "x", 1, 0), -1);
     EXPECT_EQ(errno, EPIPE);
-    ShmQClose(r);
-    ShmQClose(w);
+    ShmQClose(r), ShmQClose(w);
 }
-
 // A peer that rewrites the shared header after the reader opened (as a hostile writer
 // may): every call of either side that looks at it fails with EFAULT, no reader copies
 // beyond the room it was given, and a reader opening now is refused.
@@ -140,5 +133,4 @@ TEST(ShmScribbleTest, EveryCallRefusesAHeaderThePeerBroke) {
             queue ? ShmQClose(wq) : ShmbufClose(wb);
         }
 }
-
 }  // namespace

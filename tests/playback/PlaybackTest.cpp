@@ -1,5 +1,4 @@
 // The playback engine: its handlers on a thread-less engine, its mixing thread, and clients that fail in their lock.
-
 #include <stdlib.h>
 #include <unistd.h>
 #include <cmath>
@@ -14,7 +13,6 @@
 #include "tests/support/LockingClient.h"
 #include "tests/support/ShmName.h"
 #include "tests/support/Fake.h"
-
 namespace mixer::test {
 namespace {
 typedef std::pair<unsigned, long> RampTo;  // steps left (0: not ramping), target row
@@ -32,7 +30,6 @@ int Mixed(int a, int b) {
     };
     return Algo::sumSat16(gain(a, RelRow(36, 40)), gain(b, RelRow(30, 40)));
 }
-
 // The engine's clock keeps its seconds' product in 32 bits and jumps back about every 4295 s; a period straddling
 // the jump is not slept on. So consecutive times are at least min apart unless the jump lies between them.
 void ExpectGapsAtLeast(const std::vector<FakeOutput::Clock::time_point>& t, std::chrono::microseconds min) {
@@ -41,7 +38,6 @@ void ExpectGapsAtLeast(const std::vector<FakeOutput::Clock::time_point>& t, std:
     };
     for (size_t i = 1; i < t.size(); ++i) EXPECT_TRUE(us(t[i]) < us(t[i - 1]) || t[i] - t[i - 1] >= min) << i;
 }
-
 class PlaybackTest : public EngineFixture<Playback> {
 protected:
     PlaybackTest() { pb.connect = &connect; }  // for the handlers, called on this thread without Init
@@ -69,7 +65,6 @@ protected:
     }
     Playback& pb = engine;
 };
-
 TEST_F(PlaybackTest, StreamVolumesRampOnChangesAndClientCommandsFade) {
     InputPtr m1 = Add("music"), m2;
     EXPECT_EQ(pb.streamVolumes, (Volumes{{"music", 40}}));
@@ -92,8 +87,7 @@ TEST_F(PlaybackTest, StreamVolumesRampOnChangesAndClientCommandsFade) {
     InputPtr a = Add("alert");  // the last row stored its volume only
     EXPECT_EQ(Ramp(a), RampTo(0, RelRow(35, 45)));
     // A speaker volume goes to the output and resets every type to it (unity).
-    connect.SetDefaultOutput(out);
-    pb.SetupDefaultOutput();
+    connect.SetDefaultOutput(out), pb.SetupDefaultOutput();
     pb.handleMsg(boost::make_shared<MsgSetSpeakerVol>(60));
     EXPECT_EQ(out->Volumes(), std::vector<int>({45, 60}));
     EXPECT_EQ(Ramp(a), RampTo(Steps(250), 127));
@@ -121,7 +115,6 @@ TEST_F(PlaybackTest, StreamVolumesRampOnChangesAndClientCommandsFade) {
     Add("t1"), pb.inputs.clear(), Add("t2");
     EXPECT_EQ(pb.streamVolumes, (Volumes{{"music", 30}, {"t2", 60}}));
 }
-
 TEST_F(PlaybackTest, ReportShowsTheOutputAndTheInputsInFocusOrderReplacingTheFile) {
     EXPECT_EQ(Playback().Init(nullptr), -1);
     pb.handleMsg(boost::make_shared<MsgHead>(MSG_NEW_OUTPUT));  // a code without its class is dropped
@@ -129,8 +122,7 @@ TEST_F(PlaybackTest, ReportShowsTheOutputAndTheInputsInFocusOrderReplacingTheFil
     EXPECT_EQ(log.Lines(), Lines({"E Mixer_Playback:handleMsg:Unsupported type 1:",
                                   "W Mixer_Playback:WriteInfo:Could not open /nonexistent-dir/status:"}));
     connect.SetSumParams(44100, 1, SAMPLE_SIZE_32);
-    connect.SetDefaultOutput(out);
-    pb.SetupDefaultOutput();
+    connect.SetDefaultOutput(out), pb.SetupDefaultOutput();
     // A new output whose algorithms the host refuses is not taken.
     OutputPtr usb = boost::make_shared<FakeOutput>("Usb", STATE_PAUSED);
     for (int refused : {1, 0}) {
@@ -157,7 +149,6 @@ TEST_F(PlaybackTest, ReportShowsTheOutputAndTheInputsInFocusOrderReplacingTheFil
                             "0\tnav\tPaused\tclient-2\n1\tnav\tActive\tclient-4\n2\tmusic\tActive\tclient-1\n"
                             "3\talert\tHangup\tclient-3\n" + rule + "\n");
 }
-
 // Each row: the output's name, whether the inputs (a, b, ...) have ramp gains at 36 and 30 % of 40, the levels of
 // each input's frames, and the levels written. A period that erases an input skips its follower; one that erases
 // the last input pulls a second frame from the front. Outputs other than "ALSA" are paced, 40 ms apart.
@@ -169,8 +160,7 @@ TEST_P(PlaybackMixTest, WritesEachPeriodsSum) {
     out = boost::make_shared<FakeOutput>(c.output);
     connect.SetDefaultOutput(out);
     connect.SetAttachInputRampGain(c.gains);
-    Post(new MsgSetStreamVol("a", 36, 40));  // stored before the inputs arrive: at once
-    Post(new MsgSetStreamVol("b", 30, 40));
+    Post(new MsgSetStreamVol("a", 36, 40)), Post(new MsgSetStreamVol("b", 30, 40));  // stored before the inputs: at once
     for (size_t i = 0; i < c.inputs.size(); ++i)
         Post(new MsgNewInput(Scripted(std::string(1, char('a' + i)), c.inputs[i])));
     ASSERT_EQ(pb.Init(&connect), 0);
@@ -183,7 +173,6 @@ TEST_P(PlaybackMixTest, WritesEachPeriodsSum) {
     ExpectGapsAtLeast(posts, std::chrono::microseconds(39999));
     for (size_t i = 0; i < posts.size(); ++i) EXPECT_GE(posts[i], writes[i]);  // after its own write
 }
-
 INSTANTIATE_TEST_SUITE_P(Periods, PlaybackMixTest, ::testing::Values(
     MixCase{"ALSA", false, {{1, 2, 4, 8}, {kHangUp}}, {1 + 2, 4, 8}},
     MixCase{"ALSA", false, {{1, 2, 4}, {kHangUp}, {100, 200}}, {1, 2 + 100, 4 + 200}},
@@ -222,7 +211,6 @@ TEST_F(PlaybackTest, WithoutInputsOrAfter20SecondsOfSilenceTheOutputPausesAndThe
     quick.DeInit();
     EXPECT_EQ(log.Count("W Mixer_Playback:runLoop:Exiting!!!:"), 2);
 }
-
 // Without an output device (the host has none) a sounding stream is still mixed once per 20 ms, not in a busy loop.
 TEST_F(PlaybackTest, WithoutAnOutputTheLoopKeepsItsPeriods) {
     boost::shared_ptr<SineInput> tone = boost::make_shared<SineInput>(48000, 2, 440.0, 8000.0, "music");
@@ -234,7 +222,6 @@ TEST_F(PlaybackTest, WithoutAnOutputTheLoopKeepsItsPeriods) {
     const auto t = tone->ProcessTimes();  // each pacing point lies between its period's Process and the next one's
     ExpectGapsAtLeast({t.front(), t[11]}, std::chrono::microseconds(10 * 19999));
 }
-
 // A client process that dies or stops inside its queue's lock, fed with silence until then, beside a tone: the
 // tone plays on in every period and the client's stream is erased.
 class PlaybackClientTest : public PlaybackTest, public ::testing::WithParamInterface<bool> {};
@@ -242,17 +229,15 @@ class PlaybackClientTest : public PlaybackTest, public ::testing::WithParamInter
 TEST_P(PlaybackClientTest, ClientKilledOrStoppedInsideItsLockIsErasedWhileTheOthersPlayOn) {
     ShmName name;
     LockingClient client(name.str(), {true, 4, 4 * 960, true, {}});  // created, fed; forked before the engine thread
-    ASSERT_TRUE(client.Ready());
     boost::shared_ptr<DataTrans> queue = boost::make_shared<DataTrans>();
-    ASSERT_EQ(queue->Init(name.c_str()), 0);
+    ASSERT_TRUE(client.Ready() && queue->Init(name.c_str()) == 0);
     boost::shared_ptr<InputDataTrans> bad = boost::make_shared<InputDataTrans>(queue, 48000, 2, 2, "client");
     boost::shared_ptr<SineInput> tone = boost::make_shared<SineInput>(48000, 2, 440.0, 8000.0, "music");
     out = boost::make_shared<FakeOutput>("Speaker");
     connect.SetDefaultOutput(out);
     // The client's stream first: the stream after an erased one is skipped for that period, so with the tone
     // second its frames stay in sequence, none missing or twice.
-    Post(new MsgNewInput(bad));
-    Post(new MsgNewInput(tone));
+    Post(new MsgNewInput(bad)), Post(new MsgNewInput(tone));
     ASSERT_EQ(pb.Init(&connect), 0);
     ASSERT_TRUE(out->WaitForFrames(5, kWait));
     ASSERT_TRUE(client.Lock());
@@ -267,7 +252,6 @@ TEST_P(PlaybackClientTest, ClientKilledOrStoppedInsideItsLockIsErasedWhileTheOth
         for (unsigned i = 0; i < 2 * 960; ++i)
             ASSERT_EQ(frames[f]->Samples16()[i], tone->SampleAt(f * 960 + i / 2)) << "frame " << f << " sample " << i;
 }
-
 INSTANTIATE_TEST_SUITE_P(Client, PlaybackClientTest, ::testing::Values(true, false),
                          [](const ::testing::TestParamInfo<bool>& i) { return i.param ? "Killed" : "Stopped"; });
 

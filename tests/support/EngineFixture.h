@@ -9,7 +9,6 @@
 #include "tests/support/Fake.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ThreadWakeups.h"
-
 namespace mixer::test {
 const std::chrono::milliseconds kWait(20000);  // only a failing test waits this long
 const int kHangUp = INT_MIN;                   // a level that hangs a scripted input up
@@ -25,14 +24,12 @@ inline InputPtr Scripted(const std::string& type, const std::vector<int>& levels
     for (int v : levels) v == kHangUp ? in->PushHangup() : in->Push(in->MakeFrame(v));
     return in;
 }
-
 // The first sample of each frame written to o.
 inline std::vector<int> Levels(const OutputPtr& o) {
     std::vector<int> levels;
     for (const boost::shared_ptr<AudioFrame>& f : o->Frames()) levels.push_back(f->Samples16()[0]);
     return levels;
 }
-
 // Waits until thread tid has been switched out more than before times: a woken thread is
 // counted only once it leaves the CPU again, which may be well after it was seen awake.
 inline bool WaitForSwitchesAbove(pid_t tid, long before) {
@@ -42,7 +39,6 @@ inline bool WaitForSwitchesAbove(pid_t tid, long before) {
     }
     return true;
 }
-
 template <class Engine>
 class EngineFixture : public ::testing::Test {
 protected:

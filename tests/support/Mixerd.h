@@ -2,13 +2,11 @@
 
 // mixerd and its tools as programs (tests/e2e, tests/soak), and the WAV file the daemon
 // played into. The including target defines MIXERD_PATH and MIXERCTL_PATH.
-
 #include <fcntl.h>
 #include <signal.h>
 #include <sndfile.h>
 #include <spawn.h>
 #include <sys/wait.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -19,9 +17,7 @@
 #include <string>
 #include <thread>
 #include <vector>
-
 #include "tests/host/TempDir.h"
-
 namespace mixer {
 namespace test {
 
@@ -64,14 +60,12 @@ inline std::set<std::string> DirNames(const std::string& path, const std::string
         if (e.path().filename().string().compare(0, prefix.size(), prefix) == 0) names.insert(e.path().filename());
     return names;
 }
-
 // mixerd with the WAV output and the tone microphone (only in the CTest wrapper's private
 // /run and /dev/shm); ready: it said so on --ready-fd.
 struct Mixerd {
     TempDir dir;
     const std::string out = dir.File("out.wav"), log = dir.File("mixerd.log"), sock = "/run/mixerd/mixerd.sock";
-    pid_t pid = -1;
-    bool ready = false;
+    pid_t pid = -1; bool ready = false;
     std::string said;  // what the last mixerctl printed
     // options: more of the daemon's options, which win over the ones given here.
     explicit Mixerd(bool start = true, const std::string& options = "") {
@@ -95,7 +89,6 @@ struct Mixerd {
         return said = Slurp(dir.File("ctl")), status;
     }
 };
-
 // A sine with 10-ms fades at both ends (so the source itself has no step), in a WAV file
 // of the sample format given (amplitude in 16-bit steps whatever the format).
 inline bool WriteSine(const std::string& path, int rate, int channels, double freq, double amplitude, double seconds,
@@ -132,6 +125,5 @@ inline std::vector<double> Tone(const std::vector<int16_t>& s, double freq, size
     }
     return a;
 }
-
 }  // namespace test
 }  // namespace mixer

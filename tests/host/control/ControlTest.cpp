@@ -20,10 +20,8 @@
 #include "mixer/core/Output.h"
 #include "tests/host/TempDir.h"
 #include "tests/support/LogCapture.h"
-
 namespace mixer {
 namespace {
-
 using client::ControlProtocol;
 using client::ControlReply;
 using Strings = std::vector<std::string>;
@@ -71,12 +69,10 @@ struct FakeSink : host::EngineSink {
     boost::shared_ptr<Output> listener;
     std::function<void()> onPost;  // runs on the server's thread before anything is recorded
 };
-
 // A socket without the client helper, to misbehave: connected, or bound and left as a
 // crashed daemon leaves its socket file.
 int RawSocket(const std::string& path, bool bindOnly = false) {
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
+    sockaddr_un addr = {AF_UNIX, {}};
     std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     auto* a = reinterpret_cast<sockaddr*>(&addr);
@@ -88,7 +84,6 @@ std::string Ask(const std::string& path, const std::string& line) {
     std::string error;
     return client::ControlClient::Request(path, line, r, error) ? (r.ok ? "OK " : "ERR ") + r.text : error;
 }
-
 // Sends data, then reads until the server closes (recv fails on a reset connection).
 std::string Exchange(int fd, const std::string& data, bool endInput = false) {
     EXPECT_EQ(data.empty() ? 0 : send(fd, data.data(), data.size(), MSG_NOSIGNAL), static_cast<ssize_t>(data.size()));
@@ -99,15 +94,13 @@ std::string Exchange(int fd, const std::string& data, bool endInput = false) {
     close(fd);
     return got;
 }
-
 TEST(ControlServerTest, RequestsBecomeEngineMessagesRepliesSayWhatWentWrongAndMisbehavingClientsHarmNothing) {
     test::TempDir dir;
     const std::string path = dir.File("ctl.sock");
     close(RawSocket(path, true));
     FakeSink sink;
     host::ControlDispatcher::Settings settings;
-    settings.statusFile = dir.File("status.txt");
-    settings.statusTimeoutMs = settings.latencyTimeoutMs = 300;
+    settings.statusFile = dir.File("status.txt"), settings.statusTimeoutMs = settings.latencyTimeoutMs = 300;
     settings.mixRate = 32000, settings.mixNumCh = 3;
     host::ControlDispatcher d(sink, sink.probe, settings);
     test::LogCapture log;
@@ -169,15 +162,12 @@ TEST(ControlServerTest, RequestsBecomeEngineMessagesRepliesSayWhatWentWrongAndMi
     EXPECT_NE(access(path.c_str(), F_OK), 0);
     EXPECT_EQ(Do("status").find("cannot reach the daemon at " + path), 0u);
 }
-
 TEST(ControlServerTest, SlowOrGoneClientsHoldUpNobodyTheirRequestsAreDroppedAndWhatTheyCanMakeItKeepIsBounded) {
     test::TempDir dir;
     const std::string path = dir.File("ctl.sock");
     FakeSink sink;
     host::ControlDispatcher::Settings settings;
-    settings.statusFile = dir.File("status.txt");
-    settings.statusTimeoutMs = 1000;
-    settings.maxVolumeTypes = 2;
+    settings.statusFile = dir.File("status.txt"), settings.statusTimeoutMs = 1000, settings.maxVolumeTypes = 2;
     host::ControlDispatcher d(sink, sink.probe, settings);
     host::ControlServer::Limits limits;
     limits.deadlineMs = 1000, limits.maxConnections = 3;
@@ -224,6 +214,5 @@ TEST(ControlServerTest, SlowOrGoneClientsHoldUpNobodyTheirRequestsAreDroppedAndW
         EXPECT_EQ(log.Count(line), 1) << log.Dump();
     EXPECT_EQ(log.CountPrefix("W Mixerd_ControlServer:Serve:no request line within 1000 ms ("), 1);
 }
-
 }  // namespace
 }  // namespace mixer
