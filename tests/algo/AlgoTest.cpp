@@ -24,6 +24,7 @@ FramePtr Frame(unsigned sampleSize, unsigned numCh, unsigned rate, int value = 0
     for (uint32_t i = 0; value && i < f->len * f->numCh; ++i) f->Samples16()[i] = static_cast<int16_t>(value);
     return f;
 }
+
 FramePtr Frame16(int value) { return Frame(2, 2, 24000, value); }
 // "D Process:x" -> "D Mixer_AlgoRampGain:Process:x".
 std::string L(const std::string& s) { return s.substr(0, 2) + "Mixer_AlgoRampGain:" + s.substr(2); }
@@ -32,6 +33,7 @@ std::string State(const AlgoRampGain& g) {
     return std::to_string(g.gainIndex) + "/" + std::to_string(g.ramping) + "/" + std::to_string(g.stepsLeft) + "/" +
            std::to_string(g.delayLeft);
 }
+
 // The gain rule for one sample, written out independently of the library's kernels.
 int64_t Product(int64_t s, unsigned row) { return (s * AlgoRampGain::kGainTable[row] + 16384) >> 15; }
 int16_t Scaled16(int s, unsigned row) { return static_cast<int16_t>(std::max<int64_t>(-32768, std::min<int64_t>(32767, Product(s, row)))); }
@@ -42,6 +44,7 @@ int16_t Scaled16(int s, unsigned row) { return static_cast<int16_t>(std::max<int
             return ::testing::AssertionFailure() << "sample " << k << " is " << f->Samples16()[k] << " at row " << row;
     return ::testing::AssertionSuccess();
 }
+
 TEST(AlgoRampGainTest, TablesFollowTheirLaws) {
     EXPECT_EQ(AlgoRampGain::kGainTable[0], 0u);
     for (unsigned i = 1; i < AlgoRampGain::kGainTableSize; ++i)
@@ -51,6 +54,7 @@ TEST(AlgoRampGainTest, TablesFollowTheirLaws) {
         EXPECT_EQ(AlgoRampGain::kPercentTable[p],
                   p == 0 ? 0 : p <= 17 ? 38 + 2 * p : p <= 34 ? 39 + 2 * p : p == 35 ? 110 : 75 + p) << p;
 }
+
 // An immediate change, then one frame of each width through it: the row reached, every
 // sample against the rule (16 bits clamped, rails included; 32 bits keep the low 32 bits)
 // and the lines logged, each once.
@@ -88,6 +92,7 @@ TEST(AlgoRampGainTest, ImmediateChangesSetTheRowAndScaleTheWholeFrame) {
         }
     }
 }
+
 TEST(AlgoRampGainTest, RampsInStepsOfThirtyTwoSamplesAtTheLastFramesRate) {
     test::LogCapture log;
     AlgoRampGain g, h;
@@ -112,6 +117,7 @@ TEST(AlgoRampGainTest, RampsInStepsOfThirtyTwoSamplesAtTheLastFramesRate) {
     g.SetRampMs(52, 50, 20, 60);  // at 24000 Hz now: 1200 samples, 37 + 1 steps, after 480
     EXPECT_EQ(log.Count(L("I SetRamp:gain 52 ref 60 Ramp 0 -> 119 dB steps 38 start 480 dB 3.131579:")), 1);
 }
+
 // The library itself never delays a ramp; clients may.
 TEST(AlgoRampGainTest, DelayCarriesOverFramesThenStepsFromTheCurrentRow) {
     AlgoRampGain g;
@@ -133,6 +139,7 @@ TEST(AlgoRampGainTest, DelayCarriesOverFramesThenStepsFromTheCurrentRow) {
     g.Process(Frame16(1000));
     EXPECT_EQ(State(g), "1/0/0/0");  // the float sum lands just under 2 and stays there
 }
+
 TEST(AlgoSumTest, AddFramesByWidthIntoTheLastSampleJoinsTracesAndRefusesOtherShapes) {
     // Samples 0, 1, 2 and the last of a stereo 20 ms frame at 48000 Hz.
     struct Case { unsigned dstSize, srcSize; int64_t d[4], s[4], want[4]; };
@@ -165,6 +172,7 @@ TEST(AlgoSumTest, AddFramesByWidthIntoTheLastSampleJoinsTracesAndRefusesOtherSha
     EXPECT_EQ(log.Lines(), Lines({"W Mixer_Algo:AddFrames:Frame len mismatch 960 != 320:",
                                   "W Mixer_Algo:AddFrames:numCh mismatch 2 != 1:"}));
 }
+
 // Random samples that often sit at or next to the rails, so that sums overflow and the
 // sticky rule is exercised in every lane position.
 template <typename T>
@@ -176,6 +184,7 @@ std::vector<T> Noise(std::mt19937& rng, size_t n) {
     for (T& x : v) x = rng() % 4 == 0 ? specials[rng() % 7] : static_cast<T>(any(rng));
     return v;
 }
+
 // One kernel's fast path and scalar reference on the same n random samples, with a
 // second operand of random samples (the sums) or the gain given (the gains).
 template <typename D, typename S, void (*Fast)(D*, S, size_t), void (*Ref)(D*, S, size_t)>
@@ -191,6 +200,7 @@ bool Same(std::mt19937& rng, size_t n, uint32_t gain) {
     }
     return a == b;
 }
+
 // Every row of the gain table and more: for the 16-bit form, which picks its way by the
 // gain's bits, the gains either side of each switch and random ones below 1 << 22 (where
 // it is exact); the 32-bit form takes any gain.
@@ -202,6 +212,7 @@ std::vector<uint32_t> Gains(bool wide) {
     for (int k = 0; !wide && k < 200; ++k) g.push_back(rng() % (1u << 22));
     return g;
 }
+
 TEST(MixKernelsTest, FastPathsEqualTheScalarReferences) {
     using namespace kernels;
     // One round of every length per gain; the sums take no gain: 20 random rounds.
@@ -219,6 +230,7 @@ TEST(MixKernelsTest, FastPathsEqualTheScalarReferences) {
             for (size_t n : {0, 1, 7, 8, 9, 15, 16, 17, 31, 67, 1923})
                 ASSERT_TRUE(c.same(rng, n, gain)) << c.name << " n=" << n << " gain=" << gain;
 }
+
 TEST(AlgoResampleTest, ChannelsKeepTheirLevelsInNewFramesOfTheOutputRateAfterTheLatency) {
     test::LogCapture log;
     AlgoResample down(2, 48000, 16000), up(2, 16000, 48000);

@@ -22,6 +22,7 @@ ClientStream::Params Make(const std::string& name, unsigned rate, unsigned chann
     p.socket.clear();  // no daemon here: announced counts as accepted
     return p;
 }
+
 TEST(ClientStreamTest, BadParametersAreRefusedAndLeaveNothing) {
     const ClientStream::Params bad[] = {
         Make("", 48000, 2, 8),       Make("/", 48000, 2, 8),        Make("a/b", 48000, 2, 8),
@@ -52,6 +53,7 @@ TEST(ClientStreamTest, BadParametersAreRefusedAndLeaveNothing) {
         EXPECT_EQ(0, s.Open(ClientStream::kPlayback, p, error)) << error;
     }
 }
+
 TEST(ClientStreamTest, OpenAnnouncesTheStreamAndCloseRemovesBoth) {
     for (auto dir : {ClientStream::kPlayback, ClientStream::kRecord}) {
         SCOPED_TRACE(dir);
@@ -81,6 +83,7 @@ TEST(ClientStreamTest, OpenAnnouncesTheStreamAndCloseRemovesBoth) {
         EXPECT_FALSE(Exists(QueuePath(n)));
     }
 }
+
 // Another member of the group got the name's description file in first, a file or a
 // link: the client writes neither, nor through the link, and takes its queue along.
 TEST(ClientStreamTest, ADescriptionFileOfAnotherUserIsNeitherWrittenNorFollowed) {
@@ -101,6 +104,7 @@ TEST(ClientStreamTest, ADescriptionFileOfAnotherUserIsNeitherWrittenNorFollowed)
     struct stat st;
     EXPECT_TRUE(stat(target.c_str(), &st) == 0 && st.st_size == 0);
 }
+
 TEST(ClientStreamTest, UnwritableDescriptionFileTakesTheQueueAlong) {
     ASSERT_NE(nullptr, getenv("MIXER_PRIVATE_RUN")) << "needs the private mounts of the test wrapper";
     ASSERT_TRUE(mixer::UtilCheckDir());

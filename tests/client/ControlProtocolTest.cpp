@@ -12,6 +12,7 @@ using std::to_string;
 std::string Said(const ControlCommand& c) {
     return to_string(c.kind) + "|" + c.streamType + "|" + to_string(c.volume) + "|" + to_string(c.enable);
 }
+
 TEST(ControlProtocolTest, RequestsParseOrAreRefusedWithTheReason) {
     const std::string t64(64, 't'), percent = "volume must be a whole percent from 0 to 100, not ",
                                     ctl = "stream type contains a control character", big(20, '9');

@@ -43,6 +43,7 @@ TEST(AudioFrameTest, SizesFollowTheFormatOutOfRangeValuesAreReplacedAndCopiesOwn
         EXPECT_STREQ(copy.bufId, "blk1 blk2");
     }
 }
+
 TEST(UtilConcatBufIdTest, JoinsIdsWithinTheArray) {
     const std::string x100(100, 'x'), x140(140, 'x'), x148(148, 'x'), x149(149, 'x');
     struct Case { std::string dst, src, joined; };
@@ -71,6 +72,7 @@ int VolOf(const boost::shared_ptr<MsgHead>& m) {  // -1 for an empty message
     boost::shared_ptr<MsgSetSpeakerVol> v = boost::dynamic_pointer_cast<MsgSetSpeakerVol>(m);
     return v ? static_cast<int>(v->volume) : -1;
 }
+
 TEST(MsgQTest, ManyPostersFromOtherThreadsLoseNothingAndKeepTheirOrderAndAnEmptyPostIsRefused) {
     test::LogCapture log;
     MsgQ q;

@@ -58,25 +58,31 @@ Lines Entries(const std::string& path) {  // sorted
     std::sort(names.begin(), names.end());
     return names;
 }
+
 std::string ReadAll(const std::string& path) {
     std::ifstream in(path.c_str(), std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
+
 bool WriteRaw(const std::string& name, const std::string& content) {
     return static_cast<bool>(std::ofstream((kDir + "/" + name).c_str(), std::ios::binary) << content);
 }
+
 void SetRunReadOnly(bool ro) {
     ASSERT_EQ(0, mount("tmpfs", "/run", nullptr, MS_REMOUNT | (ro ? MS_RDONLY : 0), nullptr));
 }
+
 sStreamInfo Info(const std::string& name) {
     sStreamInfo i;
     i.id = -5, i.type = "shmQ", i.name = name, i.rate = 44100, i.numCh = 2, i.sampleSize = 2, i.meta = "nav prompt";
     return i;
 }
+
 std::string Fields(const sStreamInfo& i) {
     return i.name + "|" + i.type + "|" + std::to_string(i.id) + "|" + std::to_string(i.rate) + "|" +
            std::to_string(i.numCh) + "|" + std::to_string(i.sampleSize) + "|" + i.meta;
 }
+
 class DiscoveryTest : public ::testing::Test {
 protected:
     // The stream directory is a fixed path: touch it only in the private /run of ctest's wrapper.
@@ -90,6 +96,7 @@ protected:
     test::FakeConnect host;
     test::LogCapture log;
 };
+
 TEST_F(DiscoveryTest, CheckDirMakesTheDirectoryOrSaysWhyNot) {
     const struct { bool plainFile, readOnly; Lines log; } cases[] = {
         {false, true, {kMissing, "E Mixer_Utils:UtilCheckDir:failed to create mixer directory:"}},
@@ -112,6 +119,7 @@ TEST_F(DiscoveryTest, CheckDirMakesTheDirectoryOrSaysWhyNot) {
         EXPECT_EQ(!c.readOnly, stat(kDir.c_str(), &st) == 0 && st.st_mode == (S_IFDIR | 0755));
     }
 }
+
 TEST_F(DiscoveryTest, FilesAreWrittenAndReadByTheLineRules) {
     sStreamInfo in = Info("/music1");  // a leading slash is not doubled
     in.meta.clear();                   // an empty meta still ends in a line feed
@@ -142,6 +150,7 @@ TEST_F(DiscoveryTest, FilesAreWrittenAndReadByTheLineRules) {
     EXPECT_EQ(-1, UtilWriteFile(Info("no/such/dir")));
     EXPECT_EQ(Lines{"D Mixer_Utils:ReadFile:f:"}, log.Lines());  // a failed write says nothing
 }
+
 TEST_F(DiscoveryTest, ReadFileRefusesWhatIsNotARegularFileInTheDirectory) {
     // Clients share the directory: nothing there may lead the reader elsewhere or stall it.
     const std::string secret = "outside\nshmQ\n1\n48000\n2\n2\nsecret\n";
@@ -166,6 +175,7 @@ TEST_F(DiscoveryTest, ReadFileRefusesWhatIsNotARegularFileInTheDirectory) {
     EXPECT_EQ(secret, ReadAll("/run/outside"));
     EXPECT_TRUE(log.Has("D Mixer_Utils:file being removed /var/run/mixer/link::")) << log.Dump();
 }
+
 TEST_F(DiscoveryTest, InitLogsEachStepOrWhyItFailedAndDeInitLeavesNothingBehind) {
     const Lines fdsBefore = Entries("/proc/self/fd");
     Discovery discovery;
@@ -198,6 +208,7 @@ TEST_F(DiscoveryTest, InitLogsEachStepOrWhyItFailedAndDeInitLeavesNothingBehind)
     EXPECT_EQ(0, discovery.Init(&host));
     EXPECT_EQ("E Mixer_Utils:UtilCheckDir:failed to create mixer directory:", log.Lines().back());
 }
+
 TEST_F(DiscoveryTest, FilesAreOfferedOnceInOrderRefusedOnesRemovedAndPingOnlyAnswered) {
     ASSERT_EQ(0, UtilWriteFile(Info("early")));
     ASSERT_EQ(0, mkdir((kDir + "/subdir").c_str(), 0755));
@@ -223,6 +234,7 @@ TEST_F(DiscoveryTest, FilesAreOfferedOnceInOrderRefusedOnesRemovedAndPingOnlyAns
     EXPECT_EQ(301, log.CountPrefix("D Mixer_Utils:ReadFile:"));    // ... and was not parsed
     EXPECT_TRUE(log.Has("D Mixer_Discovery:AddStream:Ping:")) << log.Dump();
 }
+
 TEST_F(DiscoveryTest, WatcherEndsWhenTheDirectoryGoesOrANameOverfillsItsBuffer) {
     Discovery discovery;
     ASSERT_EQ(1, discovery.Init(&host));
@@ -243,6 +255,7 @@ TEST_F(DiscoveryTest, WatcherEndsWhenTheDirectoryGoesOrANameOverfillsItsBuffer) 
     ASSERT_TRUE(log.WaitFor(kThreadExit));
     EXPECT_EQ(Lines{std::string(140, 'f')}, Offered());
 }
+
 TEST_F(DiscoveryTest, AfterTheEventQueueOverflowedTheDirectoryIsRescannedForWhatWasNotOffered) {
     int limit = 0;
     if (!(std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> limit) || limit > 65536) GTEST_SKIP() << limit;
@@ -271,6 +284,7 @@ TEST_F(DiscoveryTest, AfterTheEventQueueOverflowedTheDirectoryIsRescannedForWhat
     EXPECT_EQ(0, std::count(offered.begin(), offered.end(), "old"));
     EXPECT_EQ(limit, std::count(offered.begin(), offered.end(), "a") + std::count(offered.begin(), offered.end(), "b"));
 }
+
 TEST_F(DiscoveryTest, EveryTenthInterruptedReadInARowIsCountedAndLogged) {
     g_fd = dup(0);  // the lowest free descriptor: Init's inotify instance gets it (no watcher yet, no lock)
     close(g_fd);

@@ -19,6 +19,7 @@ void RunAll(Mixerd& d, const std::vector<Case>& cases) {
         EXPECT_NE(d.said.find(c.says), std::string::npos) << cmd << "\n" << d.said;
     }
 }
+
 // The peak amplitude of the tone at freq in the output, in 20-ms windows.
 double Peak(const Mixerd& d, double freq) {
     SF_INFO info{};
@@ -26,6 +27,7 @@ double Peak(const Mixerd& d, double freq) {
     return a.empty() ? 0 : *std::max_element(a.begin(), a.end());
 }
 }  // namespace
+
 TEST(ToolsTest, WithoutTheDaemonEveryToolSaysWhyAtOnce) {
     Mixerd d(false);
     ASSERT_TRUE(WriteSine(d.dir.File("a.wav"), 48000, 1, 440, 8000, 0.2));
@@ -45,6 +47,7 @@ TEST(ToolsTest, WithoutTheDaemonEveryToolSaysWhyAtOnce) {
     });
     EXPECT_FALSE(Exists(d.dir.File("r.wav")));
 }
+
 TEST(ToolsTest, TheDaemonsAnswersReachTheToolsAndSoundPlaysAsItIs) {
     Mixerd d;
     ASSERT_TRUE(d.ready) << "run through CTest: " << Slurp(d.log);

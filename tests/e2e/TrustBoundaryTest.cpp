@@ -43,6 +43,7 @@ std::string StatusLine(pid_t pid, const std::string& key) {
     const size_t at = all.find("\n" + key + ":\t");
     return at == std::string::npos ? "" : all.substr(at + key.size() + 3, all.find('\n', at + 1) - at - key.size() - 3);
 }
+
 // A client outside the group reaches none of it, not even to read the queue's locks; a
 // member reaches all. The daemon runs as root here, as it does when started by hand.
 TEST(TrustBoundaryTest, OnlyTheClientsGroupReachesTheStreamDirectoryTheQueuesAndTheSocket) {
@@ -57,6 +58,7 @@ TEST(TrustBoundaryTest, OnlyTheClientsGroupReachesTheStreamDirectoryTheQueuesAnd
     for (const auto& c : cases)
         EXPECT_EQ(Reach(c.uid, c.gid, "/mixer-inside", d.sock), c.reached) << c.gid;
 }
+
 // Given a user, the daemon leaves root before it serves: every id is that user's, its only
 // group the clients', one capability is left, and it still takes and ends a client's stream.
 TEST(TrustBoundaryTest, GivenAUserTheDaemonLeavesRootAndServesAsIt) {
@@ -85,6 +87,7 @@ TEST(TrustBoundaryTest, GivenAUserTheDaemonLeavesRootAndServesAsIt) {
     EXPECT_TRUE(test::Eventually([] { return !test::Exists("/dev/shm/mixer-served"); })) << test::Slurp(d.log);
     EXPECT_EQ(d.Stop(), 0);
 }
+
 // A user or group that does not exist stops the daemon before it does anything.
 TEST(TrustBoundaryTest, AnUnknownUserOrGroupStopsTheDaemonWithTheReason) {
     const struct { std::string option, why; } cases[] = {{"--user no-such-user", "no user 'no-such-user' (see --user)"},

@@ -22,6 +22,7 @@ std::vector<double> Pass(Algo& r, unsigned in, unsigned out, F sample, int& odd,
     }
     return y;
 }
+
 // A 20000-peak tone of hz: its gain through r in dB, and the level of all else the output
 // holds (aliases, images, rounding) in dB below the input tone's.
 struct Tone { double gainDb, restDb; };
@@ -35,6 +36,7 @@ Tone Measure(Algo& r, unsigned in, unsigned out, double hz, int& odd) {
     for (size_t i = 0; i < y.size(); ++i) rest += std::pow(y[i] - c * std::cos(w * i / out) - s * std::sin(w * i / out), 2);
     return {20 * std::log10(std::hypot(c, s) / a + 1e-12), 10 * std::log10(rest / y.size() / (a * a / 2) + 1e-30)};
 }
+
 TEST(AlgoSoxrResampleTest, TonesPassAtLeastAsCleanlyAsThroughSpeexAtQualitySeven) {
     const unsigned pairs[][2] = {{44100, 48000}, {48000, 16000}, {16000, 48000}, {48000, 44100}, {22050, 48000}};
     // Fractions of the lower rate's Nyquist frequency: passband, band edge, stop band.
@@ -58,6 +60,7 @@ TEST(AlgoSoxrResampleTest, TonesPassAtLeastAsCleanlyAsThroughSpeexAtQualitySeven
             }
         }
 }
+
 TEST(AlgoSoxrResampleTest, AStepArrivesAfterTheLatencyFigureWithoutGapsAndUnusableInputPassesUnchanged) {
     for (const auto& p : {std::make_pair(44100u, 48000u), std::make_pair(16000u, 48000u), std::make_pair(8000u, 48000u),
                           std::make_pair(48000u, 16000u), std::make_pair(22050u, 48000u)}) {

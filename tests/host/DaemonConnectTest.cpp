@@ -26,6 +26,7 @@
 #ifdef MIXERD_PATH
 #include "tests/support/Mixerd.h"
 #endif
+
 namespace mixer {
 namespace {
 using Strings = std::vector<std::string>;
@@ -49,6 +50,7 @@ Frame Silence(unsigned rate, unsigned numCh) {
     std::fill(f->Samples16(), f->Samples16() + f->len * numCh, 0);
     return f;
 }
+
 std::vector<int16_t> S16(const Frame& f) { return {f->Samples16(), f->Samples16() + f->len * f->numCh}; }
 
 // The client's end of a stream: its block queue and its description file.
@@ -57,6 +59,7 @@ struct Client {
         : info(i), ok(queue.Init(("/mixer-" + i.name).c_str(), blocks, 3840) == 0 && UtilWriteFile(i) == 0) {}
     sStreamInfo info; DataTrans queue; bool ok;
 };
+
 class DaemonConnectTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -93,6 +96,7 @@ protected:
     std::unique_ptr<host::DaemonConnect> connect;
     std::vector<boost::shared_ptr<MsgHead>> taken;  // last: dropped while the connection lives
 };
+
 TEST_F(DaemonConnectTest, ClientStreamsBecomeInputsAndOutputsInTheirFormatAndTheirDepartureIsAnnounced) {
     connect->FocusChanged("prompt");
     // The extreme formats are taken too: 96 kHz in eight channels, 8 kHz in one.
@@ -128,6 +132,7 @@ TEST_F(DaemonConnectTest, ClientStreamsBecomeInputsAndOutputsInTheirFormatAndThe
                                  "MixerStreamAdded micRaw", "MixerStreamRemoved micRaw", "MixerStreamRemoved music",
                                  "MixerFocusChanged none", "MixerStreamAdded q"}));
 }
+
 TEST_F(DaemonConnectTest, StreamsThatCannotPlayAreRefusedWithoutTraceOrAnnouncement) {
     sStreamInfo wide = Info("wide", "music");
     wide.sampleSize = 4;
@@ -158,6 +163,7 @@ TEST_F(DaemonConnectTest, StreamsThatCannotPlayAreRefusedWithoutTraceOrAnnouncem
     EXPECT_NE(Add(mic.info), 0);
     EXPECT_EQ(connect->StreamVerdict(kStreamMicRaw, 1), "refused the microphone is off (mixerctl mic on)");
 }
+
 TEST_F(DaemonConnectTest, StreamsThatAreNotOneUsersAreRefusedAndTheQueuesOwnerKeepsIt) {
     const uid_t nobody = 65534;
     Client live(Info("live", "music"));
@@ -196,6 +202,7 @@ TEST_F(DaemonConnectTest, StreamsThatAreNotOneUsersAreRefusedAndTheQueuesOwnerKe
     EXPECT_EQ(connect->LiveStreams().size(), 1u);
     EXPECT_EQ(Events(), Strings{"MixerStreamAdded live"});
 }
+
 TEST_F(DaemonConnectTest, StreamsBeyondTheLimitsAreRefusedOnceWithTheReasonAndNotHeld) {
     settings.maxQueueBlocks = 8, settings.maxQueueBytes = 5 * (3840 + 168), settings.maxStreams = 3, settings.maxStreamsPerUser = 2;
     connect.reset(new host::DaemonConnect(settings, outputs, nullptr, events, probe));
@@ -225,6 +232,7 @@ TEST_F(DaemonConnectTest, StreamsBeyondTheLimitsAreRefusedOnceWithTheReasonAndNo
     }
     EXPECT_EQ(Posted(), (Strings{"input a music 48000", "input b music 48000", "input d music 48000"}));
 }
+
 TEST_F(DaemonConnectTest, KilledClientsAreHungUpAndLeaveNothingBehind) {
     if (!host::ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: ended clients are not noticed";
     test::LogCapture log;

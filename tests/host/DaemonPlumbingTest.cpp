@@ -23,6 +23,7 @@ std::string Dump(const DaemonOptions& o) {
       << o.logMask << std::dec << '|' << o.logStderr << '|' << o.readyFd << '|' << o.micOff << '|' << o.resampler << o.writeTrace << '|' << o.user << ':' << o.group;
     return s.str();
 }
+
 TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
     const auto kRun = DaemonOptions::kRun, kError = DaemonOptions::kError;
     const std::string run = "|/run/mixerd/mixerd.sock|/run/mixerd/mixerd.status|",
@@ -70,6 +71,7 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
         EXPECT_TRUE(c.result == kRun || Dump(o) == before) << Dump(o);
     }
 }
+
 TEST(ClientWatcherTest, ActionsRunOnceAfterTheProcessEndsNeverAfterUnwatchAndUnwatchWaitsForARunningOne) {
     if (!ClientWatcher::Supported()) GTEST_SKIP() << "no pidfd here: the daemon falls back to the clients' own close";
     ClientWatcher watcher;
@@ -99,6 +101,7 @@ TEST(ClientWatcherTest, ActionsRunOnceAfterTheProcessEndsNeverAfterUnwatchAndUnw
               (V{ClientWatcher::kGone, 0, ClientWatcher::kUnwatched, ClientWatcher::kUnwatched}));
     EXPECT_EQ(log.CountPrefix("W "), 0) << log.Dump();
 }
+
 TEST(ShutdownSignalsTest, TermAndIntArriveOnTheDescriptorInsteadOfKilling) {
     host::ShutdownSignals signals;
     ASSERT_TRUE(signals.Ok());

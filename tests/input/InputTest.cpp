@@ -31,6 +31,7 @@ std::string Pattern(size_t n, unsigned seed) {
     for (size_t i = 0; i < n && seed != 0; ++i) v[i] = static_cast<char>(seed * 31 + i * 7 + 1);
     return v;
 }
+
 std::string Bytes(const Frame& f) { return f ? std::string(f->data, f->size) : "none"; }
 // The captured lines of one component (its tag), in order.
 Lines Of(const LogCapture& log, const std::string& tag) {
@@ -38,6 +39,7 @@ Lines Of(const LogCapture& log, const std::string& tag) {
     for (const std::string& l : log.Lines()) if (l.find(" " + tag + ":") == 1) own.push_back(l);
     return own;
 }
+
 // A client's queue written in this process, read by the input through a mapping of its own.
 struct Client {
     Client(unsigned numBlk, unsigned blkSize) {
@@ -51,6 +53,7 @@ struct Client {
     boost::shared_ptr<DataTrans> queue{new DataTrans()};
     std::unique_ptr<InputDataTrans> input;
 };
+
 // Blocks of any size come out as 20-ms frames of their bytes, the last padded with
 // silence, with the ids of the blocks each drew from; counted off, every block given back.
 TEST(InputDataTransTest, FramesAreCutFromBlocksOfAnySize) {
@@ -76,6 +79,7 @@ TEST(InputDataTransTest, FramesAreCutFromBlocksOfAnySize) {
         EXPECT_EQ(Of(log, "Mixer_InputDataTrans"), Lines{"D Mixer_InputDataTrans:Process:EAGAIN:Start"});
     }
 }
+
 // A format out of range is replaced by one the engine can mix; the limits themselves hold.
 TEST(InputTest, OutOfRangeFormatIsReplaced) {
     const struct { unsigned rate, numCh, wantRate, wantCh; } cases[] = {
@@ -85,6 +89,7 @@ TEST(InputTest, OutOfRangeFormatIsReplaced) {
         EXPECT_TRUE(in.rate == c.wantRate && in.numCh == c.wantCh) << c.rate << " " << c.numCh;
     }
 }
+
 // A pausing input plays its delay out in 20-ms frames and pauses in the frame that ends it.
 TEST(InputDataTransTest, PauseDelayEndsInTheFrameThatUsesItUp) {
     for (auto c : {std::make_pair(250u, 13u), {240, 12}, {21, 2}, {20, 1}}) {
@@ -102,6 +107,7 @@ TEST(InputDataTransTest, PauseDelayEndsInTheFrameThatUsesItUp) {
         EXPECT_EQ(q.queue->GetNumBlkReady(), 16 - frames);
     }
 }
+
 TEST(InputDataTransTest, StateOperationsFollowTheTable) {
     Client q(2, kFrame);
     InputDataTrans& in = *q.input;
@@ -135,6 +141,7 @@ TEST(InputDataTransTest, StateOperationsFollowTheTable) {
     q.writer.Close();
     EXPECT_TRUE(!in.Process() && in.state == STATE_HANGUP);
 }
+
 // A flush in the middle of a block gives that block back and empties the queue.
 TEST(InputDataTransTest, FlushDropsTheHeldBlockAndTheQueue) {
     Client q(3, 6000);
@@ -145,6 +152,7 @@ TEST(InputDataTransTest, FlushDropsTheHeldBlockAndTheQueue) {
     EXPECT_TRUE(q.queue->GetNumBlkFree() == 3 && q.queue->GetNumBlkReady() == 0 && q.queue->AddCount(0) == 0);
     EXPECT_FALSE(q.input->Process());
 }
+
 // A client process's commands are carried out and acknowledged; a stopped input still
 // plays, and delivers the last frames after the client left.
 TEST(InputDataTransProcessTest, ClientCommandsAndDeparture) {
@@ -189,6 +197,7 @@ TEST(InputDataTransProcessTest, ClientCommandsAndDeparture) {
     input.dataTrans.reset();
     EXPECT_FALSE(name.Exists());
 }
+
 // A client process holds the lock as the input gives back a block. (The playback suite
 // has a client killed or stopped inside its lock.)
 TEST(InputDataTransLockTest, ReleaseThatMetABusyLockIsRetriedAndTheBlockIsNotLost) {
@@ -216,6 +225,7 @@ TEST(InputDataTransLockTest, ReleaseThatMetABusyLockIsRetriedAndTheBlockIsNotLos
     ASSERT_TRUE(client.Unlock());
     EXPECT_EQ(client.Finish(), 0);
 }
+
 // The writing side of a platform byte queue (msgSize 0) or message buffer.
 struct Feeder {
     Feeder(const std::string& name, uint32_t msgSize_, uint32_t capacity) : msgSize(msgSize_) {
@@ -233,6 +243,7 @@ struct Feeder {
     ShmQHandle* q = nullptr;
     ShmbufHandle* b = nullptr;
 };
+
 // Each case: a queue (msgSize 0) or a buffer of messages of msgSize, steps on it, the
 // input's state at the end and its log. Steps: 'w' the writer writes n bytes or messages
 // of a seed, 'h' it hangs up, 'p' and 'r' pause and resume the input, 'P' n periods that
@@ -307,6 +318,7 @@ TEST(InputShmTest, BytesAndMessagesMakeFramesShortReadsArePaddedOrEnd) {
         EXPECT_EQ(log.Lines(), c.log);
     }
 }
+
 // A writer that breaks its buffer or queue after the input opened it (its message size
 // 4 -> 7,680 bytes, capacity 0, a 2 GiB position, a fill above the capacity) or shrinks
 // the object under it (at kShrink: to value bytes) costs its input alone: the input

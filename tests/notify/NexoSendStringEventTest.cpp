@@ -20,6 +20,7 @@ int OnEvent(sd_bus_message* m, void* seen, sd_bus_error*) {
         static_cast<Lines*>(seen)->push_back(std::string(event) + "|" + params);
     return 0;
 }
+
 // A private session bus daemon (a program of this machine, also under an emulator) and a
 // listener for the stand-in's events on it; then the bus goes away under the open handle.
 TEST(NexoSendStringEventTest, EventsArriveAsSentAndWithoutABusOneErrorLineSaysSo) {

@@ -73,6 +73,7 @@ TEST_P(ShmStreamTest, UnitsCrossProcessesInOrderNoneLostNoneRepeatedThenHangUp) 
     EXPECT_FALSE(name.Exists());  // the writer's close removed the name
     c.queue ? ShmQClose(q) : ShmbufClose(b);
 }
+
 INSTANTIATE_TEST_SUITE_P(Stand, ShmStreamTest, ::testing::ValuesIn(kChannels),
                          [](const ::testing::TestParamInfo<Channel>& p) { return std::string(p.param.name); });
 
@@ -97,6 +98,7 @@ TEST(ShmQTest, MinimumMakesReadsAllOrNothingAndFullQueuesTakeWhatFits) {
     EXPECT_EQ(errno, EPIPE);
     ShmQClose(r), ShmQClose(w);
 }
+
 // A peer that rewrites the shared header after the reader opened (as a hostile writer
 // may): every call of either side that looks at it fails with EFAULT, no reader copies
 // beyond the room it was given, and a reader opening now is refused.

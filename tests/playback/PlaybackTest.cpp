@@ -30,6 +30,7 @@ int Mixed(int a, int b) {
     };
     return Algo::sumSat16(gain(a, RelRow(36, 40)), gain(b, RelRow(30, 40)));
 }
+
 // The engine's clock keeps its seconds' product in 32 bits and jumps back about every 4295 s; a period straddling
 // the jump is not slept on. So consecutive times are at least min apart unless the jump lies between them.
 void ExpectGapsAtLeast(const std::vector<FakeOutput::Clock::time_point>& t, std::chrono::microseconds min) {
@@ -38,6 +39,7 @@ void ExpectGapsAtLeast(const std::vector<FakeOutput::Clock::time_point>& t, std:
     };
     for (size_t i = 1; i < t.size(); ++i) EXPECT_TRUE(us(t[i]) < us(t[i - 1]) || t[i] - t[i - 1] >= min) << i;
 }
+
 class PlaybackTest : public EngineFixture<Playback> {
 protected:
     PlaybackTest() { pb.connect = &connect; }  // for the handlers, called on this thread without Init
@@ -65,6 +67,7 @@ protected:
     }
     Playback& pb = engine;
 };
+
 TEST_F(PlaybackTest, StreamVolumesRampOnChangesAndClientCommandsFade) {
     InputPtr m1 = Add("music"), m2;
     EXPECT_EQ(pb.streamVolumes, (Volumes{{"music", 40}}));
@@ -115,6 +118,7 @@ TEST_F(PlaybackTest, StreamVolumesRampOnChangesAndClientCommandsFade) {
     Add("t1"), pb.inputs.clear(), Add("t2");
     EXPECT_EQ(pb.streamVolumes, (Volumes{{"music", 30}, {"t2", 60}}));
 }
+
 TEST_F(PlaybackTest, ReportShowsTheOutputAndTheInputsInFocusOrderReplacingTheFile) {
     EXPECT_EQ(Playback().Init(nullptr), -1);
     pb.handleMsg(boost::make_shared<MsgHead>(MSG_NEW_OUTPUT));  // a code without its class is dropped
@@ -149,6 +153,7 @@ TEST_F(PlaybackTest, ReportShowsTheOutputAndTheInputsInFocusOrderReplacingTheFil
                             "0\tnav\tPaused\tclient-2\n1\tnav\tActive\tclient-4\n2\tmusic\tActive\tclient-1\n"
                             "3\talert\tHangup\tclient-3\n" + rule + "\n");
 }
+
 // Each row: the output's name, whether the inputs (a, b, ...) have ramp gains at 36 and 30 % of 40, the levels of
 // each input's frames, and the levels written. A period that erases an input skips its follower; one that erases
 // the last input pulls a second frame from the front. Outputs other than "ALSA" are paced, 40 ms apart.
@@ -173,6 +178,7 @@ TEST_P(PlaybackMixTest, WritesEachPeriodsSum) {
     ExpectGapsAtLeast(posts, std::chrono::microseconds(39999));
     for (size_t i = 0; i < posts.size(); ++i) EXPECT_GE(posts[i], writes[i]);  // after its own write
 }
+
 INSTANTIATE_TEST_SUITE_P(Periods, PlaybackMixTest, ::testing::Values(
     MixCase{"ALSA", false, {{1, 2, 4, 8}, {kHangUp}}, {1 + 2, 4, 8}},
     MixCase{"ALSA", false, {{1, 2, 4}, {kHangUp}, {100, 200}}, {1, 2 + 100, 4 + 200}},
@@ -211,6 +217,7 @@ TEST_F(PlaybackTest, WithoutInputsOrAfter20SecondsOfSilenceTheOutputPausesAndThe
     quick.DeInit();
     EXPECT_EQ(log.Count("W Mixer_Playback:runLoop:Exiting!!!:"), 2);
 }
+
 // Without an output device (the host has none) a sounding stream is still mixed once per 20 ms, not in a busy loop.
 TEST_F(PlaybackTest, WithoutAnOutputTheLoopKeepsItsPeriods) {
     boost::shared_ptr<SineInput> tone = boost::make_shared<SineInput>(48000, 2, 440.0, 8000.0, "music");
@@ -222,6 +229,7 @@ TEST_F(PlaybackTest, WithoutAnOutputTheLoopKeepsItsPeriods) {
     const auto t = tone->ProcessTimes();  // each pacing point lies between its period's Process and the next one's
     ExpectGapsAtLeast({t.front(), t[11]}, std::chrono::microseconds(10 * 19999));
 }
+
 // A client process that dies or stops inside its queue's lock, fed with silence until then, beside a tone: the
 // tone plays on in every period and the client's stream is erased.
 class PlaybackClientTest : public PlaybackTest, public ::testing::WithParamInterface<bool> {};
@@ -252,6 +260,7 @@ TEST_P(PlaybackClientTest, ClientKilledOrStoppedInsideItsLockIsErasedWhileTheOth
         for (unsigned i = 0; i < 2 * 960; ++i)
             ASSERT_EQ(frames[f]->Samples16()[i], tone->SampleAt(f * 960 + i / 2)) << "frame " << f << " sample " << i;
 }
+
 INSTANTIATE_TEST_SUITE_P(Client, PlaybackClientTest, ::testing::Values(true, false),
                          [](const ::testing::TestParamInfo<bool>& i) { return i.param ? "Killed" : "Stopped"; });
 

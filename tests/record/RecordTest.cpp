@@ -20,6 +20,7 @@ struct FailingAlgo : Algo {
         return nullptr;
     }
 };
+
 class RecordTest : public EngineFixture<Record> {
 protected:
     RecordTest() {
@@ -57,6 +58,7 @@ protected:
     boost::shared_ptr<ThreadNotingInput> mic = boost::make_shared<ThreadNotingInput>(16000, 1, "microphone");
     InputPtr mic2 = Scripted("mic2", {2}, 16000, 1);  // the host's next input
 };
+
 TEST_F(RecordTest, WithoutListenerItSleepsUntilAMessageAndWithOneItReadsWhileTheMicIsOn) {
     EXPECT_EQ(-1, Record().Init(nullptr));
     Start();
@@ -96,6 +98,7 @@ TEST_F(RecordTest, WithoutListenerItSleepsUntilAMessageAndWithOneItReadsWhileThe
     EXPECT_EQ(std::vector<int>({5, 6, 7, 8, 9, 2}), Levels(a));
     EXPECT_EQ(2, connect.CallCount("GetRecordDefaultInput"));
 }
+
 TEST_F(RecordTest, SeveralOutputsGetCopiesAndAFailedOneIsErasedSteppingOverItsFollower) {
     Start();
     OutputPtr f = AddOutput("F"), b = AddOutput("B"), c = AddOutput("C"), d = AddOutput("D");

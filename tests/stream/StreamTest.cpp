@@ -25,6 +25,7 @@ struct TraceAlgo : Algo {
 boost::shared_ptr<TraceAlgo> Traced(uint32_t id, const std::string& tag, Trace* trace, uint32_t latency = 0) {
     return boost::shared_ptr<TraceAlgo>(new TraceAlgo(id, tag, trace, latency));
 }
+
 TEST(StreamTest, ForwardsItsInputsFramesStateNameMetaAndPriority) {
     test::LogCapture log;
     Stream s;
@@ -47,6 +48,7 @@ TEST(StreamTest, ForwardsItsInputsFramesStateNameMetaAndPriority) {
     s.SetPriority(9);  // kept by the input
     EXPECT_EQ(in->priority + s.GetPriority(), 18u);
 }
+
 TEST(StreamTest, ChainRunsInOrderAndItsAlgorithmsAreFoundByIdAndPosition) {
     test::LogCapture log;
     Trace trace;
@@ -82,6 +84,7 @@ TEST(StreamTest, ChainRunsInOrderAndItsAlgorithmsAreFoundByIdAndPosition) {
     EXPECT_EQ(s.GetAlgoById(static_cast<tAlgoID>(6)), s.GetAlgoByPos(2));  // the id-6 entry still says 2
     EXPECT_FALSE(s.GetAlgoById(ALGO_ID_RAMP_GAIN));
 }
+
 TEST(StreamOutTest, WritesToItsOutputAndRampsItsGainBeforeSettingTheVolume) {
     test::LogCapture log;
     StreamOut s;

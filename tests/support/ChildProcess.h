@@ -29,6 +29,7 @@ private:
     template <class T> bool Read(T& v, int ms) { return Readable(ms) && read(fd_[0], &v, sizeof(v)) == static_cast<ssize_t>(sizeof(v)); }
     int fd_[2];
 };
+
 // A forked child that runs body (0 or a failure code) and leaves with _exit, never returning into the test framework.
 class ChildProcess {
 public:

@@ -24,12 +24,14 @@ inline InputPtr Scripted(const std::string& type, const std::vector<int>& levels
     for (int v : levels) v == kHangUp ? in->PushHangup() : in->Push(in->MakeFrame(v));
     return in;
 }
+
 // The first sample of each frame written to o.
 inline std::vector<int> Levels(const OutputPtr& o) {
     std::vector<int> levels;
     for (const boost::shared_ptr<AudioFrame>& f : o->Frames()) levels.push_back(f->Samples16()[0]);
     return levels;
 }
+
 // Waits until thread tid has been switched out more than before times: a woken thread is
 // counted only once it leaves the CPU again, which may be well after it was seen awake.
 inline bool WaitForSwitchesAbove(pid_t tid, long before) {
@@ -39,6 +41,7 @@ inline bool WaitForSwitchesAbove(pid_t tid, long before) {
     }
     return true;
 }
+
 template <class Engine>
 class EngineFixture : public ::testing::Test {
 protected:

@@ -32,6 +32,7 @@ protected:
     std::vector<std::string> names_;
     mutable std::map<std::string, std::vector<Clock::time_point> > times_;
 };
+
 // An input or output. Its engine reads `state` unlocked: the test sets it only through SetStateAtNextCall.
 template <class Base>
 class FakeIO : public Base, public Recorder {
@@ -52,6 +53,7 @@ protected:
     }
     bool hasPending_ = false; tInOutState pending_ = STATE_ACTIVE;
 };
+
 // A device output: keeps a copy of every written frame, counts and times every call, can be told to fail.
 class FakeOutput : public FakeIO<Output> {
 public:
@@ -87,6 +89,7 @@ private:
     int volumeResult_ = 0, failAt_ = 0;  // failAt_ 0: never
     bool copyFrames_ = true; tInOutState failState_ = STATE_FAULT;
 };
+
 // Each Process takes the next scripted step (a frame or none, maybe a state); with SetBlockWhenEmpty(true) it waits for
 // one, like a device read. Every call is recorded ("Process" on entry, "PauseDelay 250", "GetCmd 8" only when pending).
 class ScriptedInput : public FakeIO<Input> {
@@ -131,6 +134,7 @@ private:
     std::deque<Step> script_;
     tInOutCmd cmd_ = CMD_NONE; bool blockWhenEmpty_ = false;
 };
+
 // A 16-bit tone, the same on every channel, in frames of lenMs; none while paused, hung up, faulted or stopped.
 class SineInput : public FakeIO<Input> {
 public:

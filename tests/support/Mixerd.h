@@ -33,6 +33,7 @@ bool Eventually(Pred pred, int limitMs = 30000) {
     }
     return true;
 }
+
 // Runs the command line cmd (through sh, which execs it) with its output in outFile.
 inline pid_t Spawn(const std::string& cmd, const std::string& outFile) {
     const std::string line = "exec " + cmd + " </dev/null >" + outFile + " 2>&1";
@@ -40,6 +41,7 @@ inline pid_t Spawn(const std::string& cmd, const std::string& outFile) {
     pid_t pid = -1;
     return posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ) == 0 ? pid : -1;
 }
+
 // The exit status, minus the signal that ended it, or -1000 (killed) after limitMs.
 inline int WaitExit(pid_t pid, int limitMs = 60000) {
     int status = 0, got = 0;
@@ -48,9 +50,11 @@ inline int WaitExit(pid_t pid, int limitMs = 60000) {
         kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
     return got != pid ? -1000 : WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
+
 inline std::string Slurp(const std::string& path) {
     return {std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {}};
 }
+
 inline bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 // The names in a directory (none when there is none) that start with prefix.
 inline std::set<std::string> DirNames(const std::string& path, const std::string& prefix = "") {
@@ -60,6 +64,7 @@ inline std::set<std::string> DirNames(const std::string& path, const std::string
         if (e.path().filename().string().compare(0, prefix.size(), prefix) == 0) names.insert(e.path().filename());
     return names;
 }
+
 // mixerd with the WAV output and the tone microphone (only in the CTest wrapper's private
 // /run and /dev/shm); ready: it said so on --ready-fd.
 struct Mixerd {
@@ -89,6 +94,7 @@ struct Mixerd {
         return said = Slurp(dir.File("ctl")), status;
     }
 };
+
 // A sine with 10-ms fades at both ends (so the source itself has no step), in a WAV file
 // of the sample format given (amplitude in 16-bit steps whatever the format).
 inline bool WriteSine(const std::string& path, int rate, int channels, double freq, double amplitude, double seconds,
@@ -107,6 +113,7 @@ inline bool WriteSine(const std::string& path, int rate, int channels, double fr
                                                         : sf_writef_double(f, x.data(), sf_count_t(n));
     return f && wrote == sf_count_t(n) && sf_close(f) == 0;
 }
+
 // A WAV file's samples (interleaved); info (zeroed by the caller): its rate and channels.
 inline std::vector<int16_t> ReadWav(const std::string& path, SF_INFO& info) {
     SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
@@ -114,6 +121,7 @@ inline std::vector<int16_t> ReadWav(const std::string& path, SF_INFO& info) {
     if (f) s.resize(static_cast<size_t>(sf_readf_short(f, s.data(), info.frames) * info.channels)), sf_close(f);
     return s;
 }
+
 // The amplitude of the tone at freq in each 20-ms window of one channel of 48-kHz stereo.
 inline std::vector<double> Tone(const std::vector<int16_t>& s, double freq, size_t channel = 0) {
     const double k = 2 * std::cos(2 * M_PI * freq / 48000);

@@ -16,6 +16,7 @@ inline long ContextSwitches(pid_t tid, char* state = nullptr) {
         else if (key == "voluntary_ctxt_switches:" || key == "nonvoluntary_ctxt_switches:") status >> n, total += n, ++found;
     return found == 2 ? total : -1;
 }
+
 // The switch count once thread tid sleeps with it unchanged over 50 ms (a preempted thread still has to reach its wait).
 inline long WaitUntilAsleep(pid_t tid, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -28,6 +29,7 @@ inline long WaitUntilAsleep(pid_t tid, std::chrono::milliseconds limit) {
     }
     return -1;
 }
+
 // A scripted input that notes the thread of its latest Process or Pause: the engine's.
 struct ThreadNotingInput : ScriptedInput {
     using ScriptedInput::ScriptedInput;

@@ -41,6 +41,7 @@ long MsOf(const std::function<void()>& f) {  // the lower bound of a time-out
     const auto t0 = Clock::now();
     return f(), std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
 }
+
 struct RawMap {  // a mapping of the whole object of its own, as a peer has
     explicit RawMap(const ShmName& name) {
         const int fd = shm_open(name.c_str(), O_RDWR, 0);
@@ -60,12 +61,14 @@ struct RawMap {  // a mapping of the whole object of its own, as a peer has
     }
     char* base; size_t size; uint32_t stride;  // stride: of creation
 };
+
 // Waits until a status line with this tag was logged (by any thread).
 bool StatusLogged(const LogCapture& log, const std::string& tag) {
     return log.WaitUntil([&](const std::string& l) {
         return l.rfind("P Mixer_DataTrans:Status:Timestamp-", 0) == 0 && l.find(":[" + tag + "] ") != std::string::npos;
     });
 }
+
 class DataTransTest : public ::testing::Test {
 protected:
     void Open(unsigned numBlk, unsigned blkSize) {
@@ -75,6 +78,7 @@ protected:
     ShmName name;
     DataTrans writer, reader;  // the creator writes, the opener reads
 };
+
 // Every refused creation or opening (bad arguments, a missing or truncated object, a
 // header a peer corrupted): its result, its one log line, and nothing left open.
 TEST_F(DataTransTest, RefusedInitLeavesNothingOpen) {
@@ -137,6 +141,7 @@ TEST_F(DataTransTest, RefusedInitLeavesNothingOpen) {
     EXPECT_EQ(leftovers(), before);  // a leak in any row shows here
     EXPECT_EQ(reader.Init(name.c_str()), 0);  // the repaired header opens
 }
+
 // What a peer rewrites after the opening never leads outside the mapping: EFAULT.
 TEST_F(DataTransTest, PeerScribblesNeverLeadOutsideTheMapping) {
     ASSERT_NO_FATAL_FAILURE(Open(4, 64));
@@ -176,6 +181,7 @@ TEST_F(DataTransTest, PeerScribblesNeverLeadOutsideTheMapping) {
     EXPECT_FALSE(writer.CommitWriteBuff(8, nullptr));
     EXPECT_EQ(log.CountPrefix("E Mixer_DataTrans:TailPosToPtr:pos "), 3);
 }
+
 // An empty queue, a full one, misordered calls, a flush while both ends hold a block, and
 // the writer's stop flag, which the flush leaves as it is.
 TEST_F(DataTransTest, TimeOutsFlushAndStop) {
@@ -206,6 +212,7 @@ TEST_F(DataTransTest, TimeOutsFlushAndStop) {
     EXPECT_GE(MsOf([&] { EXPECT_EQ(writer.WaitTillUserBufEmpty(), ETIMEDOUT); }), 1400);  // nobody reads
     EXPECT_TRUE(log.Has("E Mixer_DataTrans:GetWriteBuff:reason=Stopped:"));
 }
+
 // The client's writer: parameters announced, audio cut into blocks and counted; a full
 // queue stops the write, a closed one ends it. A queue not open refuses every operation.
 TEST_F(DataTransTest, WriterSaysHowFarItGot) {
@@ -232,6 +239,7 @@ TEST_F(DataTransTest, WriterSaysHowFarItGot) {
     w.Close();
     EXPECT_FALSE(name.Exists());
 }
+
 TEST_F(DataTransTest, BlocksFlowInOrderWithLengthsAndIdsThroughAFullQueue) {
     ASSERT_EQ(reader.Init(name.c_str(), 4, 1024), 0);
     auto length = [](unsigned k) { return 1 + (k * 97) % 1024; };
@@ -262,6 +270,7 @@ TEST_F(DataTransTest, BlocksFlowInOrderWithLengthsAndIdsThroughAFullQueue) {
     }
     EXPECT_EQ(child.Wait(), 0);
 }
+
 // A waiter wakes when the peer process closes its end. The waiter logs its entry holding
 // the lock and keeps it until it waits: once that line is seen, the close comes after.
 TEST(DataTransHangUpTest, PeerClosingWakesAWaiterAndTheLastCloserUnlinks) {
@@ -296,6 +305,7 @@ TEST(DataTransHangUpTest, PeerClosingWakesAWaiterAndTheLastCloserUnlinks) {
         EXPECT_FALSE(name.Exists());
     }
 }
+
 // A client process that wrote two blocks stops while it holds its queue's lock; this
 // process is the reader end, bounded like the mixer's. A bound that failed would hang.
 TEST(DataTransLockTest, StoppedHolderCostsABoundedEndNoMoreThanItsBound) {
@@ -337,11 +347,13 @@ void Wedge(pthread_cond_t& c) {
     __atomic_fetch_add(&c.__data.__wrefs, 8u, __ATOMIC_SEQ_CST);
     __atomic_fetch_or(&c.__data.__g1_orig_size, 1u, __ATOMIC_SEQ_CST);
 }
+
 void Unwedge(pthread_cond_t& c) {
     __atomic_fetch_sub(&c.__data.__wrefs, 8u, __ATOMIC_SEQ_CST);
     __atomic_fetch_and(&c.__data.__g1_orig_size, ~3u, __ATOMIC_SEQ_CST);
     syscall(SYS_futex, &c.__data.__g1_orig_size, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
+
 // Each row: the condition a client wedges, and the call of the mixer's end (with a waker) that broadcasts on it.
 // The call returns; the stuck broadcast faults that queue alone; a waiter on another queue is still woken by a new
 // worker; once the client lets go, the stuck worker comes back.
@@ -404,6 +416,7 @@ TEST(DeadlineTest, CarriesTheSecondExactlyPastItsEnd) {
         EXPECT_TRUE(c.ms != 1500 || (h.tv_sec == c.wantSec && h.tv_nsec == c.wantNsec)) << c.nsec;
     }
 }
+
 // A peer that shrinks the object under this end: the vanished pages read as zeros, every
 // call fails with EFAULT and closing removes the name; an open in progress gets a zero
 // page. A SIGBUS outside every registered mapping and guard still ends the process.

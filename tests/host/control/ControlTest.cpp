@@ -69,6 +69,7 @@ struct FakeSink : host::EngineSink {
     boost::shared_ptr<Output> listener;
     std::function<void()> onPost;  // runs on the server's thread before anything is recorded
 };
+
 // A socket without the client helper, to misbehave: connected, or bound and left as a
 // crashed daemon leaves its socket file.
 int RawSocket(const std::string& path, bool bindOnly = false) {
@@ -84,6 +85,7 @@ std::string Ask(const std::string& path, const std::string& line) {
     std::string error;
     return client::ControlClient::Request(path, line, r, error) ? (r.ok ? "OK " : "ERR ") + r.text : error;
 }
+
 // Sends data, then reads until the server closes (recv fails on a reset connection).
 std::string Exchange(int fd, const std::string& data, bool endInput = false) {
     EXPECT_EQ(data.empty() ? 0 : send(fd, data.data(), data.size(), MSG_NOSIGNAL), static_cast<ssize_t>(data.size()));
@@ -94,6 +96,7 @@ std::string Exchange(int fd, const std::string& data, bool endInput = false) {
     close(fd);
     return got;
 }
+
 TEST(ControlServerTest, RequestsBecomeEngineMessagesRepliesSayWhatWentWrongAndMisbehavingClientsHarmNothing) {
     test::TempDir dir;
     const std::string path = dir.File("ctl.sock");
@@ -162,6 +165,7 @@ TEST(ControlServerTest, RequestsBecomeEngineMessagesRepliesSayWhatWentWrongAndMi
     EXPECT_NE(access(path.c_str(), F_OK), 0);
     EXPECT_EQ(Do("status").find("cannot reach the daemon at " + path), 0u);
 }
+
 TEST(ControlServerTest, SlowOrGoneClientsHoldUpNobodyTheirRequestsAreDroppedAndWhatTheyCanMakeItKeepIsBounded) {
     test::TempDir dir;
     const std::string path = dir.File("ctl.sock");

@@ -28,6 +28,7 @@ V Drain(DataTrans& client) {
     }
     return out;
 }
+
 TEST(DataTransOutputTest, FramesAreSplitOverBlocksASlowClientLosesAudioAndALeftOneHangsUp) {
     test::ShmName name;
     test::LogCapture log;

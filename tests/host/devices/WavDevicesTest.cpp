@@ -31,6 +31,7 @@ std::vector<short> Samples(const std::string& path) {
     if (f) sf_readf_short(f, out.data(), info.frames), sf_close(f);
     return out;
 }
+
 TEST(WavOutputTest, FramesSilenceAndClampedMixesLandInOrderPacedByTheClockAndOtherFormatsAreRefused) {
     test::TempDir dir;
     StepClock clock;
@@ -72,6 +73,7 @@ void Write(const std::string& path, int rate, int channels, const std::vector<sh
     SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
     if (f) sf_writef_short(f, s.data(), static_cast<sf_count_t>(s.size() / channels)), sf_close(f);
 }
+
 TEST(WavMicInputTest, MonoIsHeardOnEveryChannelAndLoopsUnusableFilesAreRefused) {
     test::TempDir dir;
     StepClock clock;
