@@ -88,17 +88,5 @@ TEST(TrustBoundaryTest, GivenAUserTheDaemonLeavesRootAndServesAsIt) {
     EXPECT_EQ(d.Stop(), 0);
 }
 
-// A user or group that does not exist stops the daemon before it does anything.
-TEST(TrustBoundaryTest, AnUnknownUserOrGroupStopsTheDaemonWithTheReason) {
-    const struct { std::string option, why; } cases[] = {{"--user no-such-user", "no user 'no-such-user' (see --user)"},
-                 {"--group no-such-group", "no group 'no-such-group' (see --group)"}};
-    for (const auto& c : cases) {
-        Mixerd d(true, c.option);
-        EXPECT_FALSE(d.ready);
-        EXPECT_EQ(test::WaitExit(std::exchange(d.pid, -1)), 1);
-        EXPECT_NE(test::Slurp(d.log).find("E Mixerd:Run:" + c.why + ":"), std::string::npos) << test::Slurp(d.log);
-        EXPECT_FALSE(test::Exists(test::kStreamDir));
-    }
-}
 }  // namespace
 }  // namespace mixer
