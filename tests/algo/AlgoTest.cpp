@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <speex/speex_resampler.h>
-
 #include <climits>
 #include <cmath>
 #include <cstring>
@@ -8,15 +7,12 @@
 #include <string>
 #include <type_traits>
 #include <vector>
-
 #include "mixer/algo/AlgoRampGain.h"
 #include "mixer/algo/AlgoResample.h"
 #include "mixer/algo/MixKernels.h"
 #include "tests/support/LogCapture.h"
-
 namespace mixer {
 namespace {
-
 typedef boost::shared_ptr<AudioFrame> FramePtr;
 typedef std::vector<std::string> Lines;
 const unsigned kNoRef = AlgoRampGain::kNoRef;
@@ -28,6 +24,7 @@ FramePtr Frame(unsigned sampleSize, unsigned numCh, unsigned rate, int value = 0
     for (uint32_t i = 0; value && i < f->len * f->numCh; ++i) f->Samples16()[i] = static_cast<int16_t>(value);
     return f;
 }
+
 FramePtr Frame16(int value) { return Frame(2, 2, 24000, value); }
 // "D Process:x" -> "D Mixer_AlgoRampGain:Process:x".
 std::string L(const std::string& s) { return s.substr(0, 2) + "Mixer_AlgoRampGain:" + s.substr(2); }
@@ -75,8 +72,6 @@ TEST(AlgoRampGainTest, ImmediateChangesSetTheRowAndScaleTheWholeFrame) {
         {1, 100, 0, {"D Process:Gain 0 960:"}},  // 40 + 127 - 175 < 0: silence
         {0, 20, 0, {}},       // silence is not lifted by a low reference
         {30, 101, 99, {}}};   // a reference above 100 is no reference
-    // One frame of each width: every sample against the rule (16 bits clamped, rails
-    // included; 32 bits keep the low 32 bits) and the lines logged, each once.
     const int edges[] = {2000, 3000, -3000, 32767, -32768, 1, -1};
     std::vector<int> in(960);
     for (int k = 0; k < 960; ++k) in[k] = k < 7 ? edges[k] : static_cast<int16_t>(k * 2731);
@@ -145,7 +140,7 @@ TEST(AlgoRampGainTest, DelayCarriesOverFramesThenStepsFromTheCurrentRow) {
     EXPECT_EQ(State(g), "1/0/0/0");  // the float sum lands just under 2 and stays there
 }
 
-TEST(AlgoSumTest, AddFramesByWidthIntoTheLastSampleAndJoinsTraces) {
+TEST(AlgoSumTest, AddFramesByWidthIntoTheLastSampleJoinsTracesAndRefusesOtherShapes) {
     // Samples 0, 1, 2 and the last of a stereo 20 ms frame at 48000 Hz.
     struct Case { unsigned dstSize, srcSize; int64_t d[4], s[4], want[4]; };
     const Case cases[] = {
@@ -171,10 +166,7 @@ TEST(AlgoSumTest, AddFramesByWidthIntoTheLastSampleAndJoinsTraces) {
                 << c.dstSize << " + " << c.srcSize << " at " << at[i];
         EXPECT_STREQ(d->bufId, "A B C");
     }
-}
-
-TEST(AlgoSumTest, AddFramesRefusesOtherLengthsOrChannelCounts) {
-    test::LogCapture log;
+    test::LogCapture log;  // other lengths or channel counts are refused
     EXPECT_EQ(Algo::AddFrames(Frame(2, 2, 48000), Frame(2, 2, 16000)), -1);
     EXPECT_EQ(Algo::AddFrames(Frame(2, 2, 96000), Frame(2, 1, 96000)), -1);
     EXPECT_EQ(log.Lines(), Lines({"W Mixer_Algo:AddFrames:Frame len mismatch 960 != 320:",
@@ -269,6 +261,5 @@ TEST(AlgoResampleTest, ChannelsKeepTheirLevelsInNewFramesOfTheOutputRateAfterThe
     EXPECT_EQ(down.GetLatencyUs(), want);
     EXPECT_EQ(log.Lines().back(), "I Mixer_AlgoResample:GetLatencyUs:" + std::to_string(want) + ":");
 }
-
 }  // namespace
 }  // namespace mixer

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <regex>
+
 #include "tests/support/Mixerd.h"
 
 using namespace mixer::test;
@@ -193,7 +195,7 @@ TEST(AlsaPlay, NoDaemonFailsAtOpenAndAKilledPlayerLeavesNothing) {
 // build tree: what they play arrives, what they record is the microphone.
 struct ProgramCase {
     const char* name;
-    const char* args;  // after the program's name; IN and OUT stand for the files, "mono " for a 44.1-kHz mono IN
+    const char* args;  // after the program's name; IN and OUT stand for the files
     void (*check)(const std::vector<int16_t>& out, const std::string& file);
 };
 
@@ -202,15 +204,13 @@ void SampleForSample(const std::vector<int16_t>& out, const std::string& in) {
     SF_INFO info{};
     const std::vector<int16_t> s = ReadWav(in, info);
     const auto first = [](const std::vector<int16_t>& v) { return std::find_if(v.begin(), v.end(), [](int16_t x) { return x != 0; }) - v.begin(); };
-    ASSERT_LT(size_t(first(out)), out.size());
     const ptrdiff_t shift = first(out) - first(s);
-    ASSERT_GE(shift, 0);
-    ASSERT_GE(out.size(), s.size() + size_t(shift));
+    ASSERT_TRUE(size_t(first(out)) < out.size() && shift >= 0 && out.size() >= s.size() + size_t(shift));
     size_t differ = 0;
     for (size_t i = s.size() / 10; i < s.size(); ++i) differ += out[i + size_t(shift)] != s[i];
     EXPECT_EQ(differ, 0u);
 }
-// 1 kHz from a 44.1-kHz mono file or GStreamer's test source: at its pitch, whole.
+// 1 kHz from GStreamer's test source (44.1 kHz): at its pitch, whole.
 void AtItsPitch(const std::vector<int16_t>& out, const std::string&) {
     const std::vector<double> a = Tone(out, 1000);
     EXPECT_GE(std::count_if(a.begin(), a.end(), [](double v) { return v > 4000; }), 48);
@@ -219,16 +219,13 @@ void AtItsPitch(const std::vector<int16_t>& out, const std::string&) {
 void LeftThenRight(const std::vector<int16_t>& out, const std::string&) {
     const std::vector<double> l = Tone(out, 440, 0), r = Tone(out, 440, 1);
     const auto loud = [](const std::vector<double>& a) { return std::find_if(a.begin(), a.end(), [](double v) { return v > 1000; }) - a.begin(); };
-    ASSERT_LT(size_t(loud(l)), l.size());
-    ASSERT_LT(size_t(loud(r)), r.size());
-    EXPECT_LT(loud(l) + 50, loud(r));
+    EXPECT_TRUE(size_t(loud(r)) < r.size() && loud(l) + 50 < loud(r));
 }
 // arecord: two seconds of the tone microphone's 440 Hz at 16 kHz.
 void HeardTheMicrophone(const std::vector<int16_t>&, const std::string& file) {
     SF_INFO info{};
     const std::vector<int16_t> s = ReadWav(file, info);
-    EXPECT_EQ(info.frames, 32000);
-    EXPECT_NEAR(Level(s, 1, 16000, 440), 8192, 8192 * 0.1);
+    EXPECT_TRUE(info.frames == 32000 && std::abs(Level(s, 1, 16000, 440) - 8192) < 8192 * 0.1) << info.frames;
 }
 
 void PrintTo(const ProgramCase& c, std::ostream* os) { *os << c.name << " " << c.args; }
@@ -242,11 +239,8 @@ TEST_P(AlsaProgram, PlaysOrRecordsThroughTheMixer) {
     ASSERT_EQ(d.Ctl("speaker 52"), 0) << d.said;  // unity gain
     const std::string conf = d.dir.File("asound.conf"), in = d.dir.File("in.wav"), rec = d.dir.File("rec.wav");
     std::ofstream(conf) << "pcm_type.mixer { lib \"" PLUGIN_PATH "\" }\n" << Slurp(PLUGIN_CONF);
-    std::string args = c.args;
-    const bool mono = args.find("mono") != std::string::npos;
-    ASSERT_TRUE(WriteSine(in, mono ? 44100 : 48000, mono ? 1 : 2, 1000, 8000, 1));
-    for (const auto& [word, path] : {std::pair<std::string, std::string>{"IN", in}, {"OUT", rec}, {"mono ", ""}})
-        for (size_t at; (at = args.find(word)) != std::string::npos;) args.replace(at, word.size(), path);
+    ASSERT_TRUE(WriteSine(in, 48000, 2, 1000, 8000, 1));
+    const std::string args = std::regex_replace(std::regex_replace(c.args, std::regex("IN"), in), std::regex("OUT"), rec);
     // An instrumented plugin needs the sanitizers' runtimes in an uninstrumented program.
     ASSERT_EQ(d.Run(std::string("env LD_PRELOAD=" FOREIGN_PRELOAD " ASAN_OPTIONS=detect_leaks=0 ALSA_CONFIG_PATH=") + conf + " " + c.name + " " + args), 0) << d.said;
     ASSERT_EQ(d.Stop(), 0);
@@ -256,7 +250,6 @@ TEST_P(AlsaProgram, PlaysOrRecordsThroughTheMixer) {
 
 INSTANTIATE_TEST_SUITE_P(Programs, AlsaProgram,
     testing::Values(ProgramCase{"aplay", "-q -D mixer IN", SampleForSample},
-                    ProgramCase{"aplay", "-q -D mixer mono IN", AtItsPitch},
                     ProgramCase{"speaker-test", "-D mixer -c 2 -l 1 -t sine -b 200000", LeftThenRight},
                     ProgramCase{"gst-launch-1.0", "-q audiotestsrc freq=1000 volume=0.25 num-buffers=50 ! audioconvert ! alsasink device=mixer", AtItsPitch},
                     ProgramCase{"arecord", "-q -D mixer -f S16_LE -r 16000 -d 2 OUT", HeardTheMicrophone}),

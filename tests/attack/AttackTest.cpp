@@ -49,14 +49,12 @@ TEST_P(Attack, CostsTheAttackerAloneAndLeavesNothing) {
         const pid_t v = Spawn(MIXER_PLAY_PATH " --name victim --meta music " + ref.substr(0, ref.rfind('/')) + "/short.wav",
                               d.dir.File("v"));
         WaitExit(v, 20000);
-        // Whoever wrote the description file first, the daemon played no other user's
-        // announcement of the victim's queue.
+        // Whoever wrote the description file first, no other user's announcement of the
+        // victim's queue (another format) reached an engine.
         const std::string log = Slurp(d.log);
         const size_t posted = log.find("AddNewStream:victim posted");
-        const size_t announced = log.rfind("AddNewStream:victim name", posted);
-        if (posted != std::string::npos) {
-            EXPECT_EQ(log.compare(announced, 60, "AddNewStream:victim name victim type dataTrans 48000 Hz 2 ch"), 0) << log;
-        }
+        EXPECT_TRUE(posted == std::string::npos || log.compare(log.rfind("AddNewStream:victim name", posted), 60,
+                                                               "AddNewStream:victim name victim type dataTrans 48000 Hz 2 ch") == 0) << log;
     }
     if (*c.outcome) {
         EXPECT_TRUE(Eventually([&] { return inLog(c.outcome); }, 10000)) << Slurp(d.log);

@@ -36,9 +36,7 @@ volatile sig_atomic_t struck = 0, ended = 0;
 
 // The stand-ins' shared header as their source lays it out (one ring of slots of unit
 // bytes: a byte each for the queue, a message each for the buffer).
-struct RingHead {
-    uint32_t magic, unit, slots, readPos, writePos;
-};
+struct RingHead { uint32_t magic, unit, slots, readPos, writePos; };
 // glibc's condition variable keeps its internal lock in the low bits of the word at
 // this offset (__g1_orig_size), and takes it only with waiters counted (__wrefs, in 8s).
 constexpr size_t kCondLockWord = 32, kCondWaitersWord = 36;
@@ -114,8 +112,7 @@ int DataTransMode(const std::string& mode, const std::string& name, unsigned n) 
     });
     // Closing would broadcast on the wedged condition: leave as a killed client does.
     if (mode == "cond-lock") std::_Exit(rc);
-    munmap(mem, len);
-    return close(fd), rc;
+    return munmap(mem, len), close(fd), rc;
 }
 
 int ShmMode(const std::string& mode, const std::string& name) {
@@ -143,11 +140,8 @@ int ShmMode(const std::string& mode, const std::string& name) {
         else return false;
         return true;
     });
-    munmap(mem, len);
-    close(fd);
-    if (hq) ShmQClose(hq);
-    if (hb) ShmbufClose(hb);
-    return rc;
+    munmap(mem, len), close(fd);
+    return hq ? ShmQClose(hq) : ShmbufClose(hb), rc;
 }
 
 int Connect() {
@@ -155,8 +149,7 @@ int Connect() {
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
     std::snprintf(a.sun_path, sizeof a.sun_path, "%s", "/run/mixerd/mixerd.sock");
-    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return fd;
-    return close(fd), -1;
+    return connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 ? fd : (close(fd), -1);
 }
 
 // Control socket: one byte every 1.8 s (trickle), or n volume requests with n stream

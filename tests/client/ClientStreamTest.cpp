@@ -1,20 +1,15 @@
 #include "client/ClientStream.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <cerrno>
 #include <string>
-
 #include "client/StreamQueueName.h"
 #include "mixer/core/StreamInfo.h"
 #include "mixer/discovery/StreamFiles.h"
-
 namespace {
-
 using mixer::client::ClientStream;
 
 bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
@@ -23,11 +18,7 @@ std::string FilePath(const std::string& name) { return std::string(mixer::kStrea
 
 ClientStream::Params Make(const std::string& name, unsigned rate, unsigned channels, unsigned blocks) {
     ClientStream::Params p;
-    p.name = name;
-    p.meta = "music";
-    p.rate = rate;
-    p.channels = channels;
-    p.blocks = blocks;
+    p.name = name, p.meta = "music", p.rate = rate, p.channels = channels, p.blocks = blocks;
     p.socket.clear();  // no daemon here: announced counts as accepted
     return p;
 }
@@ -41,15 +32,11 @@ TEST(ClientStreamTest, BadParametersAreRefusedAndLeaveNothing) {
         Make("micRaw", 48000, 2, 8),
     };
     for (const auto& p : bad) {
-        SCOPED_TRACE(p.name + " " + std::to_string(p.rate) + " " + std::to_string(p.channels) + " " +
-                     std::to_string(p.blocks));
+        SCOPED_TRACE(p.name + " " + std::to_string(p.rate) + " " + std::to_string(p.channels) + " " + std::to_string(p.blocks));
         ClientStream s;
         std::string error;
         EXPECT_EQ(EINVAL, s.Open(ClientStream::kPlayback, p, error));
-        EXPECT_FALSE(error.empty());
-        EXPECT_FALSE(s.IsOpen());
-        EXPECT_FALSE(Exists(QueuePath("bad")));
-        EXPECT_FALSE(Exists(FilePath("bad")));
+        EXPECT_FALSE(error.empty() || s.IsOpen() || Exists(QueuePath("bad")) || Exists(FilePath("bad")));
     }
     // Without a daemon nothing is made, and the tool can say so.
     auto none = Make("bad", 48000, 2, 8);
@@ -75,32 +62,22 @@ TEST(ClientStreamTest, OpenAnnouncesTheStreamAndCloseRemovesBoth) {
         const std::string n = dir == ClientStream::kRecord ? "micAsr" : "nav";
         auto p = Make("/" + n, 16000, 3, 5);
         ASSERT_EQ(0, s.Open(dir, p, error)) << error;
-        EXPECT_EQ(5u, s.Queue().GetNumBlk());
-        EXPECT_EQ(16000u / 50 * 3 * 2, s.Queue().GetUserBlkSize());  // 20 ms of 16-bit audio
-        EXPECT_EQ(16000, s.Queue().GetRate());
-        EXPECT_EQ(3, s.Queue().GetNumCh());
-        EXPECT_EQ(2, s.Queue().GetSampleSize());
-        mixer::sStreamInfo info;
-        ASSERT_EQ(0, mixer::UtilReadFile(n, info));
-        EXPECT_EQ("/" + n, info.name);
-        EXPECT_EQ(mixer::client::kTypeDataTrans, info.type);
-        EXPECT_EQ(static_cast<int>(getpid()), info.id);
-        EXPECT_EQ(16000u, info.rate);
-        EXPECT_EQ(3u, info.numCh);
-        EXPECT_EQ(2u, info.sampleSize);
-        EXPECT_EQ(dir == ClientStream::kRecord ? "record" : "music", info.meta);
+        mixer::DataTrans& q = s.Queue();  // 20 ms of 16-bit audio a block
+        EXPECT_EQ(std::vector<int64_t>({q.GetNumBlk(), q.GetUserBlkSize(), q.GetRate(), q.GetNumCh(), q.GetSampleSize()}),
+                  std::vector<int64_t>({5, 16000 / 50 * 3 * 2, 16000, 3, 2}));
+        mixer::sStreamInfo i;
+        ASSERT_EQ(0, mixer::UtilReadFile(n, i));
+        EXPECT_EQ(std::vector<std::string>({i.name, i.type, i.meta}), std::vector<std::string>({"/" + n,
+                  mixer::client::kTypeDataTrans, dir == ClientStream::kRecord ? "record" : "music"}));
+        EXPECT_EQ(std::vector<int64_t>({i.id, i.rate, i.numCh, i.sampleSize}), std::vector<int64_t>({getpid(), 16000, 3, 2}));
         mixer::DataTrans daemonEnd;  // the daemon's end, opened by the rule both sides share
         ASSERT_EQ(0, daemonEnd.Init(mixer::client::StreamQueueName(n).c_str()));
-
         // A second stream of the same name is refused and does not disturb the first.
         ClientStream twin;
         EXPECT_EQ(EEXIST, twin.Open(dir, Make(n, 16000, 3, 5), error));
-        EXPECT_TRUE(Exists(QueuePath(n)));
-        EXPECT_TRUE(Exists(FilePath(n)));
-
+        EXPECT_TRUE(Exists(QueuePath(n)) && Exists(FilePath(n)));
         s.Close();
-        EXPECT_FALSE(s.IsOpen());
-        EXPECT_FALSE(Exists(FilePath(n)));
+        EXPECT_FALSE(s.IsOpen() || Exists(FilePath(n)));
         EXPECT_TRUE(daemonEnd.IsHungUp());
         daemonEnd.DeInit();  // the last end to close removes the queue
         EXPECT_FALSE(Exists(QueuePath(n)));
@@ -122,8 +99,7 @@ TEST(ClientStreamTest, ADescriptionFileOfAnotherUserIsNeitherWrittenNorFollowed)
         std::string error;
         EXPECT_EQ(EEXIST, s.Open(ClientStream::kPlayback, Make(name, 48000, 2, 8), error));
         EXPECT_NE(std::string::npos, error.find("is another user's")) << error;
-        EXPECT_FALSE(Exists(QueuePath(name)));
-        EXPECT_TRUE(Exists(FilePath(name)));
+        EXPECT_TRUE(!Exists(QueuePath(name)) && Exists(FilePath(name)));
     }
     struct stat st;
     EXPECT_TRUE(stat(target.c_str(), &st) == 0 && st.st_size == 0);
@@ -139,9 +115,7 @@ TEST(ClientStreamTest, UnwritableDescriptionFileTakesTheQueueAlong) {
     p.id = 77;
     EXPECT_EQ(EIO, s.Open(ClientStream::kPlayback, p, error));
     EXPECT_NE(std::string::npos, error.find("description file")) << error;
-    EXPECT_FALSE(s.IsOpen());
-    EXPECT_FALSE(Exists(QueuePath("ro")));
+    EXPECT_FALSE(s.IsOpen() || Exists(QueuePath("ro")));
     umount(mixer::kStreamDir);
 }
-
 }  // namespace

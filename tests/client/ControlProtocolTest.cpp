@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 #include <string>
 #include "client/ControlProtocol.h"
-
 namespace mixer {
 namespace {
-
 using client::ControlCommand;
 using client::ControlProtocol;
 using client::ControlReply;
@@ -18,11 +16,7 @@ std::string Said(const ControlCommand& c) {
 TEST(ControlProtocolTest, RequestsParseOrAreRefusedWithTheReason) {
     const std::string t64(64, 't'), percent = "volume must be a whole percent from 0 to 100, not ",
                                     ctl = "stream type contains a control character", big(20, '9');
-    const struct {
-        std::string line;
-        bool ok;
-        std::string text;  // Said() or the reason
-    } cases[] = {
+    const struct { std::string line; bool ok; std::string text; } cases[] = {  // text: Said() or the reason
         {"volume music 30", true, "0|music|30|0"}, {"  speaker\t100 \r\n", true, "1||100|0"},
         {"speaker 0", true, "1||0|0"}, {"focus !", true, "2|!|0|0"}, {"mic on", true, "3||0|1"},
         {"volume " + t64 + " 5", true, "0|" + t64 + "|5|0"},
@@ -45,6 +39,5 @@ TEST(ControlProtocolTest, RequestsParseOrAreRefusedWithTheReason) {
     }
     EXPECT_EQ(ControlProtocol::FormatReply(ControlReply::Error("x\ny\r")), "ERR x y \n");  // one line, always
 }
-
 }  // namespace
 }  // namespace mixer

@@ -1,18 +1,14 @@
 #include <gtest/gtest.h>
-
 #include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
-
 #include "mixer/core/AudioFrame.h"
 #include "mixer/core/MsgQ.h"
 #include "mixer/core/MsgSetSpeakerVol.h"
 #include "tests/support/LogCapture.h"
-
 namespace mixer {
 namespace {
-
 typedef std::vector<std::string> Lines;
 
 // Sample size, rate, channels and ms asked for and kept, then samples per channel and
@@ -52,9 +48,7 @@ TEST(UtilConcatBufIdTest, JoinsIdsWithinTheArray) {
     const std::string x100(100, 'x'), x140(140, 'x'), x148(148, 'x'), x149(149, 'x');
     struct Case { std::string dst, src, joined; };
     const Case cases[] = {
-        {"", "A", "A"},
-        {"A", "B", "A B"},
-        {"A B", "", "A B"},  // nothing to add: null, unchanged
+        {"", "A", "A"}, {"A", "B", "A B"}, {"A B", "", "A B"},  // nothing to add: null, unchanged
         {x140, std::string(20, 'y'), x140 + " " + std::string(7, 'y')},  // cut off at 148 characters
         {x100, std::string(48, 'y'), x100 + " " + std::string(48, 'y')},
         {x100, std::string(49, 'y'), x100 + " " + std::string(47, 'y')},
@@ -101,6 +95,5 @@ TEST(MsgQTest, ManyPostersFromOtherThreadsLoseNothingAndKeepTheirOrderAndAnEmpty
     EXPECT_FALSE(q.getMsg(false));
     EXPECT_EQ(log.Lines(), Lines{"I MsgQ:sendMsg:NULL:"});
 }
-
 }  // namespace
 }  // namespace mixer

@@ -1,27 +1,22 @@
 // Description files and the watcher. The binary replaces read() and the device-metric
 // call: read() turns armed calls on the watcher's inotify descriptor into EINTR.
 #include "mixer/discovery/Discovery.h"
-
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
-
 #include <algorithm>
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-
 #include <gtest/gtest.h>
-
 #include "mixer/discovery/StreamFiles.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeConnect.h"
 #include "tests/support/LogCapture.h"
-
 namespace {
 std::mutex g_lock;
 std::condition_variable g_changed;
@@ -50,7 +45,6 @@ extern "C" int record_device_metric(const char* program, const char* source, con
 
 namespace mixer {
 namespace {
-
 using Lines = std::vector<std::string>;
 const std::string kDir = "/var/run/mixer";
 const char kThreadExit[] = "I Mixer_Discovery:Discovery Thread:exiting!!:";
@@ -64,21 +58,26 @@ Lines Entries(const std::string& path) {  // sorted
     std::sort(names.begin(), names.end());
     return names;
 }
+
 std::string ReadAll(const std::string& path) {
     std::ifstream in(path.c_str(), std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
+
 bool WriteRaw(const std::string& name, const std::string& content) {
     return static_cast<bool>(std::ofstream((kDir + "/" + name).c_str(), std::ios::binary) << content);
 }
+
 void SetRunReadOnly(bool ro) {
     ASSERT_EQ(0, mount("tmpfs", "/run", nullptr, MS_REMOUNT | (ro ? MS_RDONLY : 0), nullptr));
 }
+
 sStreamInfo Info(const std::string& name) {
     sStreamInfo i;
     i.id = -5, i.type = "shmQ", i.name = name, i.rate = 44100, i.numCh = 2, i.sampleSize = 2, i.meta = "nav prompt";
     return i;
 }
+
 std::string Fields(const sStreamInfo& i) {
     return i.name + "|" + i.type + "|" + std::to_string(i.id) + "|" + std::to_string(i.rate) + "|" +
            std::to_string(i.numCh) + "|" + std::to_string(i.sampleSize) + "|" + i.meta;
@@ -308,6 +307,5 @@ TEST_F(DiscoveryTest, EveryTenthInterruptedReadInARowIsCountedAndLogged) {
     EXPECT_EQ(2, log.Count("E Mixer_Discovery:Read Retry count:10:")) << log.Dump();
     EXPECT_EQ(1, log.Count("E Mixer_Discovery:Read Retry count:20:")) << log.Dump();
 }
-
 }  // namespace
 }  // namespace mixer

@@ -1,12 +1,8 @@
 // The whole system: mixerd with the WAV output and the tone microphone, two mixer-play
 // clients (music, and a focused prompt at another rate and channel count), mixerctl.
-
 #include <gtest/gtest.h>
-
 #include <numeric>
-
 #include "tests/support/Mixerd.h"
-
 using namespace mixer::test;
 
 TEST(EndToEndTest, MusicDucksUnderAFocusedPromptWithoutClicksAndTheDaemonLeavesNothingBehind) {
@@ -47,8 +43,7 @@ TEST(EndToEndTest, MusicDucksUnderAFocusedPromptWithoutClicksAndTheDaemonLeavesN
     ASSERT_TRUE(25 < first && first <= last && last + 40 < m.size()) << "no prompt amid the music: " << first;
     EXPECT_NEAR((last - first + 1) * 0.02, 1.2, 0.15) << "prompt length";
     auto mean = [&](size_t from, size_t to) { return std::accumulate(&m[from], &m[0] + to, 0.0) / (to - from); };
-    const double before = mean(first - 25, first - 2), during = mean(first + 20, last - 1);
-    const double after = mean(last + 20, last + 40);
+    const double before = mean(first - 25, first - 2), during = mean(first + 20, last - 1), after = mean(last + 20, last + 40);
     EXPECT_GT(before, 4000) << "music missing before the prompt";
     EXPECT_GT(*std::max_element(p.begin(), p.end()), 4000) << "prompt too quiet";
     EXPECT_LE(20 * std::log10(during / before), -12.0) << "music not ducked: " << before << " -> " << during;

@@ -1,23 +1,15 @@
 // The tools as a user meets them, against a real mixerd (WAV output, tone microphone): every
 // failure said at once with the exit status documented, every sound at its level, nothing left.
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include "tests/support/Mixerd.h"
-
 using namespace mixer::test;
 
 namespace {
-
 const std::string kPlay = MIXER_PLAY_PATH " --quiet ", kRec = MIXER_REC_PATH " --quiet ", kCtl = MIXERCTL_PATH " ";
 
-struct Case {
-    std::string cmd;  // $D: the test's directory
-    int status;
-    std::string says;  // part of what it prints
-};
+struct Case { std::string cmd; int status; std::string says; };  // $D in cmd: the test's directory; says: part of what it prints
 
 void RunAll(Mixerd& d, const std::vector<Case>& cases) {
     for (const Case& c : cases) {
@@ -34,7 +26,6 @@ double Peak(const Mixerd& d, double freq) {
     const std::vector<double> a = Tone(ReadWav(d.out, info), freq);
     return a.empty() ? 0 : *std::max_element(a.begin(), a.end());
 }
-
 }  // namespace
 
 TEST(ToolsTest, WithoutTheDaemonEveryToolSaysWhyAtOnce) {
@@ -95,7 +86,6 @@ TEST(ToolsTest, TheDaemonsAnswersReachTheToolsAndSoundPlaysAsItIs) {
     if (f) sf_close(f);
     // Float and double at their level; the speaker at 100 is +24 dB (16 times).
     for (double freq : {440.0, 1000.0, 2000.0}) EXPECT_NEAR(Peak(d, freq), cut, cut * 0.12) << freq << " Hz";
-
     // A recording under way shows in the daemon's view by name; a second one of the name fails
     // without touching its file.
     const pid_t rec = Spawn(kRec + "--name micRaw " + d.dir.File("r1.wav"), d.dir.File("rec"));

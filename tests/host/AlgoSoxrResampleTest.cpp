@@ -1,13 +1,9 @@
 #include <gtest/gtest.h>
-
 #include <cmath>
-
 #include "host/AlgoSoxrResample.h"
 #include "mixer/algo/AlgoResample.h"
-
 namespace mixer {
 namespace {
-
 using host::AlgoSoxrResample;
 using Frame = boost::shared_ptr<AudioFrame>;
 
@@ -86,6 +82,5 @@ TEST(AlgoSoxrResampleTest, AStepArrivesAfterTheLatencyFigureWithoutGapsAndUnusab
     ok.bypass = true;
     EXPECT_TRUE(ok.Process(f) == f && ok.GetLatencyUs() == 0);
 }
-
 }  // namespace
 }  // namespace mixer

@@ -1,6 +1,5 @@
 // The daemon's connection, driven as the engines' threads drive it. Runs in a private /run
 // and /dev/shm (see CMakeLists.txt): stream tokens remove description files.
-
 #include <gtest/gtest.h>
 #include <new>
 #include <fcntl.h>
@@ -30,7 +29,6 @@
 
 namespace mixer {
 namespace {
-
 using Strings = std::vector<std::string>;
 using Frame = boost::shared_ptr<AudioFrame>;
 using V = std::vector<int64_t>;
@@ -41,8 +39,7 @@ boost::shared_ptr<M> As(const boost::shared_ptr<MsgHead>& m) { return boost::dyn
 sStreamInfo Info(const std::string& name, const std::string& meta, unsigned rate = 48000, unsigned numCh = 2,
                  const std::string& type = client::kTypeDataTrans) {
     sStreamInfo i;
-    i.id = 1, i.name = name, i.type = type, i.meta = meta;
-    i.rate = rate, i.numCh = numCh, i.sampleSize = 2;
+    i.id = 1, i.name = name, i.type = type, i.meta = meta, i.rate = rate, i.numCh = numCh, i.sampleSize = 2;
     return i;
 }
 
@@ -53,23 +50,21 @@ Frame Silence(unsigned rate, unsigned numCh) {
     std::fill(f->Samples16(), f->Samples16() + f->len * numCh, 0);
     return f;
 }
+
 std::vector<int16_t> S16(const Frame& f) { return {f->Samples16(), f->Samples16() + f->len * f->numCh}; }
 
 // The client's end of a stream: its block queue and its description file.
 struct Client {
     explicit Client(const sStreamInfo& i, unsigned blocks = 4)
         : info(i), ok(queue.Init(("/mixer-" + i.name).c_str(), blocks, 3840) == 0 && UtilWriteFile(i) == 0) {}
-    sStreamInfo info;
-    DataTrans queue;
-    bool ok;
+    sStreamInfo info; DataTrans queue; bool ok;
 };
 
 class DaemonConnectTest : public testing::Test {
 protected:
     void SetUp() override {
         MIXER_REQUIRE_PRIVATE_RUN();
-        settings.rate = settings.deviceRate = 48000, settings.numCh = 2;
-        settings.micRate = 16000, settings.micNumCh = 1;
+        settings.rate = settings.deviceRate = 48000, settings.numCh = 2, settings.micRate = 16000, settings.micNumCh = 1;
         connect.reset(new host::DaemonConnect(settings, outputs, nullptr, events, probe));
         connect->SetQueues(playbackQ, recordQ);
     }
@@ -85,8 +80,7 @@ protected:
         for (const boost::shared_ptr<MsgQ>& q : {playbackQ, recordQ})
             while (boost::shared_ptr<MsgHead> m = q->getMsg(false)) {
                 taken.push_back(m);
-                auto in = As<MsgNewInput>(m);
-                auto out = As<MsgNewOutput>(m);
+                auto in = As<MsgNewInput>(m); auto out = As<MsgNewOutput>(m);
                 lines.push_back(in ? "input " + in->input->name + " " + in->input->desc + " " +
                                          to_string(in->input->rate)
                                    : out ? "output " + out->output->name : "focus " + As<MsgSetFocus>(m)->streamType);
@@ -94,7 +88,6 @@ protected:
         return lines;
     }
     static Frame Through(Stream& stream, unsigned rate, unsigned numCh) { return stream.Process(Silence(rate, numCh)); }
-
     host::DaemonConnect::Settings settings;
     host::DaemonConnect::OutputSource outputs;
     host::EventQueue events;
@@ -144,10 +137,7 @@ TEST_F(DaemonConnectTest, StreamsThatCannotPlayAreRefusedWithoutTraceOrAnnouncem
     sStreamInfo wide = Info("wide", "music");
     wide.sampleSize = 4;
     const std::string ch = "channel count out of range 1..10", rate = "rate out of range 8000..96000 Hz";
-    const struct {
-        sStreamInfo info;
-        std::string why;  // the refusal logged; none when the queue does not open
-    } cases[] = {
+    const struct { sStreamInfo info; std::string why; } cases[] = {  // why: none when the queue does not open
         {Info("", "music"), "no usable stream name"}, {Info("a/b", "music"), "no usable stream name"},
         {wide, "only 16-bit samples are mixed"}, {Info("c0", "music", 48000, 0), ch},
         {Info("c11", "music", 48000, 11), ch}, {Info("low", "music", 7950), rate}, {Info("high", "music", 96050), rate},
@@ -180,12 +170,7 @@ TEST_F(DaemonConnectTest, StreamsThatAreNotOneUsersAreRefusedAndTheQueuesOwnerKe
     ASSERT_TRUE(live.ok);
     ASSERT_EQ(Add(live.info), 0);
     Posted();
-    const struct {
-        sStreamInfo info;
-        uid_t file, queue;
-        mode_t mode;
-        std::string why;
-    } cases[] = {
+    const struct { sStreamInfo info; uid_t file, queue; mode_t mode; std::string why; } cases[] = {
         {Info("theirs", "music"), 0, nobody, 0660, "the description file (user 0) and the queue (user 65534) belong to different users"},
         {Info("open", "music"), 0, 0, 0662, "the queue is writable by every user"},
         {Info("pid1", "music"), nobody, nobody, 0660, "process 1 is not user 65534's"},
@@ -219,8 +204,7 @@ TEST_F(DaemonConnectTest, StreamsThatAreNotOneUsersAreRefusedAndTheQueuesOwnerKe
 }
 
 TEST_F(DaemonConnectTest, StreamsBeyondTheLimitsAreRefusedOnceWithTheReasonAndNotHeld) {
-    settings.maxQueueBlocks = 8, settings.maxQueueBytes = 5 * (3840 + 168);
-    settings.maxStreams = 3, settings.maxStreamsPerUser = 2;
+    settings.maxQueueBlocks = 8, settings.maxQueueBytes = 5 * (3840 + 168), settings.maxStreams = 3, settings.maxStreamsPerUser = 2;
     connect.reset(new host::DaemonConnect(settings, outputs, nullptr, events, probe));
     connect->SetQueues(playbackQ, recordQ);
     const std::string limit = " (the daemon's limit: 8 blocks, 20040 bytes)";
@@ -332,8 +316,7 @@ TEST(DaemonWatchdogTest, PetsWhileTheEnginesLiveStopOnceOneIsWedgedAndSigtermSti
                        "longer told the daemon lives:"), std::string::npos) << log;
     EXPECT_NE(log.find("E Mixerd:Run:not stopped within 1500 ms (a thread is stuck): files removed, exiting:"),
               std::string::npos) << log;
-    EXPECT_FALSE(test::Exists(kStreamDir));
-    EXPECT_FALSE(test::Exists(d.sock));
+    EXPECT_FALSE(test::Exists(kStreamDir) || test::Exists(d.sock));
     EXPECT_EQ(test::DirNames("/dev/shm"), std::set<std::string>());
     umount2("/run/status", MNT_DETACH);
     close(fd);

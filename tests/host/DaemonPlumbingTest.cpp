@@ -4,16 +4,13 @@
 #include <unistd.h>
 #include <sstream>
 #include <thread>
-
 #include "host/ClientWatcher.h"
 #include "host/DaemonOptions.h"
 #include "host/ShutdownSignals.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogCapture.h"
-
 namespace mixer {
 namespace {
-
 using host::ClientWatcher;
 using host::DaemonOptions;
 using V = std::vector<int64_t>;
@@ -31,11 +28,7 @@ TEST(DaemonOptionsTest, ArgumentListsAreTakenOrRefusedWithTheReason) {
     const auto kRun = DaemonOptions::kRun, kError = DaemonOptions::kError;
     const std::string run = "|/run/mixerd/mixerd.sock|/run/mixerd/mixerd.status|",
                       plain = "alsa|default|out.wav|alsa|default||48000|2|0|16000|1|40" + run;
-    struct Case {
-        std::vector<std::string> args;
-        DaemonOptions::Result result;
-        std::string text;  // the options taken (kRun) or the error
-    };
+    struct Case { std::vector<std::string> args; DaemonOptions::Result result; std::string text; };  // text: taken or error
     std::vector<Case> cases = {
         {{}, kRun, plain + "0:0|0|-1|0|soxr|:audio"}, {{"--log-mask", "0x20"}, kRun, plain + "1:20|0|-1|0|soxr|:audio"},
         {{"--output", "wav", "--out-file", "/o.wav", "--mic=wav", "--mic-file", "m.wav", "--rate", "8000", "--channels",
@@ -120,6 +113,5 @@ TEST(ShutdownSignalsTest, TermAndIntArriveOnTheDescriptorInsteadOfKilling) {
         EXPECT_EQ(signals.Take(), sig);
     }
 }
-
 }  // namespace
 }  // namespace mixer

@@ -1,21 +1,16 @@
 // The sweep of a daemon that has left root: it cannot read other users' maps.
-
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <gtest/gtest.h>
-
 #include "host/StaleQueueSweep.h"
 #include "host/TrustBoundary.h"
 #include "tests/host/TempDir.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LockingClient.h"
-
 namespace mixer {
 namespace {
-
 // Another user's process may hold any of its user's queues: only the daemon's own user's
 // unheld queue goes. The queues sit in a sticky directory, as in /dev/shm, and the daemon
 // keeps the capability that lets it remove other users' queues.
@@ -42,6 +37,5 @@ TEST(StaleQueueSweepTest, ADaemonThatLeftRootRemovesNoQueueOfAUserWhoseMapsItCan
     EXPECT_TRUE(access(dir.File("q-held").c_str(), F_OK) == 0 && access(dir.File("q-root").c_str(), F_OK) == 0);
     munmap(held, 4096), close(fd);
 }
-
 }  // namespace
 }  // namespace mixer

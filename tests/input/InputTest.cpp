@@ -18,10 +18,8 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/ShmName.h"
 #include "tests/support/ShrinkProbe.h"
-
 namespace mixer {
 namespace {
-
 using namespace test;
 typedef std::vector<std::string> Lines;
 typedef boost::shared_ptr<AudioFrame> Frame;
@@ -33,6 +31,7 @@ std::string Pattern(size_t n, unsigned seed) {
     for (size_t i = 0; i < n && seed != 0; ++i) v[i] = static_cast<char>(seed * 31 + i * 7 + 1);
     return v;
 }
+
 std::string Bytes(const Frame& f) { return f ? std::string(f->data, f->size) : "none"; }
 // The captured lines of one component (its tag), in order.
 Lines Of(const LogCapture& log, const std::string& tag) {
@@ -58,10 +57,7 @@ struct Client {
 // Blocks of any size come out as 20-ms frames of their bytes, the last padded with
 // silence, with the ids of the blocks each drew from; counted off, every block given back.
 TEST(InputDataTransTest, FramesAreCutFromBlocksOfAnySize) {
-    const struct {
-        unsigned numBlk, blkSize;
-        Lines ids;
-    } cases[] = {{1, kFrame, {"b0"}}, {8, 1000, {"b0 b1 b2 b3", "b3 b4 b5 b6 b7", "b7"}}, {1, 6000, {"b0", "b0"}}};
+    const struct { unsigned numBlk, blkSize; Lines ids; } cases[] = {{1, kFrame, {"b0"}}, {8, 1000, {"b0 b1 b2 b3", "b3 b4 b5 b6 b7", "b7"}}, {1, 6000, {"b0", "b0"}}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.blkSize);
         Client q(c.numBlk, c.blkSize);
@@ -117,10 +113,7 @@ TEST(InputDataTransTest, StateOperationsFollowTheTable) {
     InputDataTrans& in = *q.input;
     const tInOutState A = STATE_ACTIVE, D = STATE_DRAINING, P = STATE_PAUSING, Pd = STATE_PAUSED, H = STATE_HANGUP,
                       F = STATE_FAULT, S = STATE_STOPPED;
-    const struct {
-        void (*apply)(InputDataTrans&);
-        tInOutState to[7];  // indexed by the starting state
-    } rows[] = {
+    const struct { void (*apply)(InputDataTrans&); tInOutState to[7]; } rows[] = {  // to: by the starting state
         {[](InputDataTrans& i) { i.PauseDelay(40); }, {P, P, P, Pd, H, F, S}},
         {[](InputDataTrans& i) { i.PauseDelay(0); }, {Pd, Pd, Pd, Pd, H, F, S}},
         {[](InputDataTrans& i) { i.Pause(); }, {Pd, Pd, Pd, Pd, H, F, S}},
@@ -363,6 +356,5 @@ TEST(InputShmTest, BrokenOrShrunkSharedMemoryFaultsTheInput) {
                     lines[0].find(c.at == kShrink ? "shrunk" : "broken") != std::string::npos) << log.Dump();
     }
 }
-
 }  // namespace
 }  // namespace mixer

@@ -1,22 +1,17 @@
 #include "mixer/notify/NexoSendStringEvent.h"
-
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
-
 #include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
-
 #include "nexo.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogCapture.h"
-
 namespace mixer {
 namespace {
-
 typedef std::vector<std::string> Lines;
 
 int OnEvent(sd_bus_message* m, void* seen, sd_bus_error*) {
@@ -49,7 +44,6 @@ TEST(NexoSendStringEventTest, EventsArriveAsSentAndWithoutABusOneErrorLineSaysSo
     Lines seen;  // "event|params"
     // Synchronous: the daemon has the match before anything is sent.
     ASSERT_GE(sd_bus_match_signal(bus, nullptr, nullptr, NEXO_OBJECT_PATH, NEXO_INTERFACE, NEXO_MEMBER, OnEvent, &seen), 0);
-
     NexoHandleStruct* h = NexoOpen(NEXO_BUS_DEFAULT);  // the session bus, as its address is set
     ASSERT_NE(h, nullptr);
     EXPECT_EQ(NexoCreateAndSendEventWithParameters(h, "volume", "vol=%d type=%s", 52, "music"), 0);
@@ -58,7 +52,6 @@ TEST(NexoSendStringEventTest, EventsArriveAsSentAndWithoutABusOneErrorLineSaysSo
     for (int rounds = 0; seen.size() < 3 && rounds < 1000; ++rounds)  // each wait at most 100 ms
         if (sd_bus_process(bus, nullptr) == 0) sd_bus_wait(bus, 100 * 1000);
     EXPECT_EQ(seen, (Lines{"volume|vol=52 type=music", "mixer.focus|stream %d got %s 100%", "empty|"}));
-
     daemon.reset();  // killed and reaped
     test::LogCapture log;
     EXPECT_EQ(nexo::NexoSendStringEvent(h, "mixer.state", "vol %d"), 1);  // whatever the bus's own code
@@ -70,6 +63,5 @@ TEST(NexoSendStringEventTest, EventsArriveAsSentAndWithoutABusOneErrorLineSaysSo
     EXPECT_EQ(NexoOpen(NEXO_BUS_DEFAULT), nullptr);
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
-
 }  // namespace
 }  // namespace mixer

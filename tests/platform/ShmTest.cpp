@@ -1,19 +1,15 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mman.h>
-
 #include <cerrno>
 #include <string>
 #include <vector>
-
 #include "platform/common/shm_ring.h"
 #include "shmbuf.h"
 #include "shmq.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ShmName.h"
-
 namespace {
-
 using mixer::test::ChildProcess;
 using mixer::test::ShmName;
 
@@ -100,8 +96,7 @@ TEST(ShmQTest, MinimumMakesReadsAllOrNothingAndFullQueuesTakeWhatFits) {
     EXPECT_EQ(ShmQHangUp(w), 0);
     EXPECT_EQ(ShmQWrite(w, "x", 1, 0), -1);
     EXPECT_EQ(errno, EPIPE);
-    ShmQClose(r);
-    ShmQClose(w);
+    ShmQClose(r), ShmQClose(w);
 }
 
 // A peer that rewrites the shared header after the reader opened (as a hostile writer
@@ -140,5 +135,4 @@ TEST(ShmScribbleTest, EveryCallRefusesAHeaderThePeerBroke) {
             queue ? ShmQClose(wq) : ShmbufClose(wb);
         }
 }
-
 }  // namespace

@@ -1,5 +1,4 @@
 // The playback engine: its handlers on a thread-less engine, its mixing thread, and clients that fail in their lock.
-
 #include <stdlib.h>
 #include <unistd.h>
 #include <cmath>
@@ -14,7 +13,6 @@
 #include "tests/support/LockingClient.h"
 #include "tests/support/ShmName.h"
 #include "tests/support/Fake.h"
-
 namespace mixer::test {
 namespace {
 typedef std::pair<unsigned, long> RampTo;  // steps left (0: not ramping), target row
@@ -92,8 +90,7 @@ TEST_F(PlaybackTest, StreamVolumesRampOnChangesAndClientCommandsFade) {
     InputPtr a = Add("alert");  // the last row stored its volume only
     EXPECT_EQ(Ramp(a), RampTo(0, RelRow(35, 45)));
     // A speaker volume goes to the output and resets every type to it (unity).
-    connect.SetDefaultOutput(out);
-    pb.SetupDefaultOutput();
+    connect.SetDefaultOutput(out), pb.SetupDefaultOutput();
     pb.handleMsg(boost::make_shared<MsgSetSpeakerVol>(60));
     EXPECT_EQ(out->Volumes(), std::vector<int>({45, 60}));
     EXPECT_EQ(Ramp(a), RampTo(Steps(250), 127));
@@ -129,8 +126,7 @@ TEST_F(PlaybackTest, ReportShowsTheOutputAndTheInputsInFocusOrderReplacingTheFil
     EXPECT_EQ(log.Lines(), Lines({"E Mixer_Playback:handleMsg:Unsupported type 1:",
                                   "W Mixer_Playback:WriteInfo:Could not open /nonexistent-dir/status:"}));
     connect.SetSumParams(44100, 1, SAMPLE_SIZE_32);
-    connect.SetDefaultOutput(out);
-    pb.SetupDefaultOutput();
+    connect.SetDefaultOutput(out), pb.SetupDefaultOutput();
     // A new output whose algorithms the host refuses is not taken.
     OutputPtr usb = boost::make_shared<FakeOutput>("Usb", STATE_PAUSED);
     for (int refused : {1, 0}) {
@@ -169,8 +165,7 @@ TEST_P(PlaybackMixTest, WritesEachPeriodsSum) {
     out = boost::make_shared<FakeOutput>(c.output);
     connect.SetDefaultOutput(out);
     connect.SetAttachInputRampGain(c.gains);
-    Post(new MsgSetStreamVol("a", 36, 40));  // stored before the inputs arrive: at once
-    Post(new MsgSetStreamVol("b", 30, 40));
+    Post(new MsgSetStreamVol("a", 36, 40)), Post(new MsgSetStreamVol("b", 30, 40));  // stored before the inputs: at once
     for (size_t i = 0; i < c.inputs.size(); ++i)
         Post(new MsgNewInput(Scripted(std::string(1, char('a' + i)), c.inputs[i])));
     ASSERT_EQ(pb.Init(&connect), 0);
@@ -242,17 +237,15 @@ class PlaybackClientTest : public PlaybackTest, public ::testing::WithParamInter
 TEST_P(PlaybackClientTest, ClientKilledOrStoppedInsideItsLockIsErasedWhileTheOthersPlayOn) {
     ShmName name;
     LockingClient client(name.str(), {true, 4, 4 * 960, true, {}});  // created, fed; forked before the engine thread
-    ASSERT_TRUE(client.Ready());
     boost::shared_ptr<DataTrans> queue = boost::make_shared<DataTrans>();
-    ASSERT_EQ(queue->Init(name.c_str()), 0);
+    ASSERT_TRUE(client.Ready() && queue->Init(name.c_str()) == 0);
     boost::shared_ptr<InputDataTrans> bad = boost::make_shared<InputDataTrans>(queue, 48000, 2, 2, "client");
     boost::shared_ptr<SineInput> tone = boost::make_shared<SineInput>(48000, 2, 440.0, 8000.0, "music");
     out = boost::make_shared<FakeOutput>("Speaker");
     connect.SetDefaultOutput(out);
     // The client's stream first: the stream after an erased one is skipped for that period, so with the tone
     // second its frames stay in sequence, none missing or twice.
-    Post(new MsgNewInput(bad));
-    Post(new MsgNewInput(tone));
+    Post(new MsgNewInput(bad)), Post(new MsgNewInput(tone));
     ASSERT_EQ(pb.Init(&connect), 0);
     ASSERT_TRUE(out->WaitForFrames(5, kWait));
     ASSERT_TRUE(client.Lock());

@@ -1,5 +1,4 @@
 // The record engine's thread with a fake host, fake outputs and a microphone fed frame by frame (a read waits).
-
 #include <stdlib.h>
 #include <unistd.h>
 #include <fstream>
@@ -9,7 +8,6 @@
 #include "mixer/core/MsgWriteInfo.h"
 #include "mixer/record/Record.h"
 #include "tests/support/EngineFixture.h"
-
 namespace mixer::test {
 namespace {
 const char kNullPost[] = "I MsgQ:sendMsg:NULL:";
@@ -26,8 +24,7 @@ struct FailingAlgo : Algo {
 class RecordTest : public EngineFixture<Record> {
 protected:
     RecordTest() {
-        mic->SetBlockWhenEmpty(true);
-        mic2->SetBlockWhenEmpty(true);
+        mic->SetBlockWhenEmpty(true), mic2->SetBlockWhenEmpty(true);
         connect.SetDefaultInputs({mic, mic2});
         // Each output's stream is named after the output and described as "meta-<name>"; F's gets a failing algorithm.
         connect.SetRecordAlgosHook([](boost::shared_ptr<StreamOut> s) {
@@ -44,8 +41,7 @@ protected:
         std::thread stopper([this] { engine.DeInit(); });
         EXPECT_TRUE(log.WaitFor(kNullPost, posts + 1));
         Post(new MsgPing());
-        mic->SetBlockWhenEmpty(false);
-        mic2->SetBlockWhenEmpty(false);
+        mic->SetBlockWhenEmpty(false), mic2->SetBlockWhenEmpty(false);
         stopper.join();
     }
     void Start() { ASSERT_EQ(0, engine.Init(&connect)); ASSERT_TRUE(log.WaitFor("I Mixer_Record:Process:Start 0:")); }
@@ -109,9 +105,7 @@ TEST_F(RecordTest, SeveralOutputsGetCopiesAndAFailedOneIsErasedSteppingOverItsFo
     // Two reports, appended, handled at once while the microphone is off; the unknown code 99 marks the end.
     char path[] = "/tmp/record-report-XXXXXX";
     ASSERT_EQ(close(mkstemp(path)), 0);
-    Post(new MsgWriteInfo(path));
-    Post(new MsgWriteInfo(path));
-    Post(new MsgHead(99));
+    Post(new MsgWriteInfo(path)), Post(new MsgWriteInfo(path)), Post(new MsgHead(99));
     ASSERT_TRUE(log.WaitFor("E Mixer_Record:handleMsg:Unsupported type 99:"));
     std::stringstream report;
     report << std::ifstream(path).rdbuf();
@@ -119,9 +113,7 @@ TEST_F(RecordTest, SeveralOutputsGetCopiesAndAFailedOneIsErasedSteppingOverItsFo
                             "0\tmeta-F\tF\n1\tmeta-B\tB\n2\tmeta-C\tC\n3\tmeta-D\tD\n" + std::string(49, '=') + "\n";
     EXPECT_EQ(one + one, report.str());
     unlink(path);
-    d->FailAtWrite(1, STATE_FAULT);
-    c->FailAtWrite(4, STATE_HANGUP);
-    b->FailAtWrite(5, STATE_HANGUP);
+    d->FailAtWrite(1, STATE_FAULT), c->FailAtWrite(4, STATE_HANGUP), b->FailAtWrite(5, STATE_HANGUP);
     Post(new MsgEnableMic(1));
     boost::shared_ptr<AudioFrame> frame = mic->MakeFrame(0);
     for (uint32_t i = 0; i < frame->len; ++i) frame->Samples16()[i] = int16_t(1 + 3 * i);
@@ -152,6 +144,5 @@ TEST_F(RecordTest, SeveralOutputsGetCopiesAndAFailedOneIsErasedSteppingOverItsFo
     EXPECT_TRUE(f->Frames().empty());
     EXPECT_EQ(4, mic->OpCount("Process"));
 }
-
 }  // namespace
 }  // namespace mixer::test

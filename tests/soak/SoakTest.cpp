@@ -1,13 +1,9 @@
 // mixerd under client chaos (clients play, pause, flush, drain, stop, record, and are killed,
 // stopped and continued at random) beside a reference, whose sine must play without a gap;
 // then the daemon holds no more shared memory, description files, descriptors or memory.
-
 #include <gtest/gtest.h>
-
 #include <random>
-
 #include "tests/support/Mixerd.h"
-
 using namespace mixer::test;
 
 // announced: its description file is whole, so killing it is fair (the daemon has its pid).

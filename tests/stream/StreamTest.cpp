@@ -1,14 +1,10 @@
 #include "mixer/stream/StreamOut.h"
-
 #include <gtest/gtest.h>
-
 #include "mixer/algo/AlgoRampGain.h"
 #include "tests/support/Fake.h"
 #include "tests/support/LogCapture.h"
-
 namespace mixer {
 namespace {
-
 using Frame = boost::shared_ptr<AudioFrame>;
 using Trace = std::vector<std::string>;
 
@@ -21,9 +17,7 @@ struct TraceAlgo : Algo {
         return replace ? out : f;
     }
     uint32_t GetLatencyUs() override { return latency; }
-    std::string tag;
-    Trace* trace;
-    uint32_t latency;
+    std::string tag; Trace* trace; uint32_t latency;
     bool replace = false;  // then returns out
     Frame out;
 };
@@ -37,9 +31,7 @@ TEST(StreamTest, ForwardsItsInputsFramesStateNameMetaAndPriority) {
     Stream s;
     EXPECT_FALSE(s.Process());  // without an input: warnings and defaults
     s.SetPriority(4);
-    EXPECT_EQ(s.GetPriority(), 0u);
-    EXPECT_EQ(s.GetState(), STATE_ACTIVE);
-    EXPECT_EQ(s.GetName() + s.GetMeta(), "");
+    EXPECT_TRUE(s.GetPriority() == 0u && s.GetState() == STATE_ACTIVE && s.GetName() + s.GetMeta() == "");
     EXPECT_EQ(log.Lines(), (Trace{"W Mixer_Stream:Process:No Input:",
                                   "W Mixer_Stream:SetPriority:Cannot set the input stream priority:",
                                   "W Mixer_Stream:GetPriority:Cannot get the input stream priority:"}));
@@ -47,8 +39,7 @@ TEST(StreamTest, ForwardsItsInputsFramesStateNameMetaAndPriority) {
     boost::shared_ptr<test::ScriptedInput> in(new test::ScriptedInput(48000, 2, "alerts"));
     in->name = "shm-17";
     Frame f = in->MakeFrame(5);
-    in->Push(f);
-    in->PushWithState(Frame(), STATE_DRAINING);
+    in->Push(f), in->PushWithState(Frame(), STATE_DRAINING);
     s.SetInput(in);
     EXPECT_EQ(s.GetName() + "|" + s.GetMeta(), "shm-17|alerts");
     EXPECT_EQ(s.Process(), f);
@@ -86,7 +77,6 @@ TEST(StreamTest, ChainRunsInOrderAndItsAlgorithmsAreFoundByIdAndPosition) {
                                   "W Mixer_Stream:AddAlgo:Cannot add empty Algo:", "W Mixer_Stream:AddAlgo:Invalid ID 7:",
                                   "W Mixer_Stream:GetAlgoById:Invalid ID 7:",
                                   "D Mixer_Stream:GetAlgoByPos:Invalid pos 4:"}));
-
     s.ClearAlgos();  // forgets the positions of ids 0 to 5 only
     EXPECT_EQ(s.GetLatencyUs(), 0u);
     EXPECT_FALSE(s.GetAlgoById(static_cast<tAlgoID>(6)));  // position 2 is gone for now
@@ -112,8 +102,7 @@ TEST(StreamOutTest, WritesToItsOutputAndRampsItsGainBeforeSettingTheVolume) {
     EXPECT_EQ(out->Frames().size(), 2u);
     // No input counts as active: a 50-ms ramp at 48000 Hz, 75 + 1 steps.
     EXPECT_EQ(s.SetVolume(30), 7);
-    EXPECT_EQ(gain->ramping, 1);
-    EXPECT_EQ(gain->stepsLeft, 76u);
+    EXPECT_TRUE(gain->ramping == 1 && gain->stepsLeft == 76u);
     EXPECT_EQ(log.Count("D Mixer_Stream:MsgSetSpeakerVol:30:"), 1) << log.Dump();
     EXPECT_EQ(log.Count("E Mixer_Stream:SetVolume:No Output:"), 1) << log.Dump();
     EXPECT_EQ(log.CountPrefix("I Mixer_AlgoRampGain:SetRamp:gain 30 Ramp 127 -> 99 dB steps 76 "), 1) << log.Dump();
@@ -122,14 +111,12 @@ TEST(StreamOutTest, WritesToItsOutputAndRampsItsGainBeforeSettingTheVolume) {
     in->Drain();  // applies the pending state on this (the engine's) thread
     s.SetInput(in);
     EXPECT_EQ(s.SetVolume(100), 7);  // a paused stream jumps at once
-    EXPECT_EQ(gain->ramping, 0);
-    EXPECT_EQ(gain->gainIndex, 175u);
+    EXPECT_TRUE(gain->ramping == 0 && gain->gainIndex == 175u);
     log.Clear();  // without a ramp gain, only the output is set (the lookup misses)
     s.ClearAlgos();
     EXPECT_EQ(s.SetVolume(46), 7);
     EXPECT_EQ(out->Volumes(), (std::vector<int>{30, 100, 46}));
     EXPECT_EQ(log.Lines(), Trace{"D Mixer_Stream:GetAlgoByPos:Invalid pos -1:"});
 }
-
 }  // namespace
 }  // namespace mixer

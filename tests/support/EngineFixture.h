@@ -9,7 +9,6 @@
 #include "tests/support/Fake.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ThreadWakeups.h"
-
 namespace mixer::test {
 const std::chrono::milliseconds kWait(20000);  // only a failing test waits this long
 const int kHangUp = INT_MIN;                   // a level that hangs a scripted input up

@@ -77,9 +77,7 @@ public:
     int PauseCount() const { return CountOf("Pause"); }
     int ResumeCount() const { return CountOf("Resume"); }
     int IdleTickCount() const { return CountOf("IdleTick"); }
-    int PostWriteCount() const { return CountOf("PostWrite"); }
     std::vector<Clock::time_point> WriteTimes() const { return TimesOf("WriteFrame"); }
-    std::vector<Clock::time_point> PauseTimes() const { return TimesOf("Pause"); }
     std::vector<Clock::time_point> IdleTickTimes() const { return TimesOf("IdleTick"); }
     std::vector<Clock::time_point> PostWriteTimes() const { return TimesOf("PostWrite"); }
     std::vector<int> Volumes() const { return Get(volumes_); }  // arguments of SetVolume, in order

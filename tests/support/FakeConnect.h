@@ -1,6 +1,5 @@
 #pragma once
 #include <functional>
-#include <optional>
 #include "mixer/algo/AlgoRampGain.h"
 #include "mixer/core/Connect.h"
 #include "mixer/core/MsgQ.h"
@@ -26,46 +25,32 @@ public:
         RecordLocked("AddPlaybackInputAlgos");
     }
     int AddPlaybackOutputAlgos(boost::shared_ptr<Output> output, boost::shared_ptr<Stream> outStream, tPlaybackModes mode) override {
-        return Call("AddPlaybackOutputAlgos", outputAlgos_, OutputAlgosCall{output, outStream, mode}, outputAlgosResult_, outputHook_,
-                    output, outStream);
+        Lock l(mutex_); outputAlgos_.push_back({output, outStream, mode}), RecordLocked("AddPlaybackOutputAlgos"); return outputAlgosResult_;
     }
     void AddRecordAlgos(boost::shared_ptr<StreamOut> stream, boost::shared_ptr<MsgNewOutput>) override {
         Call("AddRecordAlgos", recordAlgos_, RecordAlgosCall{stream}, 0, recordHook_, stream);
     }
-    void ChainMsgRecord(boost::shared_ptr<MsgHead> msg) override { Call("ChainMsgRecord", chained_, msg, 0, chainHook_, msg); }
+    void ChainMsgRecord(boost::shared_ptr<MsgHead> msg) override { Lock l(mutex_); chained_.push_back(msg), RecordLocked("ChainMsgRecord"); }
     boost::shared_ptr<Output> GetPlaybackDefaultOutput() override { return Next("GetPlaybackDefaultOutput", outputs_, nextOutput_); }
     boost::shared_ptr<Input> GetRecordDefaultInput() override { return Next("GetRecordDefaultInput", inputs_, nextInput_); }
     void GetSumParams(unsigned& rate, unsigned& numCh, tSampleSize& sampleSize) override {
         Lock l(mutex_); rate = rate_, numCh = numCh_, sampleSize = sampleSize_, RecordLocked("GetSumParams");
     }
-    void getAudioVolume(int* volume) override {
-        Lock l(mutex_);
-        if (volume_ && volume) *volume = *volume_;
-        RecordLocked("getAudioVolume");
-    }
+    void getAudioVolume(int*) override { Lock l(mutex_); RecordLocked("getAudioVolume"); }  // writes nothing
     void SetAddNewStreamResult(int result) { Put(addNewStreamResult_, result); }
     void SetAddPlaybackOutputAlgosResult(int result) { Put(outputAlgosResult_, result); }
     void SetSumParams(unsigned rate, unsigned numCh, tSampleSize sampleSize) { Lock l(mutex_); rate_ = rate, numCh_ = numCh, sampleSize_ = sampleSize; }
-    void SetAudioVolume(int volume) { Put(volume_, volume); }
     // Handed out in order, the last one repeating; none: an empty pointer.
     void SetDefaultOutputs(const std::vector<boost::shared_ptr<Output> >& outputs) { Lock l(mutex_); outputs_ = outputs, nextOutput_ = 0; }
     void SetDefaultOutput(boost::shared_ptr<Output> output) { SetDefaultOutputs({output}); }
     void SetDefaultInputs(const std::vector<boost::shared_ptr<Input> >& inputs) { Lock l(mutex_); inputs_ = inputs, nextInput_ = 0; }
-    void SetDefaultInput(boost::shared_ptr<Input> input) { SetDefaultInputs({input}); }
     // Attach a fresh AlgoRampGain to every playback input stream.
     void SetAttachInputRampGain(bool attach) { Put(inputRampGain_, attach); }
     void SetNewStreamHook(std::function<void(const std::string&, const sStreamInfo&)> hook) { Put(newStreamHook_, hook); }
-    void SetOutputAlgosHook(std::function<void(boost::shared_ptr<Output>, boost::shared_ptr<Stream>)> hook) { Put(outputHook_, hook); }
     void SetRecordAlgosHook(std::function<void(boost::shared_ptr<StreamOut>)> hook) { Put(recordHook_, hook); }
-    // ChainMsgRecord also posts its message here (the record engine's queue); null stops.
-    void SetChainTarget(MsgQ* q) { Put(chainHook_, q ? [q](boost::shared_ptr<MsgHead> m) { q->sendMsg(m); } : decltype(chainHook_)()); }
-    std::vector<std::string> Calls() const { return Get(names_); }
     int CallCount(const std::string& op) const { return CountOf(op); }
     std::vector<NewStreamCall> NewStreams() const { return Get(newStreams_); }
-    std::vector<InputAlgosCall> InputAlgos() const { return Get(inputAlgos_); }
     std::vector<OutputAlgosCall> OutputAlgos() const { return Get(outputAlgos_); }
-    std::vector<RecordAlgosCall> RecordAlgos() const { return Get(recordAlgos_); }
-    std::vector<boost::shared_ptr<MsgHead> > ChainedMsgs() const { return Get(chained_); }
     bool WaitForCalls(const std::string& op, int count, std::chrono::milliseconds timeout) const { return WaitForCount(op, count, timeout); }
 private:
     // Records the call, then runs the hook without the lock; returns the result set before the call.
@@ -86,18 +71,15 @@ private:
     std::vector<InputAlgosCall> inputAlgos_;
     std::vector<OutputAlgosCall> outputAlgos_;
     std::vector<RecordAlgosCall> recordAlgos_;
-    std::vector<boost::shared_ptr<MsgHead> > chained_;
+    std::vector<boost::shared_ptr<MsgHead> > chained_;  // kept alive, as a record engine would
     std::vector<boost::shared_ptr<Output> > outputs_;
     std::vector<boost::shared_ptr<Input> > inputs_;
     size_t nextOutput_ = 0, nextInput_ = 0;
     int addNewStreamResult_ = 0, outputAlgosResult_ = 0;
     unsigned rate_ = 48000, numCh_ = 2;  // and sampleSize_: the mixer's sum format
     tSampleSize sampleSize_ = SAMPLE_SIZE_16;
-    std::optional<int> volume_;  // without one getAudioVolume writes nothing
     bool inputRampGain_ = false;
     std::function<void(const std::string&, const sStreamInfo&)> newStreamHook_;
-    std::function<void(boost::shared_ptr<Output>, boost::shared_ptr<Stream>)> outputHook_;
     std::function<void(boost::shared_ptr<StreamOut>)> recordHook_;
-    std::function<void(boost::shared_ptr<MsgHead>)> chainHook_;
 };
 }  // namespace mixer::test

@@ -10,7 +10,6 @@
 namespace mixer::test {
 // False under qemu-user, which keeps no robust list (ENOSYS): a dead owner's lock then stays taken.
 inline bool RobustLocksAvailable() { void* head = nullptr; size_t len = 0; return syscall(SYS_get_robust_list, 0, &head, &len) == 0; }
-
 // A peer process that stalls or dies inside a queue's lock: a forked child that maps the named queue, may feed it
 // zeros, and takes its `mutex` until told to let go. Ready, Lock, Unlock wait for the child's answer.
 class LockingClient {

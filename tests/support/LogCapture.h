@@ -21,10 +21,14 @@ public:
         Lock l(lock_); return std::count_if(lines_.begin(), lines_.end(), [&](const std::string& s) { return s.rfind(prefix, 0) == 0; });
     }
     bool Has(const std::string& line) const { return Count(line) > 0; }
-    // Waits until at least count captured lines equal line; false after timeoutMs.
+    // Waits until at least count captured lines equal line, or (WaitUntil) one matches; false after timeoutMs.
     bool WaitFor(const std::string& line, int count = 1, int timeoutMs = 20000) const {
         Lock l(lock_);
         return added_.wait_for(l, std::chrono::milliseconds(timeoutMs), [&] { return std::count(lines_.begin(), lines_.end(), line) >= count; });
+    }
+    template <class Match> bool WaitUntil(Match match, int timeoutMs = 20000) const {
+        Lock l(lock_);
+        return added_.wait_for(l, std::chrono::milliseconds(timeoutMs), [&] { return std::any_of(lines_.begin(), lines_.end(), match); });
     }
     std::string Dump() const { std::string out; for (const std::string& s : Lines()) out += s + "\n"; return out; }
     void Clear() { Lock l(lock_); lines_.clear(); }

@@ -2,13 +2,11 @@
 
 // mixerd and its tools as programs (tests/e2e, tests/soak), and the WAV file the daemon
 // played into. The including target defines MIXERD_PATH and MIXERCTL_PATH.
-
 #include <fcntl.h>
 #include <signal.h>
 #include <sndfile.h>
 #include <spawn.h>
 #include <sys/wait.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -19,9 +17,7 @@
 #include <string>
 #include <thread>
 #include <vector>
-
 #include "tests/host/TempDir.h"
-
 namespace mixer {
 namespace test {
 
@@ -37,6 +33,7 @@ bool Eventually(Pred pred, int limitMs = 30000) {
     }
     return true;
 }
+
 // Runs the command line cmd (through sh, which execs it) with its output in outFile.
 inline pid_t Spawn(const std::string& cmd, const std::string& outFile) {
     const std::string line = "exec " + cmd + " </dev/null >" + outFile + " 2>&1";
@@ -44,6 +41,7 @@ inline pid_t Spawn(const std::string& cmd, const std::string& outFile) {
     pid_t pid = -1;
     return posix_spawn(&pid, argv[0], nullptr, nullptr, const_cast<char**>(argv), environ) == 0 ? pid : -1;
 }
+
 // The exit status, minus the signal that ended it, or -1000 (killed) after limitMs.
 inline int WaitExit(pid_t pid, int limitMs = 60000) {
     int status = 0, got = 0;
@@ -52,9 +50,11 @@ inline int WaitExit(pid_t pid, int limitMs = 60000) {
         kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
     return got != pid ? -1000 : WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
+
 inline std::string Slurp(const std::string& path) {
     return {std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {}};
 }
+
 inline bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 // The names in a directory (none when there is none) that start with prefix.
 inline std::set<std::string> DirNames(const std::string& path, const std::string& prefix = "") {
@@ -70,8 +70,7 @@ inline std::set<std::string> DirNames(const std::string& path, const std::string
 struct Mixerd {
     TempDir dir;
     const std::string out = dir.File("out.wav"), log = dir.File("mixerd.log"), sock = "/run/mixerd/mixerd.sock";
-    pid_t pid = -1;
-    bool ready = false;
+    pid_t pid = -1; bool ready = false;
     std::string said;  // what the last mixerctl printed
     // options: more of the daemon's options, which win over the ones given here.
     explicit Mixerd(bool start = true, const std::string& options = "") {
@@ -114,6 +113,7 @@ inline bool WriteSine(const std::string& path, int rate, int channels, double fr
                                                         : sf_writef_double(f, x.data(), sf_count_t(n));
     return f && wrote == sf_count_t(n) && sf_close(f) == 0;
 }
+
 // A WAV file's samples (interleaved); info (zeroed by the caller): its rate and channels.
 inline std::vector<int16_t> ReadWav(const std::string& path, SF_INFO& info) {
     SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
@@ -121,6 +121,7 @@ inline std::vector<int16_t> ReadWav(const std::string& path, SF_INFO& info) {
     if (f) s.resize(static_cast<size_t>(sf_readf_short(f, s.data(), info.frames) * info.channels)), sf_close(f);
     return s;
 }
+
 // The amplitude of the tone at freq in each 20-ms window of one channel of 48-kHz stereo.
 inline std::vector<double> Tone(const std::vector<int16_t>& s, double freq, size_t channel = 0) {
     const double k = 2 * std::cos(2 * M_PI * freq / 48000);
@@ -132,6 +133,5 @@ inline std::vector<double> Tone(const std::vector<int16_t>& s, double freq, size
     }
     return a;
 }
-
 }  // namespace test
 }  // namespace mixer

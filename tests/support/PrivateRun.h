@@ -1,8 +1,6 @@
 #pragma once
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-
 #include <cstdlib>
 #include <string>
 

@@ -20,10 +20,8 @@
 #include "mixer/core/Output.h"
 #include "tests/host/TempDir.h"
 #include "tests/support/LogCapture.h"
-
 namespace mixer {
 namespace {
-
 using client::ControlProtocol;
 using client::ControlReply;
 using Strings = std::vector<std::string>;
@@ -75,8 +73,7 @@ struct FakeSink : host::EngineSink {
 // A socket without the client helper, to misbehave: connected, or bound and left as a
 // crashed daemon leaves its socket file.
 int RawSocket(const std::string& path, bool bindOnly = false) {
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
+    sockaddr_un addr = {AF_UNIX, {}};
     std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     auto* a = reinterpret_cast<sockaddr*>(&addr);
@@ -106,8 +103,7 @@ TEST(ControlServerTest, RequestsBecomeEngineMessagesRepliesSayWhatWentWrongAndMi
     close(RawSocket(path, true));
     FakeSink sink;
     host::ControlDispatcher::Settings settings;
-    settings.statusFile = dir.File("status.txt");
-    settings.statusTimeoutMs = settings.latencyTimeoutMs = 300;
+    settings.statusFile = dir.File("status.txt"), settings.statusTimeoutMs = settings.latencyTimeoutMs = 300;
     settings.mixRate = 32000, settings.mixNumCh = 3;
     host::ControlDispatcher d(sink, sink.probe, settings);
     test::LogCapture log;
@@ -175,9 +171,7 @@ TEST(ControlServerTest, SlowOrGoneClientsHoldUpNobodyTheirRequestsAreDroppedAndW
     const std::string path = dir.File("ctl.sock");
     FakeSink sink;
     host::ControlDispatcher::Settings settings;
-    settings.statusFile = dir.File("status.txt");
-    settings.statusTimeoutMs = 1000;
-    settings.maxVolumeTypes = 2;
+    settings.statusFile = dir.File("status.txt"), settings.statusTimeoutMs = 1000, settings.maxVolumeTypes = 2;
     host::ControlDispatcher d(sink, sink.probe, settings);
     host::ControlServer::Limits limits;
     limits.deadlineMs = 1000, limits.maxConnections = 3;
@@ -224,6 +218,5 @@ TEST(ControlServerTest, SlowOrGoneClientsHoldUpNobodyTheirRequestsAreDroppedAndW
         EXPECT_EQ(log.Count(line), 1) << log.Dump();
     EXPECT_EQ(log.CountPrefix("W Mixerd_ControlServer:Serve:no request line within 1000 ms ("), 1);
 }
-
 }  // namespace
 }  // namespace mixer

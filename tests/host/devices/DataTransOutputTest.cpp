@@ -2,25 +2,16 @@
 #include "host/devices/DataTransOutput.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ShmName.h"
-
 namespace mixer {
 namespace {
-
 using Frame = boost::shared_ptr<AudioFrame>;
 using V = std::vector<int64_t>;
 
-// A 20-ms frame whose samples count up from start.
-Frame Ramp(unsigned ss, unsigned rate, unsigned numCh, int start = 0) {
-    Frame f(new AudioFrame(ss, rate, numCh, 20));
-    for (uint32_t i = 0; i < f->len * numCh; ++i)
-        ss == SAMPLE_SIZE_32 ? f->Samples32()[i] = start + static_cast<int>(i) : f->Samples16()[i] = start + i;
+// A 20-ms frame of 16-kHz mono whose samples count up from 0.
+Frame Ramp() {
+    Frame f(new AudioFrame(SAMPLE_SIZE_16, 16000, 1, 20));
+    for (uint32_t i = 0; i < f->len; ++i) f->Samples16()[i] = int16_t(i);
     return f;
-}
-
-V S(AudioFrame& f, size_t from, size_t n) {
-    V v;
-    for (size_t i = from; i < from + n; ++i) v.push_back(f.sampleSize == 4 ? f.Samples32()[i] : f.Samples16()[i]);
-    return v;
 }
 
 // Reads every ready block as the record client would.
@@ -45,10 +36,10 @@ TEST(DataTransOutputTest, FramesAreSplitOverBlocksASlowClientLosesAudioAndALeftO
     boost::shared_ptr<DataTrans> mine(new DataTrans);
     ASSERT_EQ(client.Init(name.c_str(), 4, 256) + mine->Init(name.c_str()), 0);
     host::DataTransOutput out(mine, "micRaw");
-    Frame f = Ramp(SAMPLE_SIZE_16, 16000, 1);  // 640 bytes: three blocks of the four
+    Frame f = Ramp();  // 640 bytes: three blocks of the four
     std::strcpy(f->bufId, "mic");
     ASSERT_EQ(out.WriteFrame(f), 0);
-    EXPECT_EQ(Drain(client), S(*f, 0, 320));
+    EXPECT_EQ(Drain(client), V(f->Samples16(), f->Samples16() + 320));
     // Full: the rest of a frame is dropped without waiting, and said once.
     EXPECT_EQ(V({out.WriteFrame(f), out.WriteFrame(f), out.WriteFrame(f), int64_t(out.BytesWritten()),
                  int64_t(out.BytesDropped()), int64_t(Drain(client).size()), out.WriteFrame(f), out.state}),
@@ -57,6 +48,5 @@ TEST(DataTransOutputTest, FramesAreSplitOverBlocksASlowClientLosesAudioAndALeftO
     client.DeInit();
     EXPECT_EQ(V({out.WriteFrame(f), out.WriteFrame(f), out.state}), (V{-1, -1, STATE_HANGUP}));  // gone for good
 }
-
 }  // namespace
 }  // namespace mixer

@@ -5,17 +5,14 @@
 #include "host/devices/WavOutput.h"
 #include "tests/host/TempDir.h"
 #include "tests/support/LogCapture.h"
-
 namespace mixer {
 namespace {
-
 using host::WavOutput;
 using Frame = boost::shared_ptr<AudioFrame>;
 
 // Time that moves only when slept on.
 struct StepClock : client::RealTimePacer::Clock {
-    int64_t now = 1000000;
-    int sleeps = 0;
+    int64_t now = 1000000; int sleeps = 0;
     int64_t NowUs() override { return now; }
     void SleepUntilUs(int64_t when) override { ++sleeps, now = std::max(now, when); }
 };
@@ -57,9 +54,8 @@ TEST(WavOutputTest, FramesSilenceAndClampedMixesLandInOrderPacedByTheClockAndOth
     const int sleeps = clock.sleeps;
     out.IdleTick();
     out.PostWrite(), out.PostWrite();
-    EXPECT_EQ(clock.sleeps, sleeps);
-    EXPECT_EQ(out.Syncs(), 2u);
-    EXPECT_EQ(out.FramesWritten(), 4u * 160);
+    EXPECT_EQ(std::vector<int64_t>({clock.sleeps, int64_t(out.Syncs()), int64_t(out.FramesWritten())}),
+              std::vector<int64_t>({sleeps, 2, 4 * 160}));
     EXPECT_EQ(Samples(dir.File("o.wav")).size(), 4u * 160);  // readable before the close, as after a kill
     out.Close();
     const std::vector<short> s = Samples(dir.File("o.wav"));
@@ -95,6 +91,5 @@ TEST(WavMicInputTest, MonoIsHeardOnEveryChannelAndLoopsUnusableFilesAreRefused) 
     Write(dir.File("empty.wav"), 8000, 1, {});
     for (const char* name : {"fast.wav", "empty.wav", "missing.wav"}) EXPECT_FALSE(host::WavMicInput::Open(dir.File(name), 1, true));
 }
-
 }  // namespace
 }  // namespace mixer

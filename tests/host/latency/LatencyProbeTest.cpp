@@ -4,19 +4,13 @@
 #include "host/latency/LatencyCarrierInput.h"
 #include "host/latency/LatencyListener.h"
 #include "host/latency/LatencyProbe.h"
-
 namespace mixer {
 namespace {
-
 using host::LatencyProbe;
 using Frame = boost::shared_ptr<AudioFrame>;
 using V = std::vector<int64_t>;
 
-V S(AudioFrame& f, size_t from, size_t n) {
-    V v;
-    for (size_t i = from; i < from + n; ++i) v.push_back(f.Samples16()[i]);
-    return v;
-}
+V S(AudioFrame& f, size_t n) { return V(f.Samples16(), f.Samples16() + n); }  // the first n samples
 
 TEST(LatencyProbeTest, TheDelayIsToTheFirstLoudSampleCapturedAfterTheMark) {
     boost::shared_ptr<LatencyProbe> probe(new LatencyProbe);
@@ -27,7 +21,7 @@ TEST(LatencyProbeTest, TheDelayIsToTheFirstLoudSampleCapturedAfterTheMark) {
     probe->Marked(5);  // outside a test: nothing
     EXPECT_FALSE(probe->Active());
     probe->Arm();
-    EXPECT_EQ(S(*carrier.Process(), 0, 6), (V{1, 1, -1, -1, 1, 1}));  // faint, not silent
+    EXPECT_EQ(S(*carrier.Process(), 6), (V{1, 1, -1, -1, 1, 1}));  // faint, not silent
     EXPECT_TRUE(probe->WantsMark());
     probe->Marked(1000000), probe->Marked(2000000);  // only the first mark counts
     EXPECT_FALSE(probe->WantsMark() || carrier.Process());  // the carrier's frame budget spent
@@ -46,7 +40,7 @@ TEST(LatencyProbeTest, TheDelayIsToTheFirstLoudSampleCapturedAfterTheMark) {
     const int L = LatencyProbe::kMarkLevel;
     AudioFrame mark(SAMPLE_SIZE_16, 48000, 2, 20);
     LatencyProbe::WriteMark(mark);
-    EXPECT_EQ(S(mark, 0, 10), (V{L, L, L, L, -L, -L, -L, -L, L, L}));
+    EXPECT_EQ(S(mark, 10), (V{L, L, L, L, -L, -L, -L, -L, L, L}));
     // The echo arriving on another thread ends the wait long before its limit.
     probe->Arm();
     std::thread record([&probe, &mark] { probe->Marked(0), probe->OnMicFrame(mark, 40000); });
@@ -54,6 +48,5 @@ TEST(LatencyProbeTest, TheDelayIsToTheFirstLoudSampleCapturedAfterTheMark) {
     EXPECT_EQ(delayUs, 20000);
     record.join();
 }
-
 }  // namespace
 }  // namespace mixer
