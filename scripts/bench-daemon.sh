@@ -68,8 +68,9 @@ start_daemon() {
   local out=(--output alsa --device null)
   [ "$output" = wav ] && out=(--output wav --out-file "$work/out.wav")
   rm -f "$work/ready" && mkfifo "$work/ready"
+  # The 32-client row is one user's streams: above the daemon's default per-user limit.
   "$build/host/mixerd" "${out[@]}" --resampler "$resampler" --mic tone --mic-off \
-    --socket "$work/ctl.sock" --status-file "$work/status" --log-stderr --log-mask EW \
+    --streams-per-user 64 --streams-max 64 --socket "$work/ctl.sock" --status-file "$work/status" --log-stderr --log-mask EW \
     --ready-fd 3 "$@" 3>"$work/ready" 2>>"$work/mixerd.log" &
   daemon=$!
   local word
