@@ -114,9 +114,7 @@ TEST(ToolsTest, TheDaemonsAnswersReachTheToolsAndSoundPlaysAsItIs) {
         play = Spawn(longPlay + name, d.dir.File("p"));
         ASSERT_TRUE(Eventually([&] { return d.Ctl("status") == 0 && d.said.find("\t" + name + "\t") != std::string::npos; }));
         // Past its opening: its sound reaches the output.
-        const auto size = [&] { struct stat st {}; return stat(d.out.c_str(), &st) == 0 ? st.st_size : 0; };
-        const off_t before = size();
-        ASSERT_TRUE(Eventually([&] { return size() > before + 19200; }));
+        ASSERT_TRUE(d.PlaysOn(19200));
         if (sig == SIGSTOP) kill(d.pid, SIGSTOP);
         else d.Stop(SIGKILL);
         EXPECT_EQ(WaitExit(play, 2000), 1);

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sndfile.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <algorithm>
 #include <chrono>
@@ -92,6 +93,12 @@ struct Mixerd {
     int Ctl(const std::string& request) {  // mixerctl: its exit status
         const int status = WaitExit(Spawn(MIXERCTL_PATH " " + request, dir.File("ctl")));
         return said = Slurp(dir.File("ctl")), status;
+    }
+    // Whether the output grows by bytes more within limitMs (the daemon plays on).
+    bool PlaysOn(off_t bytes, int limitMs = 30000) {
+        const auto size = [&] { struct stat st {}; return stat(out.c_str(), &st) == 0 ? st.st_size : 0; };
+        const off_t before = size();
+        return Eventually([&] { return size() > before + bytes; }, limitMs);
     }
 };
 
